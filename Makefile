@@ -1,0 +1,54 @@
+# Coilscope: build, test, demo and benchmarks. Every target installs what is
+# missing first (Debian packages only).
+JOBS ?= $(shell nproc)
+BUILD := build
+ASAN := build-asan
+TSAN := build-tsan
+
+.PHONY: all deps build build-asan build-tsan test demo bench fuzz clean
+
+all: build
+
+deps:
+	@bash scripts/install-deps.sh
+
+build: deps
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS)
+
+build-asan: deps
+	@cmake -S . -B $(ASAN) -DCMAKE_BUILD_TYPE=Debug -DCOILSCOPE_SANITIZE=address -DCOILSCOPE_ENGINE_ONLY=ON >/dev/null
+	@cmake --build $(ASAN) -j $(JOBS)
+
+build-tsan: deps
+	@cmake -S . -B $(TSAN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCOILSCOPE_SANITIZE=thread -DCOILSCOPE_ENGINE_ONLY=ON >/dev/null
+	@cmake --build $(TSAN) -j $(JOBS) --target threaded_tests
+
+# The whole suite, then the engine tests and fuzz corpora again under
+# AddressSanitizer and UndefinedBehaviorSanitizer, then the threaded tests under
+# ThreadSanitizer.
+test: build build-asan build-tsan
+	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+	@cd $(ASAN) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
+	@cd $(TSAN) && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L threaded
+
+demo: deps
+	@cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DCOILSCOPE_BENCH=OFF >/dev/null
+	@cmake --build build-release -j $(JOBS) --target coilscope-cli
+	@./build-release/app/coilscope-cli demo
+
+bench: deps
+	@cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build build-release -j $(JOBS)
+	@for b in build-release/bench/*_bench; do echo "== $$b"; $$b; done
+
+# Coverage-guided fuzzing with libFuzzer (clang); FUZZ_SECONDS per target.
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCOILSCOPE_SANITIZE=address -DCOILSCOPE_ENGINE_ONLY=ON -DCOILSCOPE_LIBFUZZER=ON >/dev/null
+	@cmake --build build-fuzz -j $(JOBS) --target fuzz_targets
+	@for f in build-fuzz/tests/fuzz/*_fuzz; do n=$$(basename $$f); mkdir -p build-fuzz/corpus-$$n; \
+	  $$f -max_total_time=$(FUZZ_SECONDS) build-fuzz/corpus-$$n tests/fuzz/corpus/$${n%_fuzz}; done
+
+clean:
+	rm -rf $(BUILD) $(ASAN) $(TSAN) build-release build-fuzz

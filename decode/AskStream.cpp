@@ -1,0 +1,403 @@
+#include "decode/AskStream.h"
+
+#include "common/TimeText.h"
+#include "services/Log.h"
+
+#include <algorithm>
+
+void FivePointFilter(const std::vector<int32_t>& x, std::vector<int32_t>& y)
+{
+    const size_t n = x.size();
+    y.resize(n);
+    if (n < 5) {
+        std::copy(x.begin(), x.end(), y.begin());
+        return;
+    }
+    // All terms are integers, so integer division truncates toward zero exactly
+    // as the double-precision quotient cut to an integer does.
+    auto at = [&x](size_t i) { return static_cast<int64_t>(x[i]); };
+    y[0] = static_cast<int32_t>((3 * at(0) + 2 * at(1) + at(2) - at(4)) / 5);
+    y[1] = static_cast<int32_t>((4 * at(0) + 3 * at(1) + 2 * at(2) + at(3)) / 10);
+    int64_t window = at(0) + at(1) + at(2) + at(3) + at(4);
+    for (size_t i = 2; i + 2 < n; ++i) {
+        y[i] = static_cast<int32_t>(window / 5);
+        if (i + 3 < n)
+            window += at(i + 3) - at(i - 2);
+    }
+    y[n - 2] = static_cast<int32_t>((4 * at(n - 1) + 3 * at(n - 2) + 2 * at(n - 3) + at(n - 4)) / 10);
+    y[n - 1] = static_cast<int32_t>((3 * at(n - 1) + 2 * at(n - 2) + at(n - 3) - at(n - 5)) / 5);
+}
+
+// ---------------------------------------------------------------- SlopeTracker
+
+void SlopeTracker::Update(SlopeRun& run, int32_t d, int32_t drop, int32_t v, int32_t p)
+{
+    if (run.confirmed)
+        return;
+    if (run.startPosition != 0 && d > stepThreshold) {
+        const bool enough = run.count >= minSteps && p - run.startPosition >= 6;
+        if (!enough && drop <= swingThreshold) {
+            run.count += 1;
+            run.lastValue = v;
+        } else {
+            run.confirmed = 1;
+            run.count += 1;
+            run.lastValue = v;
+        }
+    } else if (run.startPosition != 0 && d >= 0) {
+        // A small step in the run's direction, or a flat sample: the run neither
+        // advances nor breaks.
+    } else {
+        run.confirmed = 0;
+        run.count = 1;
+        run.startValue = v;
+        run.startPosition = p;
+        run.lastValue = v;
+    }
+}
+
+void SlopeTracker::TrimBelow(int64_t limit)
+{
+    while (!recent.empty() && recent.front().position < limit)
+        recent.pop_front();
+}
+
+int SlopeTracker::Step(int32_t v, int32_t p)
+{
+    recent.push_back({v, p});
+    Update(falling, falling.lastValue - v, falling.startValue - v, v, p);
+    Update(rising, v - rising.lastValue, v - rising.startValue, v, p);
+
+    const bool f = falling.confirmed != 0;
+    const bool r = rising.confirmed != 0;
+    const bool due = (r && (f || p - rising.startPosition >= 201)) ||
+                     (f && !r && p - falling.startPosition >= 201);
+    if (due) {
+        if (falling.startPosition >= rising.startPosition) {
+            TrimBelow(static_cast<int64_t>(rising.startPosition) - minSteps);
+            edgePosition = RisingCrossing();
+            const int64_t t = static_cast<int64_t>(falling.startPosition) + edgePosition;
+            rising.Clear();
+            TrimBelow(t / 2);
+            return 1;
+        }
+        TrimBelow(static_cast<int64_t>(falling.startPosition) - minSteps);
+        edgePosition = FallingCrossing();
+        const int64_t t = static_cast<int64_t>(edgePosition) + rising.startPosition;
+        falling.Clear();
+        TrimBelow(t / 2);
+        return -1;
+    }
+    // The 50 samples of margin apply to the falling side only.
+    if (falling.startPosition <= rising.startPosition)
+        TrimBelow(static_cast<int64_t>(falling.startPosition) - 50);
+    else
+        TrimBelow(rising.startPosition);
+    return 0;
+}
+
+int32_t SlopeTracker::RisingCrossing() const
+{
+    const int32_t size = static_cast<int32_t>(recent.size());
+    if (refine == 0) {
+        int32_t largest = 0, smallest = 5000;
+        for (const Entry& e : recent) {
+            largest = std::max(largest, e.value);
+            smallest = std::min(smallest, e.value);
+        }
+        const int32_t middle = (largest + smallest) / 2;
+        for (const Entry& e : recent)
+            if (e.value > middle)
+                return e.position;
+        return rising.startPosition + size;
+    }
+    // At the foot: walk back from the newest entry over the top of the edge until
+    // the values have fallen by more than a step minSteps times in a row, or
+    // by more than a swing below the top.
+    int32_t m = 0;
+    for (const Entry& e : recent)
+        m = std::max(m, e.value);
+    if (recent.empty())
+        return (rising.startPosition + size) >> 1;
+    auto it = recent.rbegin();
+    int32_t ref = it->value;
+    int32_t pos = it->position;
+    int32_t run = 1;
+    for (++it; it != recent.rend(); ++it) {
+        const int32_t x = it->value;
+        if (ref - x > stepThreshold) {
+            run += 1;
+            if (run >= minSteps || m - x > swingThreshold) {
+                pos = it->position;
+                break;
+            }
+        } else {
+            ref = x;
+            pos = it->position;
+            run = 1;
+        }
+    }
+    return (rising.startPosition + pos + size) >> 1;
+}
+
+int32_t SlopeTracker::FallingCrossing() const
+{
+    const int32_t size = static_cast<int32_t>(recent.size());
+    if (refine == 0) {
+        int32_t largest = 0, smallest = 5000;
+        for (const Entry& e : recent) {
+            largest = std::max(largest, e.value);
+            smallest = std::min(smallest, e.value);
+        }
+        const int32_t middle = (largest + smallest) / 2;
+        for (const Entry& e : recent)
+            if (e.value < middle)
+                return e.position;
+        return falling.startPosition + size;
+    }
+    int32_t m = 5000;
+    for (const Entry& e : recent)
+        m = std::min(m, e.value);
+    if (recent.empty())
+        return (falling.startPosition + size) >> 1;
+    auto it = recent.rbegin();
+    int32_t ref = it->value;
+    int32_t pos = it->position;
+    int32_t run = 1;
+    for (++it; it != recent.rend(); ++it) {
+        const int32_t x = it->value;
+        if (x - ref > stepThreshold) {
+            run += 1;
+            if (run >= minSteps || x - m > swingThreshold) {
+                pos = it->position;
+                break;
+            }
+        } else {
+            ref = x;
+            pos = it->position;
+            run = 1;
+        }
+    }
+    return (falling.startPosition + pos + size) >> 1;
+}
+
+// ------------------------------------------------------------- AskEdgeDetector
+
+AskEdgeDetector::AskEdgeDetector()
+{
+    tracker.stepThreshold = 35;
+    tracker.swingThreshold = 175;
+    tracker.minSteps = 3;
+}
+
+namespace {
+
+// Sets the tracker's thresholds from the swing of a block: a step is the swing
+// divided by `divisor`, a swing five steps, never below 5 and 25.
+int32_t SetThresholds(SlopeTracker& tracker, const std::vector<int32_t>& y, int32_t divisor)
+{
+    const auto range = std::minmax_element(y.begin(), y.end());
+    const int32_t amplitude = *range.second - *range.first;
+    tracker.stepThreshold = amplitude / divisor;
+    tracker.swingThreshold = 5 * tracker.stepThreshold;
+    if (tracker.stepThreshold < 5) {
+        tracker.stepThreshold = 5;
+        tracker.swingThreshold = 25;
+    }
+    return amplitude;
+}
+
+// Feeds y through the tracker and cuts a pulse at every edge it reports. The
+// samples of each pulse are taken from the head of the waiting list, which is
+// left holding the samples after the last edge.
+void CutPulses(AskEdgeDetector& det, const std::vector<int32_t>& y, uint64_t start,
+               std::vector<PulseRecord>& pulses, std::deque<int32_t>& waiting)
+{
+    for (int32_t v : y) {
+        waiting.push_back(v);
+        const int r = det.tracker.Step(v, det.index);
+        det.index += 1;
+        if (r == 0)
+            continue;
+        PulseRecord pulse;
+        const int32_t edge = det.tracker.edgePosition;
+        pulse.duration = static_cast<int64_t>(edge) - det.lastEdge;
+        pulse.level = r == 1 ? 1 : 0;
+        pulse.mark = static_cast<uint32_t>(start + static_cast<uint64_t>(static_cast<int64_t>(edge)));
+        const size_t take = pulse.duration > 0
+                                ? std::min(static_cast<size_t>(pulse.duration), waiting.size())
+                                : 0;
+        pulse.samples.assign(waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(take));
+        waiting.erase(waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(take));
+        pulses.push_back(std::move(pulse));
+        det.lastEdge = edge;
+    }
+}
+
+}  // namespace
+
+void AskEdgeDetector::Detect(const std::vector<int32_t>& in, uint64_t start,
+                             std::vector<PulseRecord>& pulses, std::vector<int32_t>& leftover,
+                             bool& pending)
+{
+    pending = true;
+    pulses.clear();
+    leftover.clear();
+    if (in.empty())
+        return;
+    std::vector<int32_t> y;
+    FivePointFilter(in, y);
+    amplitude = SetThresholds(tracker, y, 80);
+
+    std::deque<int32_t> waiting;
+    CutPulses(*this, y, start, pulses, waiting);
+
+    if (waiting.size() > 200) {
+        pending = false;
+        waiting.erase(waiting.begin(), waiting.end() - 200);
+    }
+    leftover.assign(waiting.begin(), waiting.end());
+    tracker.ClearRuns();
+}
+
+void AskEdgeDetector::Refine(TriggerData& burst, std::vector<PulseRecord>& pulses)
+{
+    pulses.clear();
+    if (burst.samples.empty())
+        return;
+    burst.rawSamples = burst.samples;
+    FivePointFilter(burst.rawSamples, burst.samples);
+
+    tracker.refine = 1;
+    amplitude = SetThresholds(tracker, burst.samples, 60);
+
+    // Marks here are the burst's start time in microseconds plus a position in
+    // samples: only a label.
+    std::deque<int32_t> waiting;
+    CutPulses(*this, burst.samples, burst.startTime, pulses, waiting);
+
+    // Close the burst with a pulse far too long to be read as a bit.
+    const uint32_t lastMark =
+        static_cast<uint32_t>(burst.startTime + static_cast<uint64_t>(burst.samples.size() - 1));
+    if (tracker.rising.confirmed) {
+        PulseRecord pulse;
+        pulse.level = 1;
+        pulse.duration = static_cast<int64_t>(tracker.RisingCrossing()) + static_cast<int64_t>(burst.startTime);
+        pulse.mark = lastMark;
+        pulses.push_back(std::move(pulse));
+    }
+    if (tracker.falling.confirmed) {
+        PulseRecord pulse;
+        pulse.level = 0;
+        pulse.duration = static_cast<int64_t>(tracker.FallingCrossing()) + static_cast<int64_t>(burst.startTime);
+        pulse.mark = lastMark;
+        pulses.push_back(std::move(pulse));
+    }
+    tracker.ClearRuns();
+}
+
+// ------------------------------------------------------------------- AskStream
+
+namespace {
+
+std::shared_ptr<TriggerData> BurstOf(std::vector<PulseRecord>& pulses, size_t begin, size_t end)
+{
+    auto burst = std::make_shared<TriggerData>();
+    size_t total = 0;
+    for (size_t i = begin; i < end; ++i)
+        total += pulses[i].samples.size();
+    burst->samples.reserve(total);
+    for (size_t i = begin; i < end; ++i)
+        burst->samples.insert(burst->samples.end(), pulses[i].samples.begin(), pulses[i].samples.end());
+    burst->startTime = static_cast<uint64_t>(pulses[begin].mark) - pulses[begin].samples.size();
+    burst->endTime = pulses[end - 1].mark;
+    return burst;
+}
+
+}  // namespace
+
+void AskStream::Process()
+{
+    // 200 samples are 5 ms of envelope.
+    if (m_samples.size() < 200)
+        return;
+
+    AskEdgeDetector detector;
+    const uint64_t start = m_newest - m_samples.size();
+    bool pending = true;
+    detector.Detect(m_samples, start, m_pulses, m_leftover, pending);
+
+    // A pulse of 31 samples or more is a silence of at least one and a half bit
+    // times at 2 kHz: it closes the group that it ends.
+    std::vector<std::pair<size_t, size_t>> groups;
+    size_t groupStart = 0;
+    for (size_t i = 0; i < m_pulses.size(); ++i) {
+        if (m_pulses[i].duration >= 31) {
+            groups.emplace_back(groupStart, i + 1);
+            groupStart = i + 1;
+        }
+    }
+    if (groupStart < m_pulses.size())
+        groups.emplace_back(groupStart, m_pulses.size());
+
+    if (groups.empty())
+        pending = false;
+    const size_t count = groups.size() - (pending ? 1 : 0);
+
+    for (size_t g = 0; g < count; ++g) {
+        const size_t begin = groups[g].first, end = groups[g].second;
+        auto burst = BurstOf(m_pulses, begin, end);
+        // A packet has at least 45 transitions; fewer are noise.
+        if (end - begin < 45)
+            continue;
+        burst->pulses.reserve(end - begin);
+        for (size_t i = begin; i < end; ++i)
+            burst->pulses.push_back(std::move(m_pulses[i]));
+        const auto range = std::minmax_element(burst->samples.begin(), burst->samples.end());
+        burst->amplitude = burst->samples.empty() ? 0 : *range.second - *range.first;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            burst->startTime *= 25;
+            burst->endTime *= 25;
+            m_output.push_back(burst);
+        }
+        Log::Printf("ASK time %s us", TimeText(static_cast<int64_t>(burst->startTime)).c_str());
+    }
+
+    if (!pending) {
+        m_samples.swap(m_leftover);
+        return;
+    }
+    // The open last group is looked at again on the next pass, with at most its
+    // newest 2000 samples (50 ms). Its samples are already smoothed and will be
+    // smoothed once more.
+    auto open = BurstOf(m_pulses, groups.back().first, groups.back().second);
+    std::vector<int32_t>& kept = open->samples;
+    if (kept.size() >= 2000)
+        kept.erase(kept.begin(), kept.end() - 2000);
+    kept.insert(kept.end(), m_leftover.begin(), m_leftover.end());
+    m_samples.swap(kept);
+}
+
+std::shared_ptr<TriggerData> AskStream::Take()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_output.empty())
+        return nullptr;
+    auto burst = m_output.front();
+    m_output.pop_front();
+    return burst;
+}
+
+void AskStream::Clear()
+{
+    m_samples.clear();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_output.clear();
+}
+
+size_t AskStream::PendingBursts()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_output.size();
+}

@@ -1,0 +1,118 @@
+// Cutting of the ASK envelope into bursts of pulses: five-point smoothing, edge
+// detection with thresholds that follow the envelope's swing, and grouping of
+// pulses by long gaps. Each burst of enough pulses is one packet candidate.
+#pragma once
+
+#include "common/TriggerData.h"
+
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+// Five-point smoothing, computed in double precision and truncated toward zero.
+void FivePointFilter(const std::vector<int32_t>& x, std::vector<int32_t>& y);
+
+// One run of monotone steps, falling or rising.
+struct SlopeRun {
+    int32_t count = 0;
+    int32_t startPosition = 0;
+    int32_t startValue = 0;
+    int32_t lastValue = 0;
+    int32_t confirmed = 0;
+    void Clear() { *this = SlopeRun(); }
+};
+
+// Follows the falling and the rising slope of a sample series and reports an
+// edge when a run is confirmed and the opposite one has begun (or 201 samples
+// have gone by without one).
+class SlopeTracker {
+public:
+    struct Entry {
+        int32_t value;
+        int32_t position;
+    };
+
+    int32_t stepThreshold = 50;
+    int32_t swingThreshold = 500;
+    int32_t minSteps = 3;
+    int32_t edgePosition = 0;  // output: where the reported edge lies
+    std::deque<Entry> recent;
+    SlopeRun falling;
+    SlopeRun rising;
+    int32_t refine = 0;  // 1: crossings are taken at the foot of the edge
+
+    // Feeds value v at position p. Returns 1 for a rising edge, -1 for a falling
+    // edge, 0 for none; edgePosition tells where the edge is.
+    int Step(int32_t v, int32_t p);
+
+    int32_t RisingCrossing() const;
+    int32_t FallingCrossing() const;
+    void ClearRuns()
+    {
+        falling.Clear();
+        rising.Clear();
+    }
+
+private:
+    void Update(SlopeRun& run, int32_t d, int32_t drop, int32_t v, int32_t p);
+    void TrimBelow(int64_t limit);
+};
+
+// One pass of edge detection over a block of samples; a fresh one per pass.
+class AskEdgeDetector {
+public:
+    AskEdgeDetector();
+
+    // Detects the pulses of in. start is the number of the sample before in[0]
+    // (marks are start + edge position). leftover receives the smoothed samples
+    // after the last edge; pending goes false when more than 200 samples follow
+    // it, and then only the newest 200 are left over.
+    void Detect(const std::vector<int32_t>& in, uint64_t start, std::vector<PulseRecord>& pulses,
+                std::vector<int32_t>& leftover, bool& pending);
+
+    // The second, finer look at a burst before it is decoded: smooths the burst's
+    // samples again (keeping the originals in rawSamples), takes edges at their
+    // foot and closes the burst with a deliberately long pulse.
+    void Refine(TriggerData& burst, std::vector<PulseRecord>& pulses);
+
+    int32_t index = 0;
+    int32_t lastEdge = 0;
+    SlopeTracker tracker;
+    int32_t amplitude = 0;
+};
+
+class AskStream {
+public:
+    // Appends one sample with its number.
+    void Add(int32_t sample, uint64_t number)
+    {
+        m_samples.push_back(sample);
+        m_newest = number;
+    }
+
+    // Cuts the samples gathered so far into bursts; see the notes in the source.
+    void Process();
+
+    // Pops the oldest burst, or null.
+    std::shared_ptr<TriggerData> Take();
+
+    // Empties the sample vector and the output list.
+    void Clear();
+
+    size_t PendingBursts();
+    const std::vector<int32_t>& Samples() const { return m_samples; }
+    uint64_t Newest() const { return m_newest; }
+
+private:
+    uint64_t m_newest = 0;
+    std::mutex m_mutex;
+    std::list<std::shared_ptr<TriggerData>> m_output;
+    std::vector<int32_t> m_samples;
+    // Scratch space reused from pass to pass.
+    std::vector<PulseRecord> m_pulses;
+    std::vector<int32_t> m_leftover;
+};

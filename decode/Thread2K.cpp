@@ -1,0 +1,173 @@
+#include "decode/Thread2K.h"
+
+#include <chrono>
+
+CThread2K::CThread2K(PortFactory factory) : m_factory(std::move(factory)) {}
+
+CThread2K::~CThread2K()
+{
+    Close();
+}
+
+int CThread2K::Open(const std::string& portName, bool writeHeader, int baud, int queueMode)
+{
+    const bool alreadyOpen = m_port != nullptr;
+    const int opened = OpenWithoutLoop(portName, writeHeader, baud);
+    if (!alreadyOpen)
+        Start();
+    return opened;
+}
+
+int CThread2K::OpenWithoutLoop(const std::string& portName, bool writeHeader, int baud)
+{
+    m_bytesSeen = 0;
+    m_sampleCounter = 0;
+    // Raw capture files are opened here once they are asked for in the settings.
+    m_divider = 5;
+    if (m_port)
+        return 1;
+
+    m_replay.clear();
+    int opened = 0;
+    if (m_factory) {
+        m_port = m_factory();
+        if (m_port && m_port->OpenPort(portName, baud, 0, true)) {
+            opened = 1;
+            // Whole 16-bit words only.
+            m_port->SetGranularity(2);
+        } else {
+            m_port.reset();
+        }
+    }
+    m_rangeMax = 0;
+    m_rangeMin = 4096;
+    m_rangeCount = 0;
+    m_remaining = 0;
+    m_timeStamp = 0;
+    m_state = 0;
+    return opened;
+}
+
+void CThread2K::Close()
+{
+    Stop();
+    if (m_port) {
+        m_port->ClosePort();
+        m_port.reset();
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_displayMutex);
+        m_display.clear();
+    }
+    m_stream.Clear();
+    if (m_captureFile) {
+        std::fclose(m_captureFile);
+        m_captureFile = nullptr;
+    }
+}
+
+void CThread2K::Run()
+{
+    m_sampleCounter = 0;
+    while (m_running.load(std::memory_order_relaxed)) {
+        if (RunPass() == 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+size_t CThread2K::RunPass()
+{
+    if (m_clearRequested.exchange(false, std::memory_order_relaxed))
+        m_stream.Clear();
+    size_t words = 0;
+    if (m_port) {
+        std::list<DataPtr> chunks;
+        m_port->WaitReplies(chunks, 0, 0);
+        for (const DataPtr& chunk : chunks) {
+            const int32_t n = chunk->length;
+            if (n <= 0)
+                continue;
+            m_bytesSeen += n;
+            if (m_captureFile) {
+                std::fwrite(chunk->buffer.get(), 1, static_cast<size_t>(n), m_captureFile);
+                std::fflush(m_captureFile);
+            }
+            ParseWords(chunk->buffer.get(), static_cast<size_t>(n / 2));
+            words += static_cast<size_t>(n / 2);
+        }
+    }
+    m_stream.Process();
+    return words;
+}
+
+void CThread2K::ParseWords(const uint8_t* bytes, size_t words)
+{
+    for (size_t k = 0; k < words; ++k) {
+        const uint32_t w = static_cast<uint32_t>(bytes[2 * k]) | (static_cast<uint32_t>(bytes[2 * k + 1]) << 8);
+        switch (m_state) {
+        case 0:
+            m_remaining = w;
+            m_state = 1;
+            break;
+        case 1:
+            m_remaining += w << 16;
+            m_state = 2;
+            break;
+        case 2:
+            m_timeStamp = w;
+            m_state = 3;
+            break;
+        case 3:
+            m_timeStamp += w << 16;
+            m_state = 4;
+            break;
+        default: {
+            const uint64_t number = m_sampleCounter++;
+            m_stream.Add(static_cast<int32_t>(w), number);
+            const int32_t value = static_cast<int32_t>(w);
+            if (value > m_rangeMax)
+                m_rangeMax = value;
+            if (value < m_rangeMin)
+                m_rangeMin = value;
+            m_rangeCount += 1;
+            if (m_rangeCount > 8000) {
+                m_rangeMax = 0;
+                m_rangeMin = 4096;
+                m_rangeCount = 0;
+            }
+            // One sample in six reaches the display.
+            if (m_decimation++ == m_divider) {
+                m_decimation = 0;
+                std::lock_guard<std::mutex> lock(m_displayMutex);
+                m_display.push_back(static_cast<uint16_t>(w));
+                if (m_display.size() > kDisplayLimit)
+                    m_display.pop_front();
+            }
+            m_remaining -= 2;
+            if (static_cast<int32_t>(m_remaining) < 1)
+                m_state = 0;
+            break;
+        }
+        }
+    }
+}
+
+std::list<uint16_t> CThread2K::TakeDisplaySamples()
+{
+    std::lock_guard<std::mutex> lock(m_displayMutex);
+    std::list<uint16_t> out(m_display.begin(), m_display.end());
+    m_display.clear();
+    return out;
+}
+
+void CThread2K::ClearDisplaySamples()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_displayMutex);
+        m_display.clear();
+    }
+    m_clearRequested.store(true, std::memory_order_relaxed);
+    // The output list is guarded by its own lock and can go at once.
+    while (m_stream.Take()) {
+    }
+}

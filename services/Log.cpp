@@ -1,0 +1,97 @@
+#include "services/Log.h"
+
+#include <QDir>
+#include <QStandardPaths>
+
+#include <cstdarg>
+#include <ctime>
+
+namespace {
+
+std::string LocalTime(const char* format)
+{
+    std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    localtime_r(&now, &parts);
+    char text[64];
+    std::strftime(text, sizeof text, format, &parts);
+    return text;
+}
+
+}  // namespace
+
+Log& Log::Instance()
+{
+    static Log* instance = new Log();  // lives to the end of the process
+    return *instance;
+}
+
+Log::~Log()
+{
+    if (m_file)
+        std::fclose(m_file);
+}
+
+std::string Log::Folder()
+{
+    // The roaming application-data folder of the desktop is the XDG data home.
+    QString base = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
+    return (base + QStringLiteral("/Coilscope")).toStdString();
+}
+
+std::string Log::FilePath() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_file ? m_path : std::string();
+}
+
+void Log::OpenFile()
+{
+    std::string path = "E:";
+    std::string folder = Folder();
+    QDir().mkpath(QString::fromStdString(folder));
+    path = folder;
+    if (path.size() < 5)
+        return;
+    std::string name = path + "/log_" + LocalTime("%Y-%m-%d %H-%M-%S") + ".txt";
+    std::FILE* file = std::fopen(name.c_str(), "wb");
+    if (!file)
+        return;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_file) {
+        // Another thread opened it first; keep that one.
+        std::fclose(file);
+        return;
+    }
+    m_file = file;
+    m_path = name;
+}
+
+void Log::WriteLine(const std::string& message)
+{
+    bool open;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        open = m_file != nullptr;
+    }
+    if (!open)
+        OpenFile();
+    std::string line = LocalTime("%Y-%m-%d %H-%M-%S") + message + "\r\n";
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_file)
+        return;
+    std::fwrite(line.data(), 1, line.size(), m_file);
+    std::fflush(m_file);
+}
+
+std::string Log::Printf(const char* format, ...)
+{
+    char buffer[200];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(buffer, sizeof buffer, format, args);
+    va_end(args);
+    std::string message(buffer);
+    Instance().WriteLine(message);
+    return message;
+}
