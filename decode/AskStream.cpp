@@ -389,6 +389,12 @@ std::shared_ptr<TriggerData> AskStream::Take()
     return burst;
 }
 
+void AskStream::Put(std::shared_ptr<TriggerData> burst)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_output.push_back(std::move(burst));
+}
+
 void AskStream::Clear()
 {
     m_samples.clear();

@@ -99,6 +99,8 @@ public:
 
     // Pops the oldest burst, or null.
     std::shared_ptr<TriggerData> Take();
+    // Queues a burst made elsewhere (a recorded one, for instance).
+    void Put(std::shared_ptr<TriggerData> burst);
 
     // Empties the sample vector and the output list.
     void Clear();
