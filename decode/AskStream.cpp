@@ -30,7 +30,7 @@ void FivePointFilter(const std::vector<int32_t>& x, std::vector<int32_t>& y)
 
 // ---------------------------------------------------------------- SlopeTracker
 
-void SlopeTracker::Update(SlopeRun& run, int32_t d, int32_t drop, int32_t v, int32_t p)
+inline void SlopeTracker::Update(SlopeRun& run, int32_t d, int32_t drop, int32_t v, int32_t p)
 {
     if (run.confirmed)
         return;
@@ -56,7 +56,7 @@ void SlopeTracker::Update(SlopeRun& run, int32_t d, int32_t drop, int32_t v, int
     }
 }
 
-void SlopeTracker::TrimBelow(int64_t limit)
+inline void SlopeTracker::TrimBelow(int64_t limit)
 {
     while (!recent.empty() && recent.front().position < limit)
         recent.pop_front();
@@ -208,14 +208,15 @@ int32_t SetThresholds(SlopeTracker& tracker, const std::vector<int32_t>& y, int3
 }
 
 // Feeds y through the tracker and cuts a pulse at every edge it reports. The
-// samples of each pulse are taken from the head of the waiting list, which is
-// left holding the samples after the last edge.
+// samples of each pulse are taken from the head of the waiting samples, which
+// are always the run y[waiting .. i]; waiting is left at the first sample after
+// the last pulse.
 void CutPulses(AskEdgeDetector& det, const std::vector<int32_t>& y, uint64_t start,
-               std::vector<PulseRecord>& pulses, std::deque<int32_t>& waiting)
+               std::vector<PulseRecord>& pulses, size_t& waiting)
 {
-    for (int32_t v : y) {
-        waiting.push_back(v);
-        const int r = det.tracker.Step(v, det.index);
+    waiting = 0;
+    for (size_t i = 0; i < y.size(); ++i) {
+        const int r = det.tracker.Step(y[i], det.index);
         det.index += 1;
         if (r == 0)
             continue;
@@ -224,11 +225,11 @@ void CutPulses(AskEdgeDetector& det, const std::vector<int32_t>& y, uint64_t sta
         pulse.duration = static_cast<int64_t>(edge) - det.lastEdge;
         pulse.level = r == 1 ? 1 : 0;
         pulse.mark = static_cast<uint32_t>(start + static_cast<uint64_t>(static_cast<int64_t>(edge)));
-        const size_t take = pulse.duration > 0
-                                ? std::min(static_cast<size_t>(pulse.duration), waiting.size())
-                                : 0;
-        pulse.samples.assign(waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(take));
-        waiting.erase(waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(take));
+        const size_t available = i + 1 - waiting;
+        const size_t take = pulse.duration > 0 ? std::min(static_cast<size_t>(pulse.duration), available) : 0;
+        pulse.samples.assign(y.begin() + static_cast<std::ptrdiff_t>(waiting),
+                             y.begin() + static_cast<std::ptrdiff_t>(waiting + take));
+        waiting += take;
         pulses.push_back(std::move(pulse));
         det.lastEdge = edge;
     }
@@ -245,18 +246,19 @@ void AskEdgeDetector::Detect(const std::vector<int32_t>& in, uint64_t start,
     leftover.clear();
     if (in.empty())
         return;
-    std::vector<int32_t> y;
+    // Scratch for the smoothed block, kept from pass to pass on each thread.
+    thread_local std::vector<int32_t> y;
     FivePointFilter(in, y);
     amplitude = SetThresholds(tracker, y, 80);
 
-    std::deque<int32_t> waiting;
+    size_t waiting = 0;
     CutPulses(*this, y, start, pulses, waiting);
 
-    if (waiting.size() > 200) {
+    if (y.size() - waiting > 200) {
         pending = false;
-        waiting.erase(waiting.begin(), waiting.end() - 200);
+        waiting = y.size() - 200;
     }
-    leftover.assign(waiting.begin(), waiting.end());
+    leftover.assign(y.begin() + static_cast<std::ptrdiff_t>(waiting), y.end());
     tracker.ClearRuns();
 }
 
@@ -273,7 +275,7 @@ void AskEdgeDetector::Refine(TriggerData& burst, std::vector<PulseRecord>& pulse
 
     // Marks here are the burst's start time in microseconds plus a position in
     // samples: only a label.
-    std::deque<int32_t> waiting;
+    size_t waiting = 0;
     CutPulses(*this, burst.samples, burst.startTime, pulses, waiting);
 
     // Close the burst with a pulse far too long to be read as a bit.

@@ -6,7 +6,7 @@
 #include "common/TriggerData.h"
 
 #include <cstdint>
-#include <deque>
+#include <iterator>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -36,11 +36,44 @@ public:
         int32_t position;
     };
 
+    // The recent list: appended at the back, trimmed at the front. A vector
+    // with a moving head, compacted now and then, is cheaper here than a deque.
+    class RecentList {
+    public:
+        void push_back(const Entry& e) { m_items.push_back(e); }
+        void pop_front()
+        {
+            if (++m_head == m_items.size()) {
+                m_items.clear();
+                m_head = 0;
+            } else if (m_head >= 4096 && m_head * 2 >= m_items.size()) {
+                m_items.erase(m_items.begin(), m_items.begin() + static_cast<std::ptrdiff_t>(m_head));
+                m_head = 0;
+            }
+        }
+        const Entry& front() const { return m_items[m_head]; }
+        size_t size() const { return m_items.size() - m_head; }
+        bool empty() const { return size() == 0; }
+        void clear()
+        {
+            m_items.clear();
+            m_head = 0;
+        }
+        const Entry* begin() const { return m_items.data() + m_head; }
+        const Entry* end() const { return m_items.data() + m_items.size(); }
+        std::reverse_iterator<const Entry*> rbegin() const { return std::reverse_iterator<const Entry*>(end()); }
+        std::reverse_iterator<const Entry*> rend() const { return std::reverse_iterator<const Entry*>(begin()); }
+
+    private:
+        std::vector<Entry> m_items;
+        size_t m_head = 0;
+    };
+
     int32_t stepThreshold = 50;
     int32_t swingThreshold = 500;
     int32_t minSteps = 3;
     int32_t edgePosition = 0;  // output: where the reported edge lies
-    std::deque<Entry> recent;
+    RecentList recent;
     SlopeRun falling;
     SlopeRun rising;
     int32_t refine = 0;  // 1: crossings are taken at the foot of the edge
@@ -58,8 +91,8 @@ public:
     }
 
 private:
-    void Update(SlopeRun& run, int32_t d, int32_t drop, int32_t v, int32_t p);
-    void TrimBelow(int64_t limit);
+    inline void Update(SlopeRun& run, int32_t d, int32_t drop, int32_t v, int32_t p);
+    inline void TrimBelow(int64_t limit);
 };
 
 // One pass of edge detection over a block of samples; a fresh one per pass.

@@ -74,7 +74,6 @@ void AskWaveWriter::Append(double level) {
 }
 
 void AskWaveWriter::Idle(size_t samples) {
-    samples_.reserve(samples_.size() + samples);
     for (size_t i = 0; i < samples; ++i) Append(params_.idleLevel);
 }
 
@@ -117,7 +116,6 @@ size_t AskWaveWriter::Bits(const std::vector<uint8_t>& bits) {
     const double rise = params_.riseSamples;
     const auto delta = [this](size_t i) { return i % 2 == 0 ? params_.swing : -params_.swing; };
     const auto last = static_cast<size_t>(std::ceil(std::max(bitsEnd, edges.back() + rise)));
-    samples_.reserve(start + last + 1);
 
     size_t settled = 0;  // edges whose ramps are complete at the current sample
     double settledLevel = params_.idleLevel;
