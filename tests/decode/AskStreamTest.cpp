@@ -32,9 +32,6 @@ std::vector<int32_t> SquareBurst(int edges, int idleBefore = 600, int idleAfter 
 
 TEST(AskStream, FewerThan200SamplesDoNothing)
 {
-    AskStream s;
-    uint64_t n = 0;
-    Feed(s, SquareBurst(60, 0, 0), n);  // 600 samples of edges
     AskStream few;
     uint64_t m = 0;
     Feed(few, std::vector<int32_t>(199, 600), m);
