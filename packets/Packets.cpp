@@ -30,6 +30,14 @@ void CMsgData::SetFrame(const uint8_t* bytes, size_t n)
     size = static_cast<uint8_t>(n);
 }
 
+std::array<uint8_t, CMsgData::kFrameArea> CMsgData::FrameArea() const
+{
+    std::array<uint8_t, kFrameArea> area{};
+    for (size_t i = 0; i < kFrameArea; ++i)
+        area[i] = FrameByte(i);
+    return area;
+}
+
 void FillTiming(CMsgData& frame, const TriggerData& capture, uint64_t carrierHz)
 {
     TimingRecord& t = frame.timing;

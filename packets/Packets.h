@@ -4,6 +4,7 @@
 
 #include "common/TriggerData.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -52,6 +53,9 @@ public:
     // Puts a whole frame (header first, checksum last) into the area and sets
     // size to its length. A frame longer than the area keeps what fits.
     void SetFrame(const uint8_t* bytes, size_t n);
+    // A copy of the frame area, message then checksum then size: the bytes a
+    // typed packet is built from, addressed from the frame's header byte.
+    std::array<uint8_t, kFrameArea> FrameArea() const;
 
     uint8_t header = 0;
     uint8_t message[kMessageBytes] = {};
