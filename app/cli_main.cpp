@@ -1,4 +1,7 @@
 // coilscope-cli: the decoding engine without a window.
+#include "app/CliDecode.h"
+#include "app/CliShow.h"
+#include "services/AppSettings.h"
 #include "decode/AskDecoding.h"
 #include "decode/Thread2K.h"
 #include "common/TimeText.h"
@@ -36,12 +39,17 @@ void PrintUsage(std::FILE* to)
         "usage: coilscope-cli <command> [options]\n"
         "\n"
         "commands:\n"
+        "  decode  decode one Qi frame given as hexadecimal bytes\n"
+        "          (coilscope-cli decode --help for the details)\n"
+        "  show    print the records of a session file (.sid)\n"
         "  demo    synthesize a short receiver session (ping, identification,\n"
         "          configuration, power transfer), stream it through the ASK\n"
         "          decoding chain as the device would send it, and print every\n"
         "          frame decoded\n"
         "\n"
-        "example:\n"
+        "examples:\n"
+        "  coilscope-cli decode 03 FF FC\n"
+        "  coilscope-cli show EventWindow_2026_11_22\\ 10_00_00.sid\n"
         "  coilscope-cli demo\n",
         to);
 }
@@ -129,6 +137,8 @@ int Demo()
 
 int main(int argc, char** argv)
 {
+    // Every program loads the settings first: a first run writes a fresh file.
+    AppSettings::Instance();
     if (argc < 2 || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")) {
         PrintUsage(argc < 2 ? stderr : stdout);
         return argc < 2 ? 2 : 0;
@@ -136,6 +146,10 @@ int main(int argc, char** argv)
     const std::string command = argv[1];
     if (command == "demo")
         return Demo();
+    if (command == "decode")
+        return RunDecode(argc - 2, argv + 2);
+    if (command == "show")
+        return RunShow(argc - 2, argv + 2);
     std::fprintf(stderr, "coilscope-cli: unknown command '%s' (try --help)\n", argv[1]);
     return 2;
 }

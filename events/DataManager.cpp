@@ -1,0 +1,463 @@
+#include "events/DataManager.h"
+
+#include "common/Clock.h"
+#include "common/TimeText.h"
+
+#include <cmath>
+#include <sstream>
+
+namespace {
+
+std::string FloatText(double v)
+{
+    std::ostringstream out;
+    out << v;
+    return out.str();
+}
+
+QString Q(const std::string& s)
+{
+    return QString::fromUtf8(s.data(), static_cast<int>(s.size()));
+}
+
+std::string FrameHex(const CMsgData& frame)
+{
+    const auto area = frame.FrameArea();
+    return SpacedHex(area.data(), std::min<size_t>(frame.size, area.size()));
+}
+
+}  // namespace
+
+CDataManager::CDataManager()
+{
+    m_dispatcher.SetCallback(this);
+    m_dispatcher.SetPowerReference(5);
+}
+
+CDataManager::~CDataManager() = default;
+
+// ------------------------------------------------------------------ workers
+
+int CDataManager::DecodeAsk(std::vector<PulseRecord>& pulses, const std::shared_ptr<TriggerData>& burst, int flag)
+{
+    return m_askFilter.DecodeBurst(pulses, burst, static_cast<uint64_t>(FrequencyHz()), flag);
+}
+
+void CDataManager::AddDigitalPing(const DigitalPingInfoPtr& ping)
+{
+    if (!ping)
+        return;
+    auto e = std::make_shared<MsgInfo>();
+    e->str = Q(ping->text);
+    e->common.logData = ping->text;
+    e->common.Summary = ping->detail;
+    e->common.typeString = ping->label;
+    e->timing.startTime = static_cast<uint64_t>(ping->startUs);
+    e->timing.startTimeStamp = ping->startText;
+    e->timing.endTime = static_cast<uint64_t>(ping->endUs);
+    e->timing.endTimeStamp = ping->endText;
+    e->timing.bitTimesUs = static_cast<uint64_t>(ping->durationUs);
+    e->timing.duration = ping->durationText;
+    e->timing.carrierCurrentHz = static_cast<uint64_t>(ping->frequency);
+    e->type = kTypeDigitalPing;
+    e->direction = 1;
+    e->eventG.eventCount = 1;
+    Enqueue(e);
+}
+
+void CDataManager::AddCepTimeout()
+{
+    auto e = std::make_shared<MsgInfo>();
+    e->str = QStringLiteral("Violation: CEP Timeout");
+    e->common.logData = "Violation: CEP Timeout";
+    e->common.typeString = "Violation";
+    e->common.Summary = "CEP Timeout";
+    e->type = kTypeViolation;
+    e->direction = 0;
+    e->eventG.eventCount = 1;
+    Enqueue(e);
+}
+
+void CDataManager::ResetLink()
+{
+    m_askFilter.Reset();
+    m_resetPending.store(true, std::memory_order_relaxed);
+    m_powerFraction.store(0.0, std::memory_order_relaxed);
+    m_powerRaw.store(0, std::memory_order_relaxed);
+    m_powerValue.store(0.0, std::memory_order_relaxed);
+    m_controlError.store(0.0, std::memory_order_relaxed);
+    m_lastLevelChange.store(0, std::memory_order_relaxed);
+}
+
+void CDataManager::PushFrequency(double first, double second)
+{
+    std::lock_guard<std::mutex> lock(m_historyMutex);
+    m_history1.push_back(first);
+    m_history2.push_back(second);
+    while (m_history1.size() > 5)
+        m_history1.pop_front();
+    while (m_history2.size() > 5)
+        m_history2.pop_front();
+}
+
+double CDataManager::FirstHistoryValue()
+{
+    std::lock_guard<std::mutex> lock(m_historyMutex);
+    return m_history1.empty() ? 0.0 : m_history1.front();
+}
+
+double CDataManager::CarrierFrequency()
+{
+    std::lock_guard<std::mutex> lock(m_historyMutex);
+    return m_history2.empty() ? 0.0 : m_history2.front();
+}
+
+int CDataManager::FrequencyHz()
+{
+    return static_cast<int>(CarrierFrequency());
+}
+
+uint64_t CDataManager::FilterCounters() const
+{
+    const uint64_t failed = static_cast<uint32_t>(m_askFilter.FailedBursts());
+    const uint64_t frames = static_cast<uint32_t>(m_askFilter.DecodedFrames());
+    return (failed << 32) | frames;
+}
+
+// ------------------------------------------------------------ the event queue
+
+void CDataManager::Enqueue(const MsgInfoPtr& event)
+{
+    std::lock_guard<std::mutex> lock(m_queueMutex);
+    event->enqueueTick = TickMs();
+    if (event->capture) {
+        const uint64_t start = event->capture->startTime;
+        for (auto it = m_queue.begin(); it != m_queue.end(); ++it) {
+            if ((*it)->capture && (*it)->capture->startTime > start) {
+                m_queue.insert(it, event);
+                return;
+            }
+        }
+    }
+    m_queue.push_back(event);
+}
+
+size_t CDataManager::QueuedEvents()
+{
+    std::lock_guard<std::mutex> lock(m_queueMutex);
+    return m_queue.size();
+}
+
+void CDataManager::GetEvents(std::vector<MsgInfoPtr>& out)
+{
+    if (m_resetPending.exchange(false, std::memory_order_relaxed))
+        m_dispatcher.Reset();
+
+    while (auto frame = m_askFilter.TakeFrame())
+        m_dispatcher.Receive(frame);
+
+    while (auto frame = m_fskFilter.TakeFrame()) {
+        auto e = std::make_shared<MsgInfo>();
+        const std::string hex = FrameHex(*frame);
+        e->str = Q(hex);
+        if (!frame->pattern) {
+            m_dispatcher.Receive(frame);
+            continue;
+        }
+        const uint8_t byte = frame->FrameByte(0);
+        // Only answers during negotiation: a NAK or an ND elsewhere is dropped.
+        if ((byte == 0x00 || byte == 0xBB) && m_askFilter.Phase() != 3)
+            continue;
+        const std::string name = PatternName(byte);
+        e->type = kTypeTxPattern;
+        e->direction = 1;
+        e->eventG.eventCount = 1;
+        e->common.Summary = name;
+        e->common.typeString = "Tx Pattern";
+        e->common.logData = "Tx Pattern: " + name;
+        e->str = Q("Pattern: " + name);
+        e->packet = frame->packet;
+        e->timing = frame->timing;
+        e->capture = frame->capture;
+        Enqueue(e);
+    }
+
+    std::vector<MsgInfoPtr> ready;
+    {
+        std::lock_guard<std::mutex> lock(m_queueMutex);
+        const int64_t now = TickMs();
+        while (!m_queue.empty()) {
+            const MsgInfoPtr& head = m_queue.front();
+            const bool old = now - head->enqueueTick > 1000;
+            const bool markerInCrowd = m_queue.size() >= 3 && !head->capture;
+            if (!old && !markerInCrowd)
+                break;
+            ready.push_back(head);
+            m_queue.pop_front();
+        }
+    }
+    out = std::move(ready);
+}
+
+void CDataManager::Clear()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_queueMutex);
+        m_queue.clear();
+    }
+    m_askFilter.Clear();
+    m_fskFilter.Clear();
+    m_askFilter.ResetCounters();
+}
+
+// ------------------------------------------------------------------- slots
+
+MsgInfoPtr CDataManager::Make(CMsgData& packet, Form form)
+{
+    std::string name, value;
+    packet.typeString(name);
+    packet.Summary(value);
+    auto e = std::make_shared<MsgInfo>();
+    e->common.Summary = value;
+    e->common.typeString = name;
+    e->type = packet.header;
+    e->direction = static_cast<int32_t>(packet.direction);
+    e->eventG.eventCount = 1;
+    e->packet = packet.packet;
+    e->timing = packet.timing;
+    e->capture = packet.capture;
+    const int hz = FrequencyHz();
+    std::string text;
+    switch (form) {
+    case Form::Plain:
+        text = name + value;
+        break;
+    case Form::Spoken:
+    case Form::SpokenHz:
+        text = name + value + " @" + std::to_string(hz) + "HZ";
+        break;
+    case Form::Named:
+        text = name + ": " + value;
+        break;
+    }
+    if (form == Form::SpokenHz)
+        e->packet.controlErrorFreq = hz;
+    e->common.logData = text;
+    e->str = Q(text);
+    return e;
+}
+
+MsgInfoPtr CDataManager::RawEvent(const CMsgData& frame, const char* name)
+{
+    const std::string hex = FrameHex(frame);
+    auto e = std::make_shared<MsgInfo>();
+    const std::string text = std::string(name) + " " + hex;
+    e->str = Q(text);
+    e->common.logData = text;
+    e->common.Summary = hex;
+    e->common.typeString = name;
+    e->type = kTypeChecksumOrProprietary;
+    e->direction = static_cast<int32_t>(frame.direction);
+    e->eventG.eventCount = 1;
+    e->packet = frame.packet;
+    e->timing = frame.timing;
+    e->capture = frame.capture;
+    return e;
+}
+
+void CDataManager::OnChecksumError(std::shared_ptr<CMsgData> frame)
+{
+    auto e = RawEvent(*frame, "ChecksumError");
+    e->eventG.failureCount = 1;
+    Enqueue(e);
+}
+
+void CDataManager::OnProprietary(std::shared_ptr<CMsgData> frame)
+{
+    auto e = RawEvent(*frame, "Proprietary");
+    e->eventG.warningCount = 1;
+    Enqueue(e);
+}
+
+void CDataManager::OnSignalStrength(CMsgData& packet)
+{
+    auto e = Make(packet, Form::Plain);
+    // The frequency here is printed as a float, with no " @".
+    e->str = Q(e->common.typeString + e->common.Summary + "%" + FloatText(CarrierFrequency()) + "HZ");
+    Enqueue(e);
+}
+
+void CDataManager::OnEndPowerTransfer(CMsgData& packet)
+{
+    if (packet.message[1] <= 9)
+        Enqueue(Make(packet, Form::Plain));
+}
+
+void CDataManager::OnPowerControlHoldOff(CMsgData& packet)
+{
+    Enqueue(Make(packet, Form::Plain));
+}
+
+void CDataManager::OnConfiguration(CMsgData& packet)
+{
+    // The dispatcher calls this slot with a Configuration only; any other
+    // packet counts as an empty one.
+    const auto* typed = dynamic_cast<const Configuration*>(&packet);
+    const Configuration empty;
+    const Configuration& conf = typed ? *typed : empty;
+    m_dispatcher.SetPowerReference(packet.message[0] & 0x3F);
+    auto e = Make(packet, Form::Plain);
+    Enqueue(e);
+
+    const Identification& id = m_dispatcher.HeldIdentification();
+    auto status = std::make_shared<MsgInfo>();
+    status->common.Summary = id.manufacturerText.empty()
+                                 ? conf.maxPowerText
+                                 : id.versionText + ", " + id.manufacturerText + ", " + id.deviceText + ", " +
+                                       conf.maxPowerText;
+    status->common.typeString = "Receiver Device Status";
+    status->common.logData = status->common.typeString + " : " + status->common.Summary;
+    status->str = Q(status->common.logData);
+    status->type = kTypeDeviceStatus;
+    status->eventG.eventCount = 1;
+    status->timing = packet.timing;
+    Enqueue(status);
+
+    auto contract = std::make_shared<MsgInfo>();
+    contract->common.Summary = conf.contractText;
+    contract->common.typeString = "Power Transfer Contract";
+    contract->common.logData = contract->common.typeString + " : " + contract->common.Summary;
+    contract->str = Q(contract->common.logData);
+    contract->type = kTypeContract;
+    contract->eventG.eventCount = 1;
+    contract->timing = packet.timing;
+    Enqueue(contract);
+}
+
+void CDataManager::OnIdentification(CMsgData& packet)
+{
+    Enqueue(Make(packet, Form::Plain));
+}
+
+void CDataManager::OnExtendedIdentification(CMsgData& packet)
+{
+    Enqueue(Make(packet, Form::Plain));
+}
+
+void CDataManager::OnReserved7(CMsgData& packet)
+{
+    Enqueue(Make(packet, Form::Plain));
+}
+
+void CDataManager::SetControlError(CMsgData& packet, MsgInfo& event)
+{
+    const float value = static_cast<float>(static_cast<int8_t>(packet.message[0]));
+    event.packet.controlErrorValue = value;
+    m_controlError.store(value, std::memory_order_relaxed);
+}
+
+void CDataManager::OnControlError(CMsgData& packet)
+{
+    auto e = Make(packet, Form::SpokenHz);
+    SetControlError(packet, *e);
+    Enqueue(e);
+}
+
+void CDataManager::OnReceivedPower(CMsgData& packet)
+{
+    const auto* p = dynamic_cast<const ReceivedPower*>(&packet);
+    auto e = Make(packet, Form::Spoken);
+    const int64_t raw = packet.message[0];
+    m_powerRaw.store(raw, std::memory_order_relaxed);
+    m_powerFraction.store(static_cast<double>(raw) / 128.0, std::memory_order_relaxed);
+    m_powerValue.store(p ? p->power : 0.0, std::memory_order_relaxed);
+    Enqueue(e);
+}
+
+void CDataManager::OnChargeStatus(CMsgData& packet)
+{
+    Enqueue(Make(packet, Form::Plain));
+}
+
+void CDataManager::OnReceivedPower1_2_2(CMsgData& packet)
+{
+    const auto* p = dynamic_cast<const ReceivedPower1_2_2*>(&packet);
+    auto e = Make(packet, Form::Spoken);
+    const int64_t raw = (static_cast<int64_t>(packet.message[1]) << 8) | packet.message[2];
+    m_powerRaw.store(raw, std::memory_order_relaxed);
+    m_powerFraction.store(static_cast<double>(raw) / 32768.0, std::memory_order_relaxed);
+    m_powerValue.store(p ? p->power : 0.0, std::memory_order_relaxed);
+    Enqueue(e);
+}
+
+void CDataManager::OnGeneralRequest(CMsgData& packet)
+{
+    Enqueue(Make(packet, Form::Named));
+}
+
+void CDataManager::OnRenegotiate(CMsgData& packet)
+{
+    Enqueue(Make(packet, Form::Named));
+}
+
+void CDataManager::OnSpecificRequest(CMsgData& packet)
+{
+    if (packet.powerValue > 0)
+        m_dispatcher.SetPowerReference(static_cast<int>(packet.powerValue));
+    Enqueue(Make(packet, Form::Named));
+}
+
+void CDataManager::OnFODStatus(CMsgData& packet)
+{
+    Enqueue(Make(packet, Form::Named));
+}
+
+void CDataManager::OnWPIDMost(CMsgData& packet)
+{
+    Enqueue(Make(packet, Form::Named));
+}
+
+void CDataManager::OnWPIDLast(CMsgData& packet)
+{
+    Enqueue(Make(packet, Form::Named));
+}
+
+void CDataManager::OnExControlError(CMsgData& packet)
+{
+    Enqueue(Make(packet, Form::SpokenHz));
+}
+
+void CDataManager::OnSimultaneousDataStreamResponse(CMsgData& packet)
+{
+    Enqueue(Make(packet, Form::SpokenHz));
+}
+
+void CDataManager::OnSimultaneousAuxiliaryDataControl(CMsgData& packet)
+{
+    auto e = Make(packet, Form::SpokenHz);
+    SetControlError(packet, *e);
+    Enqueue(e);
+}
+
+void CDataManager::OnFSKDataNotAvailable(CMsgData& packet)
+{
+    Enqueue(Make(packet, Form::Named));
+}
+
+void CDataManager::OnFSKIdentification(CMsgData& packet)
+{
+    Enqueue(Make(packet, Form::Named));
+}
+
+void CDataManager::OnFSKCapability(CMsgData& packet)
+{
+    const int guaranteed = packet.message[0] & 0x3F;
+    const int potential = packet.message[1] & 0x3F;
+    m_dispatcher.SetPowerReference(std::max(guaranteed, potential));
+    Enqueue(Make(packet, Form::Named));
+}
+
+void CDataManager::OnPacket(CMsgData& packet)
+{
+    Enqueue(Make(packet, Form::SpokenHz));
+}

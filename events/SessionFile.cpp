@@ -1,0 +1,78 @@
+#include "events/SessionFile.h"
+
+#include <cstring>
+#include <sys/stat.h>
+#include <memory>
+
+namespace {
+
+// Cuts the next record out of a byte source: up to and including a 0 byte or
+// the end, at most kSessionRecordBuffer bytes kept. `next` reads one byte or
+// returns -1 at the end. Returns false when not one byte was read.
+template <class Next>
+bool NextRecord(Next next, std::string& text)
+{
+    text.clear();
+    int c;
+    size_t read = 0;
+    while ((c = next()) >= 0) {
+        ++read;
+        if (c == 0)
+            break;
+        if (text.size() < kSessionRecordBuffer - 1)
+            text.push_back(static_cast<char>(c));
+    }
+    return read > 0;
+}
+
+MsgInfoPtr EventOf(const std::string& text, int64_t number)
+{
+    auto event = std::make_shared<MsgInfo>();
+    event->FromJson(text);
+    event->id = static_cast<int32_t>(number);
+    event->eventG.FirstEventNumber = number;
+    event->eventG.lastEventNumber = number;
+    return event;
+}
+
+}  // namespace
+
+bool ReadSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events)
+{
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+        return false;
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (!file)
+        return false;
+    std::string text;
+    int64_t counter = 1;
+    while (NextRecord([file] {
+        const int c = getc_unlocked(file);
+        return c == EOF ? -1 : c;
+    }, text))
+        events.push_back(EventOf(text, counter++));
+    std::fclose(file);
+    return true;
+}
+
+std::vector<MsgInfoPtr> ReadSessionRecords(const uint8_t* bytes, size_t size)
+{
+    std::vector<MsgInfoPtr> events;
+    size_t at = 0;
+    std::string text;
+    int64_t counter = 1;
+    while (NextRecord([&] { return at < size ? static_cast<int>(bytes[at++]) : -1; }, text))
+        events.push_back(EventOf(text, counter++));
+    return events;
+}
+
+void WriteSessionRecord(std::FILE* stream, const MsgInfo& event)
+{
+    if (!stream)
+        return;
+    const std::string text = event.ToJson();
+    std::fwrite(text.data(), 1, text.size(), stream);
+    std::fputc(0, stream);
+    std::fflush(stream);
+}

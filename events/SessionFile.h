@@ -1,0 +1,26 @@
+// Session records on disk: one styled Json document per event, each ended by a
+// 0 byte, with no header and no trailer.
+#pragma once
+
+#include "events/MsgInfo.h"
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+// The reader's record buffer. A record longer than this is cut at the buffer's
+// size (its document then does not parse and the event keeps default fields)
+// and the rest of it, up to its 0 byte, is skipped.
+constexpr size_t kSessionRecordBuffer = 131072;
+
+// Reads every record of a session file into fresh events, numbering id,
+// FirstEventNumber and lastEventNumber from 1. A damaged record gives an event
+// with default fields and the reading goes on; a last record without its 0
+// byte still counts. Returns false if the file cannot be opened.
+bool ReadSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events);
+
+// The same from bytes already in memory.
+std::vector<MsgInfoPtr> ReadSessionRecords(const uint8_t* bytes, size_t size);
+
+// Writes one record, its 0 byte, and flushes. Nothing happens on a null stream.
+void WriteSessionRecord(std::FILE* stream, const MsgInfo& event);

@@ -1,0 +1,199 @@
+// coilscope-cli as a user runs it: the program itself, its output and its
+// exit status.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+struct Result {
+    std::string out;
+    int status = -1;
+};
+
+Result RunCli(const std::string& args, bool withStderr = false)
+{
+    const std::string command = std::string(COILSCOPE_CLI) + " " + args + (withStderr ? " 2>&1" : " 2>/dev/null");
+    Result r;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe)
+        return r;
+    std::array<char, 4096> buffer;
+    size_t n;
+    while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
+        r.out.append(buffer.data(), n);
+    const int raw = pclose(pipe);
+    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return r;
+}
+
+}  // namespace
+
+TEST(CliDecode, ControlError)
+{
+    const Result r = RunCli("decode 03 FF FC");
+    EXPECT_EQ(r.status, 0);
+    // The packet's text, then the event the data manager makes of it.
+    EXPECT_EQ(r.out, "ControlError -1.0%\nControlError -1.0% @0HZ\n");
+}
+
+TEST(CliDecode, PowerControlHoldOff)
+{
+    const Result r = RunCli("decode 06 05 03");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "PowerControlHoldOff PowerControlHoldOff 5 ms\nPowerControlHoldOff PowerControlHoldOff 5 ms\n");
+}
+
+TEST(CliDecode, TransmitterChargeStatus)
+{
+    const Result r = RunCli("decode --fsk 1F 64 7B");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "Charge Status Battery charge level:100\nCharge Status Battery charge level:100 @0HZ\n");
+}
+
+TEST(CliDecode, BlanksAndLetterCaseDoNotMatter)
+{
+    const std::string expected = RunCli("decode 03 FF FC").out;
+    EXPECT_EQ(RunCli("decode 03fffc").out, expected);
+    EXPECT_EQ(RunCli("decode '03 ff FC'").out, expected);
+    EXPECT_EQ(RunCli("decode 03 F f FC").out, expected);
+}
+
+TEST(CliDecode, UnknownHeaderIsProprietary)
+{
+    const Result r = RunCli("decode 08 01 09");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "Proprietary 08 01 09 \nProprietary 08 01 09 \n");
+}
+
+TEST(CliDecode, ReceiverFrameStartingWithZeroIsAChecksumError)
+{
+    const Result r = RunCli("decode 00 01 01");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "ChecksumError 00 01 01 \nChecksumError 00 01 01 \n");
+}
+
+TEST(CliDecode, JsonGivesOneObject)
+{
+    const Result r = RunCli("decode --json 03 FF FC");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("\"class\":\"ControlError\""), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\"logData\":\"ControlError -1.0%\""), std::string::npos);
+    EXPECT_NE(r.out.find("\"typeString\":\"ControlError \""), std::string::npos);
+    EXPECT_NE(r.out.find("\"direction\":\"ASK\""), std::string::npos);
+    EXPECT_NE(r.out.find("\"header\":3"), std::string::npos);
+    EXPECT_NE(r.out.find("\"powerValue\":0"), std::string::npos);
+    EXPECT_NE(r.out.find("\"powerRatio\":0"), std::string::npos);
+    // One object for the packet, then one for its event.
+    const size_t first = r.out.find('\n');
+    ASSERT_NE(first, std::string::npos);
+    const std::string eventLine = r.out.substr(first + 1);
+    EXPECT_EQ(eventLine.find('\n'), eventLine.size() - 1);
+    EXPECT_NE(eventLine.find("\"str\":\"ControlError -1.0% @0HZ\""), std::string::npos) << eventLine;
+    EXPECT_NE(eventLine.find("\"common\":{"), std::string::npos);
+    EXPECT_NE(eventLine.find("\"eventCount\":1"), std::string::npos);
+}
+
+TEST(CliDecode, ConfigurationGivesThreeEvents)
+{
+    const Result r = RunCli("decode 51 0A 00 83 0A C0 1A");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out,
+              "Configuration Rx Configuration : 5W, Prop = True, Count = 3, Wsize = 4ms, Woff = 8ms, Neg = True, FSK = -78ns + / -16.5ns\n"
+              "Configuration Rx Configuration : 5W, Prop = True, Count = 3, Wsize = 4ms, Woff = 8ms, Neg = True, FSK = -78ns + / -16.5ns\n"
+              "Receiver Device Status : MaxPower=5W\n"
+              "Power Transfer Contract : MaxPower=5W, GuarPower=5W, FSK = -78ns, Polarity=Negative, PktTpye=8Bit\n");
+}
+
+TEST(CliDecode, BadInputSaysWhatIsWrongAndExitsTwo)
+{
+    struct Case {
+        const char* args;
+        const char* says;
+    } cases[] = {
+        {"decode 03 FF FC 1", "odd number of hexadecimal digits"},
+        {"decode 03 FG FC", "'G' is not a hexadecimal digit"},
+        {"decode", "no bytes given"},
+        {"decode --fsk", "no bytes given"},
+        {"decode --bogus 03", "unknown option --bogus"},
+    };
+    for (const Case& c : cases) {
+        const Result r = RunCli(c.args, true);
+        EXPECT_EQ(r.status, 2) << c.args;
+        EXPECT_NE(r.out.find(c.says), std::string::npos) << c.args << ": " << r.out;
+        EXPECT_EQ(r.out.find('\n'), r.out.size() - 1) << "one line: " << r.out;
+    }
+    std::string many = "decode";
+    for (int i = 0; i < 53; ++i)
+        many += " 01";
+    const Result r = RunCli(many, true);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.out.find("53 bytes is more than a frame holds (52)"), std::string::npos) << r.out;
+}
+
+TEST(CliDecode, HelpExplainsWithAnExample)
+{
+    const Result r = RunCli("decode --help");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("usage: coilscope-cli decode [--fsk] [--json] HEX..."), std::string::npos);
+    EXPECT_NE(r.out.find("coilscope-cli decode 03 FF FC"), std::string::npos);
+    const Result top = RunCli("--help");
+    EXPECT_EQ(top.status, 0);
+    EXPECT_NE(top.out.find("decode"), std::string::npos);
+}
+
+TEST(CliShow, PrintsEachRecordOfASessionFile)
+{
+    const std::string dir = std::string(std::getenv("XDG_DATA_HOME")) + "/show-test";
+    std::system(("mkdir -p '" + dir + "'").c_str());
+    const std::string path = dir + "/s.sid";
+    {
+        // Two records written by the decoder's own path, one damaged between.
+        FILE* f = std::fopen(path.c_str(), "wb");
+        ASSERT_TRUE(f);
+        const char* docs[] = {
+            "{ \"common\" : \"{ \\\"typeString\\\" : \\\"ControlError \\\" }\", \"str\" : \"ControlError -1.0% @0HZ\", \"type\" : 3 }",
+            "{ broken",
+            "{ \"str\" : \"Digital Ping 65ms @ 128000HZ\", \"type\" : 253 }",
+        };
+        for (const char* d : docs) {
+            std::fputs(d, f);
+            std::fputc(0, f);
+        }
+        std::fclose(f);
+    }
+    const Result r = RunCli("show '" + path + "'");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "1\tControlError \tControlError -1.0% @0HZ\n2\t\t\n3\t\tDigital Ping 65ms @ 128000HZ\n");
+    const Result j = RunCli("show --json '" + path + "'");
+    EXPECT_EQ(j.status, 0);
+    EXPECT_NE(j.out.find("\"id\":3"), std::string::npos) << j.out;
+    EXPECT_NE(j.out.find("\"eventG\":{\"FirstEventNumber\":3"), std::string::npos) << j.out;
+}
+
+TEST(CliShow, MissingFileIsAOneLineErrorWithStatusTwo)
+{
+    const Result r = RunCli("show /nonexistent/x.sid", true);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.out, "coilscope-cli show: cannot open /nonexistent/x.sid\n");
+    EXPECT_EQ(RunCli("show", true).status, 2);
+    EXPECT_EQ(RunCli("show /tmp", true).status, 2);
+}
+
+TEST(Cli, FirstRunWritesAFreshSettingsFile)
+{
+    const std::string file = std::string(std::getenv("XDG_CONFIG_HOME")) + "/Coilscope/setting.txt";
+    std::remove(file.c_str());
+    RunCli("decode 03 FF FC");
+    FILE* f = std::fopen(file.c_str(), "rb");
+    ASSERT_TRUE(f) << file;
+    char buffer[4096] = {};
+    std::fread(buffer, 1, sizeof buffer - 1, f);
+    std::fclose(f);
+    EXPECT_NE(std::string(buffer).find("\"params_ver\" : 20190713"), std::string::npos) << buffer;
+}

@@ -1,0 +1,125 @@
+#include "events/SessionFile.h"
+
+#include <gtest/gtest.h>
+
+#include <QTemporaryDir>
+
+#include <fstream>
+
+namespace {
+
+std::string Record(const char* log, int type)
+{
+    MsgInfo m;
+    m.common.logData = log;
+    m.type = type;
+    m.str = QString::fromUtf8(log);
+    return m.ToJson();
+}
+
+std::string WriteFile(const QTemporaryDir& dir, const std::string& bytes)
+{
+    const std::string path = dir.path().toStdString() + "/session.sid";
+    std::ofstream out(path, std::ios::binary);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    return path;
+}
+
+}  // namespace
+
+TEST(SessionFile, RecordsAreNumberedFromOne)
+{
+    QTemporaryDir dir;
+    std::string bytes = Record("a", 3) + std::string(1, '\0') + Record("b", 4) + std::string(1, '\0');
+    std::vector<MsgInfoPtr> events;
+    ASSERT_TRUE(ReadSessionFile(WriteFile(dir, bytes), events));
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0]->common.logData, "a");
+    EXPECT_EQ(events[1]->type, 4);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(events[i]->id, i + 1);
+        EXPECT_EQ(events[i]->eventG.FirstEventNumber, i + 1);
+        EXPECT_EQ(events[i]->eventG.lastEventNumber, i + 1);
+    }
+}
+
+TEST(SessionFile, LastRecordWithoutItsZeroByteStillCounts)
+{
+    QTemporaryDir dir;
+    std::string bytes = Record("a", 3) + std::string(1, '\0') + Record("b", 4);
+    std::vector<MsgInfoPtr> events;
+    ASSERT_TRUE(ReadSessionFile(WriteFile(dir, bytes), events));
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[1]->common.logData, "b");
+}
+
+TEST(SessionFile, EmptyDocumentBetweenTwoZerosGivesDefaultFields)
+{
+    const std::string bytes = Record("a", 3) + std::string(2, '\0') + Record("c", 5) + std::string(1, '\0');
+    const auto events =
+        ReadSessionRecords(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_TRUE(events[1]->common.logData.empty());
+    EXPECT_EQ(events[1]->type, 0);
+    EXPECT_EQ(events[1]->id, 2);
+    EXPECT_EQ(events[2]->id, 3);
+}
+
+TEST(SessionFile, DamagedRecordKeepsDefaultsAndTheRestGoesOn)
+{
+    const std::string bytes = std::string("{ \"type\" : ") + '\0' + "garbage\xff\xfe" + '\0' + Record("ok", 6) + '\0';
+    const auto events = ReadSessionRecords(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[0]->type, 0);
+    EXPECT_EQ(events[1]->type, 0);
+    EXPECT_EQ(events[2]->type, 6);
+}
+
+TEST(SessionFile, EmptyFileHasNoRecords)
+{
+    QTemporaryDir dir;
+    std::vector<MsgInfoPtr> events;
+    ASSERT_TRUE(ReadSessionFile(WriteFile(dir, ""), events));
+    EXPECT_TRUE(events.empty());
+}
+
+TEST(SessionFile, MissingFileIsReported)
+{
+    std::vector<MsgInfoPtr> events;
+    EXPECT_FALSE(ReadSessionFile("/nonexistent/nothing.sid", events));
+}
+
+TEST(SessionFile, RecordLongerThanTheBufferIsCutNotOverrun)
+{
+    MsgInfo big;
+    big.common.logData = std::string(kSessionRecordBuffer + 5000, 'x');
+    big.type = 9;
+    const std::string bytes = big.ToJson() + '\0' + Record("after", 7) + '\0';
+    const auto events = ReadSessionRecords(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_TRUE(events[0]->common.logData.empty());  // cut: the document does not parse
+    EXPECT_EQ(events[1]->common.logData, "after");
+    EXPECT_EQ(events[1]->id, 2);
+}
+
+TEST(SessionFile, WrittenRecordsReadBack)
+{
+    QTemporaryDir dir;
+    const std::string path = dir.path().toStdString() + "/w.sid";
+    std::FILE* f = std::fopen(path.c_str(), "wb");
+    ASSERT_TRUE(f);
+    MsgInfo m;
+    m.common.logData = "one";
+    m.packet.Status = "NoError";
+    WriteSessionRecord(f, m);
+    WriteSessionRecord(nullptr, m);
+    m.common.logData = "two";
+    WriteSessionRecord(f, m);
+    std::fclose(f);
+    std::vector<MsgInfoPtr> events;
+    ASSERT_TRUE(ReadSessionFile(path, events));
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0]->common.logData, "one");
+    EXPECT_EQ(events[1]->common.logData, "two");
+    EXPECT_TRUE(events[1]->packet.Status.empty());
+}
