@@ -41,6 +41,7 @@ bench: deps
 	@cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release >/dev/null
 	@cmake --build build-release -j $(JOBS)
 	@for b in build-release/bench/*_bench; do echo "== $$b"; $$b; done
+	@echo "== ASK decode rates"; ./build-release/bench/ask_decode_rates
 
 # Coverage-guided fuzzing with libFuzzer (clang); FUZZ_SECONDS per target.
 FUZZ_SECONDS ?= 60

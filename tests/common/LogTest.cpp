@@ -78,3 +78,32 @@ TEST(Log, LinesFromTwoThreadsNeverInterleave)
     }
     EXPECT_EQ(checked, 400u);
 }
+
+TEST(LogDeathTest, UnavailableFileCostsOneAttemptPerLineAndTheSystemRunsOn)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // In a child process with a fresh log: the data folder is a plain file, so
+    // no log folder can be made and every line fails to open the file. Once the
+    // folder can be made, the next line opens it.
+    EXPECT_EXIT(
+        {
+            const QByteArray base = qgetenv("XDG_DATA_HOME") + "/blocked";
+            QDir().mkpath(QString::fromLocal8Bit(base));
+            const QByteArray blocker = base + "/data-is-a-file";
+            QFile f(QString::fromLocal8Bit(blocker));
+            f.open(QIODevice::WriteOnly);
+            f.close();
+            setenv("XDG_DATA_HOME", blocker.constData(), 1);
+            bool ok = true;
+            for (int i = 0; i < 3; ++i) {
+                ok = ok && Log::Printf("line %d", i) == "line " + std::to_string(i);
+                ok = ok && Log::Instance().FilePath().empty();
+            }
+            QFile::remove(QString::fromLocal8Bit(blocker));
+            QDir().mkpath(QString::fromLocal8Bit(blocker));
+            Log::Printf("now it opens");
+            ok = ok && !Log::Instance().FilePath().empty();
+            std::exit(ok ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
