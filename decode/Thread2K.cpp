@@ -1,5 +1,8 @@
 #include "decode/Thread2K.h"
 
+#include "decode/CaptureFile.h"
+#include "services/SettingParams.h"
+
 #include <chrono>
 
 CThread2K::CThread2K(PortFactory factory) : m_factory(std::move(factory)) {}
@@ -22,7 +25,12 @@ int CThread2K::OpenWithoutLoop(const std::string& portName, bool writeHeader, in
 {
     m_bytesSeen = 0;
     m_sampleCounter = 0;
-    // Raw capture files are opened here once they are asked for in the settings.
+    const SettingParams& settings = m_settings ? *m_settings : SettingParams::Instance();
+    if (settings.m_ask_capture_data) {
+        if (m_captureFile)
+            std::fclose(m_captureFile);
+        m_captureFile = OpenCaptureFile(settings.capturePath, ".2k.bin", writeHeader);
+    }
     m_divider = 5;
     if (m_port)
         return 1;

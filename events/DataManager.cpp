@@ -43,6 +43,11 @@ int CDataManager::DecodeAsk(std::vector<PulseRecord>& pulses, const std::shared_
     return m_askFilter.DecodeBurst(pulses, burst, static_cast<uint64_t>(FrequencyHz()), flag);
 }
 
+void CDataManager::DecodeFsk(std::vector<PulseRecord>& levelChanges, const std::shared_ptr<TriggerData>& packet)
+{
+    m_fskFilter.DecodeBurst(levelChanges, packet, static_cast<uint64_t>(FrequencyHz()));
+}
+
 void CDataManager::AddDigitalPing(const DigitalPingInfoPtr& ping)
 {
     if (!ping)

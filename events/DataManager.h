@@ -25,6 +25,8 @@ public:
     // Runs the ASK frame decoder with the current carrier frequency in whole Hz;
     // the byte count of the last frame found, 0 for none.
     int DecodeAsk(std::vector<PulseRecord>& pulses, const std::shared_ptr<TriggerData>& burst, int flag);
+    // Runs the FSK frame decoder with the current carrier frequency.
+    void DecodeFsk(std::vector<PulseRecord>& levelChanges, const std::shared_ptr<TriggerData>& packet);
     void AddDigitalPing(const DigitalPingInfoPtr& ping);
     void AddCepTimeout();
     // Forgets what the link negotiated.

@@ -1,0 +1,250 @@
+#include "decode/ThreadFSK.h"
+
+#include "common/TimeText.h"
+#include "decode/CaptureFile.h"
+#include "services/SettingParams.h"
+
+#include <chrono>
+#include <thread>
+
+namespace {
+
+SettingParams& SettingsOf(SettingParams* s)
+{
+    return s ? *s : SettingParams::Instance();
+}
+
+}  // namespace
+
+CThreadFSK::CThreadFSK(PortFactory factory, SettingParams* settings)
+    : m_tracker(SettingsOf(settings).m_min_freq, SettingsOf(settings).m_max_freq),
+      m_factory(std::move(factory)),
+      m_settings(settings)
+{
+    m_tracker.SetCallback(this);
+}
+
+CThreadFSK::~CThreadFSK()
+{
+    Close();
+    if (m_captureFile)
+        std::fclose(m_captureFile);
+}
+
+int CThreadFSK::Open(const std::string& portName, bool writeHeader, int baud, int queueMode)
+{
+    const bool alreadyOpen = m_port != nullptr;
+    const int opened = OpenWithoutLoop(portName, writeHeader, baud);
+    if (!alreadyOpen)
+        Start();
+    return opened;
+}
+
+int CThreadFSK::OpenWithoutLoop(const std::string& portName, bool writeHeader, int baud)
+{
+    const SettingParams& settings = SettingsOf(m_settings);
+    if (settings.m_fsk_capture_data) {
+        // A file of an earlier run is complete (every chunk was flushed); it is
+        // closed here rather than left open behind an overwritten handle.
+        if (m_captureFile)
+            std::fclose(m_captureFile);
+        m_captureFile = OpenCaptureFile(settings.capturePath, ".fsk.bin", writeHeader);
+    }
+    m_tracker.Reset();
+    m_divider = 5;
+    if (m_port)
+        return 1;
+    m_replay.clear();
+    m_replayIndex = 0;
+    int opened = 0;
+    if (m_factory) {
+        m_port = m_factory();
+        if (m_port && m_port->OpenPort(portName, baud, 0, true)) {
+            opened = 1;
+            m_port->SetGranularity(2);
+        } else {
+            m_port.reset();
+        }
+    }
+    // The parser starts on a frame header. (Cleared before the loop starts, so
+    // that the loop never sees a half-cleared parser.)
+    m_remaining = 0;
+    m_stamp = 0;
+    m_state = 0;
+    return opened;
+}
+
+void CThreadFSK::Close()
+{
+    Stop();
+    if (m_port) {
+        m_port->ClosePort();
+        m_port.reset();
+    }
+    std::lock_guard<std::mutex> lock(m_displayMutex);
+    m_display.clear();
+    m_decimation = 0;
+}
+
+void CThreadFSK::Run()
+{
+    m_ticks = 0;
+    while (m_running.load(std::memory_order_relaxed)) {
+        if (RunPass() == 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+size_t CThreadFSK::RunPass()
+{
+    size_t bytes = 0;
+    if (m_port) {
+        std::list<DataPtr> chunks;
+        m_port->WaitReplies(chunks, 0, 0);
+        for (const DataPtr& chunk : chunks) {
+            const int32_t n = chunk->length;
+            if (n <= 0)
+                continue;
+            bytes += static_cast<size_t>(n);
+            if (m_captureFile) {
+                std::fwrite(chunk->buffer.get(), 1, static_cast<size_t>(n), m_captureFile);
+                std::fflush(m_captureFile);
+            }
+            ParseChunk(chunk->buffer.get(), static_cast<size_t>(n / 2));
+        }
+    }
+    const size_t left = m_replay.size() - m_replayIndex;
+    const size_t take = std::min<size_t>(left, 3000);
+    for (size_t k = 0; k < take; ++k)
+        Word(m_replay[m_replayIndex++]);
+    return bytes;
+}
+
+void CThreadFSK::LoadReplay(const std::vector<uint16_t>& words)
+{
+    m_replay = words;
+    m_replayIndex = 0;
+}
+
+void CThreadFSK::ParseChunk(const uint8_t* bytes, size_t words)
+{
+    auto word = [bytes](size_t k) {
+        return static_cast<uint16_t>(bytes[2 * k] | (static_cast<uint16_t>(bytes[2 * k + 1]) << 8));
+    };
+    m_chunkSum = 0;
+    for (size_t k = 4; k < words; ++k)
+        m_chunkSum += word(k);
+    for (size_t k = 0; k < words; ++k) {
+        const uint32_t w = word(k);
+        switch (m_state) {
+        case 0:
+            m_remaining = w;
+            m_state = 1;
+            break;
+        case 1:
+            m_remaining += w << 16;
+            m_state = 2;
+            break;
+        case 2:
+            m_stamp = w;
+            m_state = 3;
+            break;
+        case 3:
+            m_stamp += w << 16;
+            m_ticks = static_cast<int64_t>(m_stamp) * 60000 - m_chunkSum;
+            m_stampCopy.store(m_stamp, std::memory_order_relaxed);
+            m_state = 4;
+            break;
+        default:
+            Word(static_cast<uint16_t>(w));
+            m_remaining -= 2;
+            if (static_cast<int32_t>(m_remaining) < 1)
+                m_state = 0;
+            break;
+        }
+    }
+}
+
+void CThreadFSK::Word(uint16_t w)
+{
+    m_ticks += w;
+    m_tracker.Feed(w, m_ticks);
+    if (m_decimation++ == m_divider) {
+        m_decimation = 0;
+        std::lock_guard<std::mutex> lock(m_displayMutex);
+        m_display.push_back(w);
+        if (m_display.size() > kDisplayLimit)
+            m_display.pop_front();
+    }
+}
+
+std::list<uint16_t> CThreadFSK::TakeDisplayWords()
+{
+    std::lock_guard<std::mutex> lock(m_displayMutex);
+    std::list<uint16_t> out(m_display.begin(), m_display.end());
+    m_display.clear();
+    return out;
+}
+
+std::shared_ptr<TriggerData> CThreadFSK::TakePacket()
+{
+    std::lock_guard<std::mutex> lock(m_listMutex);
+    if (m_packets.empty())
+        return nullptr;
+    auto p = m_packets.front();
+    m_packets.pop_front();
+    return p;
+}
+
+DigitalPingInfoPtr CThreadFSK::TakeDigitalPing()
+{
+    std::lock_guard<std::mutex> lock(m_listMutex);
+    if (m_pings.empty())
+        return nullptr;
+    auto p = m_pings.front();
+    m_pings.pop_front();
+    return p;
+}
+
+size_t CThreadFSK::PendingPackets()
+{
+    std::lock_guard<std::mutex> lock(m_listMutex);
+    return m_packets.size();
+}
+
+size_t CThreadFSK::PendingPings()
+{
+    std::lock_guard<std::mutex> lock(m_listMutex);
+    return m_pings.size();
+}
+
+void CThreadFSK::DigitalPing(int64_t startTicks, int64_t endTicks, int64_t period)
+{
+    const int64_t durationUs = (endTicks - startTicks) / 60;
+    // A digital ping lasts from 50 to 200 ms; anything else is no ping.
+    if (durationUs < 50000 || durationUs > 200000 || period <= 0)
+        return;
+    auto ping = std::make_shared<DigitalPingInfo>();
+    ping->durationUs = durationUs;
+    ping->frequency = static_cast<int32_t>(960000000LL / period);
+    ping->startUs = startTicks / 60;
+    ping->endUs = endTicks / 60;
+    ping->durationText = TimeText(ping->durationUs);
+    ping->startText = TimeText(ping->startUs);
+    ping->endText = TimeText(ping->endUs);
+    ping->label = "Digital Ping ";
+    ping->detail = std::to_string(durationUs / 1000) + "ms @ " + std::to_string(ping->frequency) + "HZ";
+    ping->text = ping->label + ping->detail;
+    std::lock_guard<std::mutex> lock(m_listMutex);
+    m_pings.push_back(ping);
+}
+
+void CThreadFSK::FskPacket(std::shared_ptr<TriggerData> packet)
+{
+    // The start time is formatted and the text thrown away, as ever.
+    (void)TimeText(static_cast<int64_t>(packet ? packet->startTime : 0));
+    std::lock_guard<std::mutex> lock(m_listMutex);
+    auto taken = m_tracker.TakePacket();
+    if (taken)
+        m_packets.push_back(taken);
+}

@@ -1,0 +1,88 @@
+// Owner of the FSK data port: unpacks the device's stream frames into carrier
+// period words on a 60 MHz time base, feeds the carrier tracker and keeps the
+// packets and digital pings that it finds for the decoding threads.
+#pragma once
+
+#include "common/DigitalPingInfo.h"
+#include "common/MyThread.h"
+#include "common/StreamPort.h"
+#include "decode/FskStream.h"
+
+#include <atomic>
+#include <cstdio>
+#include <deque>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct SettingParams;
+
+class CThreadFSK : public MyThread, public TriggerFskCallback {
+public:
+    using PortFactory = std::function<std::unique_ptr<StreamPort>()>;
+
+    // The tracker's frequency band is read from the settings record here, once.
+    explicit CThreadFSK(PortFactory factory = nullptr, SettingParams* settings = nullptr);
+    ~CThreadFSK() override;
+
+    int Open(const std::string& portName, bool writeHeader, int baud, int queueMode);
+    // Everything Open does but starting the run loop (replay, tests).
+    int OpenWithoutLoop(const std::string& portName, bool writeHeader, int baud);
+    void Close();
+
+    void Run() override;
+    // One pass: every queued chunk parsed, then up to 3000 replay words.
+    // Returns the bytes read.
+    size_t RunPass();
+    // Parses the words of one chunk; S is taken from this chunk as the device's
+    // pacing makes each chunk begin with a frame header.
+    void ParseChunk(const uint8_t* bytes, size_t words);
+
+    std::list<uint16_t> TakeDisplayWords();
+    std::shared_ptr<TriggerData> TakePacket();
+    DigitalPingInfoPtr TakeDigitalPing();
+    int64_t CurrentFrequency() const { return m_tracker.DisplayFrequency(); }
+
+    // Words to feed back into the tracker, taken 3000 a pass.
+    void LoadReplay(const std::vector<uint16_t>& words);
+
+    void DigitalPing(int64_t startTicks, int64_t endTicks, int64_t period) override;
+    void FskPacket(std::shared_ptr<TriggerData> packet) override;
+
+    FskCarrierTracker& Tracker() { return m_tracker; }
+    int64_t Ticks() const { return m_ticks; }
+    uint32_t Stamp() const { return m_stampCopy.load(std::memory_order_relaxed); }
+    int ParserState() const { return m_state; }
+    size_t PendingPackets();
+    size_t PendingPings();
+
+    static constexpr size_t kDisplayLimit = 3000;
+
+private:
+    void Word(uint16_t w);
+
+    std::mutex m_clearMutex;
+    std::mutex m_displayMutex;
+    std::deque<uint16_t> m_display;
+    std::FILE* m_captureFile = nullptr;
+    std::vector<uint16_t> m_replay;
+    size_t m_replayIndex = 0;
+    int64_t m_ticks = 0;
+    std::mutex m_listMutex;
+    std::list<std::shared_ptr<TriggerData>> m_packets;
+    std::list<DigitalPingInfoPtr> m_pings;
+    FskCarrierTracker m_tracker;
+    int m_divider = 5;
+    int m_decimation = 0;
+    uint32_t m_remaining = 0;
+    uint32_t m_stamp = 0;
+    int m_state = 0;
+    int64_t m_chunkSum = 0;
+    std::atomic<uint32_t> m_stampCopy{0};
+    std::unique_ptr<StreamPort> m_port;
+    PortFactory m_factory;
+    SettingParams* m_settings;
+};
