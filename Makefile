@@ -42,6 +42,7 @@ bench: deps
 	@cmake --build build-release -j $(JOBS)
 	@for b in build-release/bench/*_bench; do echo "== $$b"; $$b; done
 	@echo "== ASK decode rates"; ./build-release/bench/ask_decode_rates
+	@echo "== FSK decode rates"; ./build-release/bench/fsk_decode_rates
 
 # Coverage-guided fuzzing with libFuzzer (clang); FUZZ_SECONDS per target.
 FUZZ_SECONDS ?= 60

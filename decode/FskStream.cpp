@@ -19,6 +19,26 @@ int32_t DistanceAverager::Feed(int32_t w)
     return -1;
 }
 
+std::vector<int32_t> Despike(const std::vector<int32_t>& block)
+{
+    std::vector<int32_t> v(block.size());
+    if (block.empty())
+        return v;
+    v[0] = block[0];
+    int32_t previous = block[0];
+    int64_t total = block[0];
+    for (size_t i = 1; i < block.size(); ++i) {
+        total += block[i];
+        if (std::abs(block[i] - previous) < 201) {
+            v[i] = block[i];
+            previous = block[i];
+        } else {
+            v[i] = static_cast<int32_t>(total / static_cast<int64_t>(i + 1));
+        }
+    }
+    return v;
+}
+
 void KMeans2(const std::vector<int32_t>& x, double& first, double& second)
 {
     const size_t n = x.size();
@@ -101,6 +121,12 @@ void FskCarrierTracker::Fit(const std::vector<int32_t>& block, double& intercept
     sd = std::sqrt(squares / (dn - 1.0));
 }
 
+bool FskCarrierTracker::IsStable(double intercept, double sd) const
+{
+    return intercept > static_cast<double>(m_minPeriod) && intercept < static_cast<double>(m_maxPeriod) &&
+           static_cast<int64_t>(sd) < 300;
+}
+
 void FskCarrierTracker::Feed(int32_t w, int64_t t)
 {
     m_words += 1;
@@ -113,8 +139,7 @@ void FskCarrierTracker::Feed(int32_t w, int64_t t)
 
     double p = 0, sd = 0;
     Fit(m_current, p, sd);
-    const bool stableBlock = p > static_cast<double>(m_minPeriod) && p < static_cast<double>(m_maxPeriod) &&
-                             static_cast<int64_t>(sd) < 300;
+    const bool stableBlock = IsStable(p, sd);
     if (stableBlock) {
         const int64_t f = static_cast<int64_t>(960000000.0 / p);
         if (m_pingInProgress) {
@@ -175,21 +200,7 @@ void FskCarrierTracker::ProcessBlock(const std::vector<int32_t>& block, int64_t 
 {
     if (block.empty())
         return;
-    // De-spike: a word more than 200 ticks from the last kept one is replaced
-    // by the running mean.
-    std::vector<int32_t> v(block.size());
-    v[0] = block[0];
-    int32_t previous = block[0];
-    int64_t total = block[0];
-    for (size_t i = 1; i < block.size(); ++i) {
-        total += block[i];
-        if (std::abs(block[i] - previous) < 201) {
-            v[i] = block[i];
-            previous = block[i];
-        } else {
-            v[i] = static_cast<int32_t>(total / static_cast<int64_t>(i + 1));
-        }
-    }
+    const std::vector<int32_t> v = Despike(block);
 
     double c0 = 0, c1 = 0;
     KMeans2(v, c0, c1);

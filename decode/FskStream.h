@@ -32,6 +32,10 @@ struct DistanceAverager {
     int32_t Feed(int32_t w);
 };
 
+// A word more than 200 ticks from the last word kept is replaced by the mean of
+// the block so far (itself included); the words kept are taken as they are.
+std::vector<int32_t> Despike(const std::vector<int32_t>& block);
+
 // One-dimensional k-means with two clusters: Lloyd iteration from the inputs at
 // index 0 and n / 2, at most 100 rounds, until the cost changes by less than a
 // thousandth of itself. An empty cluster keeps its centre.
@@ -73,6 +77,9 @@ public:
     // The block fit: intercept of the least-squares line (the period at the
     // block's start) and the sample standard deviation around the truncated mean.
     static void Fit(const std::vector<int32_t>& block, double& intercept, double& sd);
+    // A block is stable when its intercept lies strictly inside the period band
+    // and its standard deviation, truncated, is below 300.
+    bool IsStable(double intercept, double sd) const;
 
 private:
     void DropPacket();

@@ -196,6 +196,12 @@ std::shared_ptr<TriggerData> CThreadFSK::TakePacket()
     return p;
 }
 
+void CThreadFSK::PutPacket(std::shared_ptr<TriggerData> packet)
+{
+    std::lock_guard<std::mutex> lock(m_listMutex);
+    m_packets.push_back(std::move(packet));
+}
+
 DigitalPingInfoPtr CThreadFSK::TakeDigitalPing()
 {
     std::lock_guard<std::mutex> lock(m_listMutex);

@@ -43,6 +43,8 @@ public:
 
     std::list<uint16_t> TakeDisplayWords();
     std::shared_ptr<TriggerData> TakePacket();
+    // Queues a packet made elsewhere (a recorded one, for instance).
+    void PutPacket(std::shared_ptr<TriggerData> packet);
     DigitalPingInfoPtr TakeDigitalPing();
     int64_t CurrentFrequency() const { return m_tracker.DisplayFrequency(); }
 

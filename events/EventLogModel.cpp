@@ -1,0 +1,414 @@
+#include "events/EventLogModel.h"
+
+#include "common/TimeText.h"
+#include "events/SessionFile.h"
+#include "services/Log.h"
+#include "services/SettingParams.h"
+
+#include <QDir>
+
+#include <chrono>
+#include <ctime>
+
+namespace {
+
+std::string LocalTime(const char* format)
+{
+    std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    localtime_r(&now, &parts);
+    char text[64];
+    std::strftime(text, sizeof text, format, &parts);
+    return text;
+}
+
+// The time of day with milliseconds, for the lines of the .log file.
+std::string TimeOfDay()
+{
+    using namespace std::chrono;
+    const auto now = system_clock::now();
+    const std::time_t seconds = system_clock::to_time_t(now);
+    std::tm parts{};
+    localtime_r(&seconds, &parts);
+    const int ms = static_cast<int>(duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000);
+    char text[32];
+    std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", parts.tm_hour, parts.tm_min, parts.tm_sec, ms);
+    return text;
+}
+
+QString Q(const std::string& s)
+{
+    return QString::fromUtf8(s.data(), static_cast<int>(s.size()));
+}
+
+int32_t WindowTime()
+{
+    return SettingParams::Instance().m_window_time;
+}
+
+}  // namespace
+
+EventLogModel::EventLogModel()
+{
+    m_rootTitle = Q("Coilscope @ " + LocalTime("%Y-%m-%d %H:%M:%S"));
+    m_root = new QStandardItemEx(m_rootTitle, kItemRoot);
+    m_model.appendRow(m_root);
+    m_lineLimit = WindowTime() * 50;
+}
+
+EventLogModel::~EventLogModel()
+{
+    m_model.clear();
+    CloseStreams();
+}
+
+void EventLogModel::CloseStreams()
+{
+    if (m_sid)
+        std::fclose(m_sid);
+    if (m_log)
+        std::fclose(m_log);
+    m_sid = m_log = nullptr;
+}
+
+void EventLogModel::OpenStreams()
+{
+    CloseStreams();
+    const SettingParams& s = SettingParams::Instance();
+    const std::string stamp = LocalTime("%Y_%m_%d %H_%M_%S");
+    m_sidPath = s.eventPath + "EventWindow_" + stamp + ".sid";
+    m_logPath = s.logPath + "LogWindow_" + stamp + ".log";
+    // A stream that does not open stays null: nothing is written, nothing said.
+    m_sid = std::fopen(m_sidPath.c_str(), "wb");
+    m_log = std::fopen(m_logPath.c_str(), "wb");
+}
+
+QString EventLogModel::LogText() const
+{
+    QString text;
+    for (const QString& line : m_logLines)
+        text += line + QLatin1Char('\n');
+    return text;
+}
+
+void EventLogModel::LogLine(int32_t number, const QString& text, int direction)
+{
+    const char* prefix = direction == 1 ? "Tx " : direction == 2 ? "Rx " : "   ";
+    const QString line = QString::fromLatin1(prefix) + QStringLiteral("[%1] ").arg(number) + text;
+    m_logLines.append(line);
+    if (m_log) {
+        const QByteArray utf8 = line.toUtf8();
+        const char* kind = direction == 1 ? " FSK " : direction == 2 ? " ASK " : "";
+        std::fprintf(m_log, "%s%s%s\r\n", TimeOfDay().c_str(), kind, utf8.constData());
+    }
+}
+
+int EventLogModel::PhaseOf(const MsgInfo& e)
+{
+    const int t = e.type;
+    if (e.direction == 1) {
+        if (t == 0 || t == 48 || t == 49)
+            return 3;
+        return m_phase;
+    }
+    switch (t) {
+    case 1:
+    case 253:
+        return 1;
+    case 2:
+        return m_phase == 5 ? 5 : 1;
+    case 3:
+    case 25:
+        return m_calibration ? 4 : 5;
+    case 4:
+    case 5:
+    case 256:
+        return 5;
+    case 6:
+    case 81:
+    case 113:
+    case 129:
+    case 258:
+        return 2;
+    case 7:
+    case 9:
+    case 32:
+    case 34:
+    case 84:
+    case 85:
+        return 3;
+    case 49:
+        if (!m_calibration)
+            return 5;
+        // The "Mode 2" received power is the last of calibration.
+        if (e.str.contains(QStringLiteral("Mode 2")))
+            m_calibration = 0;
+        return 4;
+    default:
+        return m_phase;
+    }
+}
+
+void EventLogModel::CloseGroups()
+{
+    m_phaseGroup = nullptr;
+    m_subGroup = nullptr;
+}
+
+void EventLogModel::OpenGroup(const MsgInfo& e)
+{
+    m_subGroup = nullptr;
+    m_phase = PhaseOf(e);
+    static const char* titles[] = {"Power Ping Phase", "ID & Configure Phase", "Nego Phase", "Calibration Phase",
+                                   "Power Transfer Phase"};
+    QStandardItemEx* group;
+    if (m_phase >= 1 && m_phase <= 5)
+        group = new QStandardItemEx(QString::fromLatin1(titles[m_phase - 1]), kItemPhase);
+    else
+        group = new QStandardItemEx(QStringLiteral("Proprietary"), kItemEvent);
+    group->info.direction = e.direction;
+    m_root->appendRow(group);
+    m_phaseGroup = group;
+    if (m_phase == 3)
+        m_calibration = 1;
+}
+
+void EventLogModel::PhaseStep(const MsgInfo& e)
+{
+    if (m_phaseGroup) {
+        if (PhaseOf(e) != m_phase)
+            OpenGroup(e);
+    } else {
+        OpenGroup(e);
+    }
+}
+
+void EventLogModel::RollUp(QStandardItemEx* item, const MsgInfo& e)
+{
+    for (QStandardItem* at = item; at; at = at->parent()) {
+        auto* x = static_cast<QStandardItemEx*>(at);
+        if (x->mode == kItemEvent && x == item) {
+            x->info = e;
+            continue;
+        }
+        EventGroup& g = x->info.eventG;
+        g.eventCount += e.eventG.eventCount;
+        g.failureCount += e.eventG.failureCount;
+        g.warningCount += e.eventG.warningCount;
+        if (g.FirstEventNumber == 0)
+            g.FirstEventNumber = e.eventG.FirstEventNumber;
+        g.lastEventNumber = e.eventG.lastEventNumber;
+        TimingsGroup& t = x->info.timings;
+        if (t.startTime == 0) {
+            // Taken with the start only: a group's span stays its first event's.
+            t.startTime = static_cast<int64_t>(e.timing.startTime);
+            t.startTimeStamp = e.timing.startTimeStamp;
+            t.endTime = static_cast<int64_t>(e.timing.endTime);
+            t.endTimeStamp = e.timing.endTimeStamp;
+        }
+        t.duration = TimeText(t.endTime - t.startTime);
+    }
+}
+
+void EventLogModel::RetitleSubGroup()
+{
+    if (!m_subGroup || m_subGroup->events.empty())
+        return;
+    const MsgInfo* low = m_subGroup->events.front().get();
+    const MsgInfo* high = low;
+    for (const auto& e : m_subGroup->events) {
+        if (e->packet.controlErrorValue < low->packet.controlErrorValue)
+            low = e.get();
+        if (e->packet.controlErrorValue > high->packet.controlErrorValue)
+            high = e.get();
+    }
+    auto told = [](const MsgInfo* e) {
+        return QString::asprintf("%.1f", static_cast<double>(e->packet.controlErrorValue)) + QStringLiteral("%") +
+               QString::asprintf(" %dHZ", e->packet.controlErrorFreq);
+    };
+    const char* kind = m_phase == 1 ? "Digital Ping" : "Control Error";
+    m_subGroup->setText(QString::fromLatin1(kind) + QStringLiteral(": ") + told(low) + QStringLiteral(" to ") +
+                        told(high) + QStringLiteral(" (%1 events)").arg(m_subGroup->rowCount()));
+}
+
+void EventLogModel::RetitlePhase()
+{
+    if (!m_phaseGroup || m_phaseGroup->mode != kItemPhase)
+        return;
+    const qlonglong n = m_phaseGroup->info.eventG.eventCount;
+    switch (m_phase) {
+    case 1:
+        m_phaseGroup->setText(QStringLiteral("Power Ping Phase (%1 events)").arg(n));
+        break;
+    case 2:
+        m_phaseGroup->setText(QStringLiteral("Power Identify&Configure Phase (%1 events)").arg(n));
+        break;
+    case 3:
+        m_phaseGroup->setText(QStringLiteral("Negotiation Phase (%1 events)").arg(n));
+        break;
+    case 4:
+        m_phaseGroup->setText(QStringLiteral("Calibration Phase"));
+        break;
+    case 5:
+        m_phaseGroup->setText(QStringLiteral("Power Transfer Phase (%1 events)").arg(n));
+        break;
+    default:
+        break;
+    }
+}
+
+void EventLogModel::RetitleRoot()
+{
+    m_root->setText(m_rootTitle + QStringLiteral(" (%1 events)").arg(static_cast<qlonglong>(m_root->info.eventG.eventCount)));
+}
+
+void EventLogModel::AddToTree(const MsgInfoPtr& e)
+{
+    if (!m_phaseGroup) {
+        Log::Printf("Must not Arrive there, state is not ok.");
+        return;
+    }
+    QStandardItemEx* item = nullptr;
+    if (e->type == kTypeDigitalPing || e->type == 3) {
+        if (!m_subGroup) {
+            const bool ping = e->type == kTypeDigitalPing;
+            m_subGroup = new QStandardItemEx(ping ? QStringLiteral("Digital Ping") : QStringLiteral("Control Error"),
+                                             ping ? kItemDigitalPing : kItemControlError);
+            m_phaseGroup->appendRow(m_subGroup);
+        }
+        item = new QStandardItemEx(e->str, kItemEvent);
+        m_subGroup->appendRow(item);
+        m_subGroup->events.push_back(e);
+        RollUp(item, *e);
+        RetitleSubGroup();
+        return;
+    }
+    const QString prefix = e->direction == 1 ? QStringLiteral("Tx ") : e->direction == 2 ? QStringLiteral("Rx ") : QString();
+    item = new QStandardItemEx(prefix + e->str, kItemEvent);
+    m_phaseGroup->appendRow(item);
+    m_subGroup = nullptr;
+    RollUp(item, *e);
+}
+
+void EventLogModel::ViolationItem(const MsgInfo& e)
+{
+    auto* item = new QStandardItemEx(Q(e.common.logData), kItemNotice);
+    const int32_t number = m_nextNumber;
+    item->info.common.eventNumber = number;
+    item->info.common.logData = e.common.logData;
+    item->info.common.typeString = e.common.typeString;
+    item->info.common.Summary = e.common.Summary;
+    item->info.timingsample.time = LocalTime("%Y-%m-%d %H:%M:%S");
+    item->info.id = number;
+    item->info.eventG.FirstEventNumber = number;
+    item->info.eventG.lastEventNumber = number;
+    item->info.type = e.type;
+    m_root->appendRow(item);
+    // A violation takes up two numbers: its record's and its item's.
+    LogLine(number, e.str, 0);
+    m_nextNumber += 1;
+    CloseGroups();
+    m_phase = 1;
+    m_calibration = 0;
+    RetitleRoot();
+}
+
+void EventLogModel::ContractItem(const MsgInfo& e)
+{
+    auto* item = new QStandardItemEx(e.str, kItemNotice);
+    item->info = e;
+    m_root->appendRow(item);
+    CloseGroups();
+}
+
+void EventLogModel::AddEvents(const std::vector<MsgInfoPtr>& events)
+{
+    for (const MsgInfoPtr& e : events) {
+        if (!e)
+            continue;
+        WriteSessionRecord(m_sid, *e);
+        const int32_t number = m_nextNumber++;
+        e->common.eventNumber = number;
+        e->id = number;
+        e->eventG.FirstEventNumber = number;
+        e->eventG.lastEventNumber = number;
+
+        if (e->type == kTypeViolation) {
+            ViolationItem(*e);
+            continue;
+        }
+        if (e->type != kTypeDeviceStatus && e->type != kTypeContract)
+            LogLine(number, e->str, e->type == kTypeDigitalPing ? 0 : e->direction);
+        if (e->type == kTypeContract) {
+            ContractItem(*e);
+            continue;
+        }
+        PhaseStep(*e);
+        AddToTree(e);
+        RetitlePhase();
+    }
+
+    if (m_phaseGroup) {
+        // Long sessions: the group keeps its first row and loses the next ones,
+        // at most ten a batch; its totals go on counting them.
+        for (int k = 0; k < 10 && m_phaseGroup->rowCount() > m_lineLimit / 10; ++k)
+            m_phaseGroup->removeRow(1);
+    }
+    while (m_logLines.size() > m_lineLimit)
+        m_logLines.removeFirst();
+    RetitleRoot();
+}
+
+void EventLogModel::Marker(StandardItemMode mode, bool start)
+{
+    const std::string when = LocalTime("%Y-%m-%d %H:%M:%S");
+    const DeviceGroup device = deviceGroup ? deviceGroup() : DeviceGroup();
+    if (start) {
+        m_nextNumber = 1;
+        m_rootTitle = Q("Coilscope @ " + when);
+        m_root->setText(m_rootTitle);
+        m_root->info.device = device;
+    }
+    const std::string text = start ? "Start Acquisition: Acquisition started at " + when
+                                   : "Stop Acquisition: Acquisition stoped at " + when;
+    auto* item = new QStandardItemEx(Q(text), mode);
+    item->info.device = device;
+    item->info.common.logData = text;
+    item->info.common.typeString = start ? "Start Acquisition" : "Stop Acquisition";
+    item->info.common.Summary = (start ? "Acquisition started at" : "Acquisition stoped at") + when;
+    item->info.timingsample.time = when;
+    item->info.str = Q(text);
+    m_root->appendRow(item);
+    LogLine(m_nextNumber, Q(text), 0);
+    m_nextNumber += 1;
+    CloseGroups();
+}
+
+void EventLogModel::StartAcquisition(const std::string&)
+{
+    if (m_root) {
+        Marker(kItemStart, true);
+        OpenStreams();
+        m_phase = 1;
+        m_calibration = 0;
+    }
+    m_lineLimit = WindowTime() * 500;
+}
+
+void EventLogModel::StopAcquisition(const std::string&)
+{
+    if (!m_root)
+        return;
+    Marker(kItemStop, false);
+    RetitleRoot();
+}
+
+void EventLogModel::ClearAll()
+{
+    m_model.clear();
+    m_root = new QStandardItemEx(m_rootTitle, kItemRoot);
+    m_model.appendRow(m_root);
+    CloseGroups();
+    m_phase = 1;
+    m_logLines.clear();
+}

@@ -1,0 +1,307 @@
+// SerialPort on real pseudo-terminals: the test holds the master side (the far
+// end, where the device would be) and the port opens the slave by its path.
+#include "capture/SerialPort.h"
+
+#include <gtest/gtest.h>
+
+#include <QTemporaryFile>
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int64_t MsSince(Clock::time_point t0)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
+}
+
+// A pseudo-terminal pair; the master is the far end.
+class PtyPair {
+public:
+    PtyPair()
+    {
+        m_master = ::posix_openpt(O_RDWR | O_NOCTTY);
+        if (m_master < 0)
+            return;
+        char name[128] = {};
+        if (::grantpt(m_master) != 0 || ::unlockpt(m_master) != 0 || ::ptsname_r(m_master, name, sizeof name) != 0) {
+            CloseFar();
+            return;
+        }
+        ::fcntl(m_master, F_SETFL, ::fcntl(m_master, F_GETFL) | O_NONBLOCK);
+        m_slave = name;
+    }
+    ~PtyPair() { CloseFar(); }
+
+    bool Ok() const { return m_master >= 0 && !m_slave.empty(); }
+    const std::string& SlavePath() const { return m_slave; }
+
+    void WriteFar(const std::vector<uint8_t>& bytes)
+    {
+        size_t put = 0;
+        const auto t0 = Clock::now();
+        while (put < bytes.size() && MsSince(t0) < 2000) {
+            const ssize_t r = ::write(m_master, bytes.data() + put, bytes.size() - put);
+            if (r > 0) {
+                put += static_cast<size_t>(r);
+                continue;
+            }
+            pollfd p{m_master, POLLOUT, 0};
+            ::poll(&p, 1, 10);
+        }
+        ASSERT_EQ(put, bytes.size());
+    }
+
+    // Reads from the far end until want bytes came or timeoutMs passed.
+    std::vector<uint8_t> ReadFar(size_t want, int timeoutMs)
+    {
+        std::vector<uint8_t> got;
+        const auto t0 = Clock::now();
+        uint8_t buf[4096];
+        while (got.size() < want && MsSince(t0) < timeoutMs) {
+            const ssize_t r = ::read(m_master, buf, sizeof buf);
+            if (r > 0) {
+                got.insert(got.end(), buf, buf + r);
+                continue;
+            }
+            pollfd p{m_master, POLLIN, 0};
+            ::poll(&p, 1, 5);
+        }
+        return got;
+    }
+
+    void CloseFar()
+    {
+        if (m_master >= 0)
+            ::close(m_master);
+        m_master = -1;
+    }
+
+private:
+    int m_master = -1;
+    std::string m_slave;
+};
+
+// Waits until the port reports at least n readable bytes (the terminal layer
+// hands bytes over asynchronously).
+bool WaitAvailable(SerialPort& port, int n, int timeoutMs = 2000)
+{
+    const auto t0 = Clock::now();
+    while (MsSince(t0) < timeoutMs) {
+        if (port.BytesAvailable() >= n)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
+}
+
+}  // namespace
+
+TEST(SerialPort, OpenOfMissingPathReturnsZero)
+{
+    SerialPort port;
+    EXPECT_EQ(port.Open("/dev/coilscope-no-such-port-77", 1024000, true), 0);
+    EXPECT_FALSE(port.IsOpen());
+}
+
+TEST(SerialPort, OpenOfSomethingThatIsNoTerminalReturnsZero)
+{
+    QTemporaryFile file;
+    ASSERT_TRUE(file.open());
+    SerialPort port;
+    EXPECT_EQ(port.Open(file.fileName().toStdString(), 1024000, true), 0);
+    EXPECT_FALSE(port.IsOpen());
+    EXPECT_EQ(port.Open("/dev/null", 1024000, true), 0);
+    EXPECT_FALSE(port.IsOpen());
+}
+
+TEST(SerialPort, PseudoTerminalOpensAtTheStreamRateWithOrWithoutFlowControl)
+{
+    PtyPair pty;
+    ASSERT_TRUE(pty.Ok());
+    SerialPort port;
+    EXPECT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
+    EXPECT_TRUE(port.IsOpen());
+    port.Close();
+    EXPECT_FALSE(port.IsOpen());
+    EXPECT_EQ(port.Open(pty.SlavePath(), 1024000, false), 1);
+    EXPECT_TRUE(port.IsOpen());
+    // Open on an open port closes it first and opens again.
+    EXPECT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
+    EXPECT_TRUE(port.IsOpen());
+}
+
+TEST(SerialPort, OpenSetsRawEightNoneOneWithHandshake)
+{
+    PtyPair pty;
+    ASSERT_TRUE(pty.Ok());
+    // A second descriptor on the same terminal, taken before the port claims it,
+    // shows the settings the port made.
+    const int probe = ::open(pty.SlavePath().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+    ASSERT_GE(probe, 0);
+    SerialPort port;
+    ASSERT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
+    termios tio{};
+    ASSERT_EQ(::tcgetattr(probe, &tio), 0);
+    EXPECT_EQ(tio.c_cflag & CSIZE, static_cast<tcflag_t>(CS8));
+    EXPECT_EQ(tio.c_cflag & PARENB, 0u);
+    EXPECT_EQ(tio.c_cflag & CSTOPB, 0u);
+    EXPECT_NE(tio.c_cflag & CRTSCTS, 0u);
+    EXPECT_NE(tio.c_cflag & CREAD, 0u);
+    EXPECT_EQ(tio.c_lflag & (ICANON | ECHO | ISIG), 0u);
+    EXPECT_EQ(tio.c_iflag & (IXON | IXOFF | ICRNL), 0u);
+    EXPECT_EQ(tio.c_oflag & OPOST, 0u);
+    EXPECT_EQ(tio.c_cc[VMIN], 0);
+    EXPECT_EQ(tio.c_cc[VTIME], 0);
+    port.Close();
+
+    ASSERT_EQ(port.Open(pty.SlavePath(), 1024000, false), 1);
+    ASSERT_EQ(::tcgetattr(probe, &tio), 0);
+    EXPECT_EQ(tio.c_cflag & CRTSCTS, 0u);
+    port.Close();
+    ::close(probe);
+}
+
+TEST(SerialPort, EveryByteValuePassesUntouchedBothWays)
+{
+    PtyPair pty;
+    ASSERT_TRUE(pty.Ok());
+    SerialPort port;
+    ASSERT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
+
+    std::vector<uint8_t> all(256);
+    for (int i = 0; i < 256; ++i)
+        all[static_cast<size_t>(i)] = static_cast<uint8_t>(i);
+    pty.WriteFar(all);
+    ASSERT_TRUE(WaitAvailable(port, 256));
+    EXPECT_EQ(port.BytesAvailable(), 256);
+    std::vector<uint8_t> in(256);
+    EXPECT_EQ(port.Read(in.data(), 256), 256);
+    EXPECT_EQ(in, all);
+
+    EXPECT_EQ(port.Write(all.data(), 256), 256);
+    EXPECT_EQ(pty.ReadFar(256, 2000), all);
+}
+
+TEST(SerialPort, OpenPurgesWhatWaitedInTheInputQueue)
+{
+    PtyPair pty;
+    ASSERT_TRUE(pty.Ok());
+    SerialPort port;
+    ASSERT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
+    pty.WriteFar({'o', 'l', 'd'});
+    ASSERT_TRUE(WaitAvailable(port, 3));
+    port.Close();
+    ASSERT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
+    EXPECT_EQ(port.BytesAvailable(), 0);
+    pty.WriteFar({'n', 'e', 'w'});
+    ASSERT_TRUE(WaitAvailable(port, 3));
+    uint8_t in[8] = {};
+    EXPECT_EQ(port.Read(in, 3), 3);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(in), 3), "new");
+}
+
+TEST(SerialPort, ReadWaitsAtMostFiftyMillisecondsForMissingBytes)
+{
+    PtyPair pty;
+    ASSERT_TRUE(pty.Ok());
+    SerialPort port;
+    ASSERT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
+
+    uint8_t in[16] = {};
+    auto t0 = Clock::now();
+    EXPECT_EQ(port.Read(in, 16), 0);
+    int64_t ms = MsSince(t0);
+    EXPECT_GE(ms, 45);
+    EXPECT_LE(ms, 250);
+
+    pty.WriteFar({1, 2, 3});
+    ASSERT_TRUE(WaitAvailable(port, 3));
+    t0 = Clock::now();
+    EXPECT_EQ(port.Read(in, 16), 3);
+    ms = MsSince(t0);
+    EXPECT_GE(ms, 45);
+    EXPECT_LE(ms, 250);
+    EXPECT_EQ(in[0], 1);
+    EXPECT_EQ(in[2], 3);
+}
+
+TEST(SerialPort, ReadReturnsAtOnceWhenAllBytesAreThere)
+{
+    PtyPair pty;
+    ASSERT_TRUE(pty.Ok());
+    SerialPort port;
+    ASSERT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
+    pty.WriteFar({9, 8, 7, 6});
+    ASSERT_TRUE(WaitAvailable(port, 4));
+    uint8_t in[4] = {};
+    const auto t0 = Clock::now();
+    EXPECT_EQ(port.Read(in, 4), 4);
+    EXPECT_LT(MsSince(t0), 40);
+    EXPECT_EQ(port.BytesAvailable(), 0);
+}
+
+TEST(SerialPort, WriteIntoAFullLineReturnsWithinItsTimeout)
+{
+    PtyPair pty;
+    ASSERT_TRUE(pty.Ok());
+    SerialPort port;
+    ASSERT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
+    // Nobody reads the far end: the terminal's buffers fill and the write
+    // gives up after its time-out with what went out.
+    std::vector<uint8_t> big(4 * 1024 * 1024, 0x55);
+    const auto t0 = Clock::now();
+    const int put = port.Write(big.data(), static_cast<int>(big.size()));
+    EXPECT_LT(put, static_cast<int>(big.size()));
+    EXPECT_LE(MsSince(t0), 500);
+}
+
+TEST(SerialPort, ClosedPortReadsWritesAndCountsNothing)
+{
+    SerialPort port;
+    uint8_t b[4] = {1, 2, 3, 4};
+    EXPECT_EQ(port.BytesAvailable(), 0);
+    EXPECT_EQ(port.Read(b, 4), 0);
+    EXPECT_EQ(port.Write(b, 4), 0);
+    port.Close();  // closing twice is harmless
+    EXPECT_FALSE(port.IsOpen());
+
+    PtyPair pty;
+    ASSERT_TRUE(pty.Ok());
+    ASSERT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
+    port.Close();
+    EXPECT_EQ(port.BytesAvailable(), 0);
+    EXPECT_EQ(port.Read(b, 4), 0);
+    EXPECT_EQ(port.Write(b, 4), 0);
+}
+
+TEST(SerialPort, FarSideGoneGivesZeroEverywhereAndNeverBlocks)
+{
+    PtyPair pty;
+    ASSERT_TRUE(pty.Ok());
+    SerialPort port;
+    ASSERT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
+    pty.CloseFar();
+
+    uint8_t b[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    const auto t0 = Clock::now();
+    EXPECT_EQ(port.BytesAvailable(), 0);
+    EXPECT_EQ(port.Read(b, 8), 0);
+    EXPECT_EQ(port.Write(b, 8), 0);
+    EXPECT_LE(MsSince(t0), 250);
+    EXPECT_TRUE(port.IsOpen());
+    port.Close();
+    EXPECT_FALSE(port.IsOpen());
+}

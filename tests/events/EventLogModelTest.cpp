@@ -1,0 +1,294 @@
+#include "events/EventLogModel.h"
+#include "events/SessionFile.h"
+#include "services/SettingParams.h"
+
+#include <gtest/gtest.h>
+
+#include <QTemporaryDir>
+
+namespace {
+
+MsgInfoPtr Event(int type, int direction, const char* str, float controlError = 0.0f, int freq = 0)
+{
+    auto e = std::make_shared<MsgInfo>();
+    e->type = type;
+    e->direction = direction;
+    e->str = QString::fromUtf8(str);
+    e->common.logData = str;
+    e->eventG.eventCount = 1;
+    e->packet.controlErrorValue = controlError;
+    e->packet.controlErrorFreq = freq;
+    return e;
+}
+
+class EventLogModelTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        SettingParams& s = SettingParams::Instance();
+        s.m_window_time = 15;
+        s.eventPath = s.logPath = dir.path().toStdString() + "/";
+    }
+    QTemporaryDir dir;
+};
+
+QString TitleOf(QStandardItem* item)
+{
+    return item ? item->text() : QString();
+}
+
+}  // namespace
+
+TEST_F(EventLogModelTest, EventsAreNumberedAndLogged)
+{
+    EventLogModel m;
+    m.AddEvents({Event(1, 2, "SignalStrength 50"), Event(0x30, 1, "Power Transmitter Identification: v1.3")});
+    ASSERT_EQ(m.LogLines().size(), 2);
+    EXPECT_EQ(m.LogLines()[0].toStdString(), "Rx [1] SignalStrength 50");
+    EXPECT_EQ(m.LogLines()[1].toStdString(), "Tx [2] Power Transmitter Identification: v1.3");
+    EXPECT_EQ(m.NextEventNumber(), 3);
+    EXPECT_EQ(m.LogText().toStdString(),
+              "Rx [1] SignalStrength 50\nTx [2] Power Transmitter Identification: v1.3\n");
+}
+
+TEST_F(EventLogModelTest, PhaseOfFollowsTypeAndDirection)
+{
+    EventLogModel m;
+    m.SetCurrentPhase(2);
+    EXPECT_EQ(m.PhaseOf(*Event(0, 1, "")), 3);
+    EXPECT_EQ(m.PhaseOf(*Event(48, 1, "")), 3);
+    EXPECT_EQ(m.PhaseOf(*Event(253, 1, "")), 2);  // a live digital ping keeps the phase
+    EXPECT_EQ(m.PhaseOf(*Event(253, 0, "")), 1);  // a loaded one (direction 0) is a ping phase
+    EXPECT_EQ(m.PhaseOf(*Event(1, 2, "")), 1);
+    EXPECT_EQ(m.PhaseOf(*Event(2, 2, "")), 1);
+    m.SetCurrentPhase(5);
+    EXPECT_EQ(m.PhaseOf(*Event(2, 2, "")), 5);
+    EXPECT_EQ(m.PhaseOf(*Event(3, 2, "")), 5);
+    m.SetCalibrationFlag(1);
+    EXPECT_EQ(m.PhaseOf(*Event(3, 2, "")), 4);
+    EXPECT_EQ(m.PhaseOf(*Event(25, 2, "")), 4);
+    for (int t : {4, 5, 256})
+        EXPECT_EQ(m.PhaseOf(*Event(t, 2, "")), 5);
+    for (int t : {6, 81, 113, 129, 258})
+        EXPECT_EQ(m.PhaseOf(*Event(t, 2, "")), 2);
+    for (int t : {7, 9, 32, 34, 84, 85})
+        EXPECT_EQ(m.PhaseOf(*Event(t, 2, "")), 3);
+    EXPECT_EQ(m.PhaseOf(*Event(0x99, 2, "")), 5);
+}
+
+TEST_F(EventLogModelTest, Mode2ReceivedPowerEndsCalibration)
+{
+    EventLogModel m;
+    m.SetCalibrationFlag(1);
+    EXPECT_EQ(m.PhaseOf(*Event(49, 2, "ReceivedPower Mode 1 (LightLoadCal_ResponseExpected); 10% 1W")), 4);
+    EXPECT_EQ(m.CalibrationFlag(), 1);
+    EXPECT_EQ(m.PhaseOf(*Event(49, 2, "ReceivedPower Mode 2 (LoadConnectedCal_ResponseExpected); 20% 2W")), 4);
+    EXPECT_EQ(m.CalibrationFlag(), 0);
+    EXPECT_EQ(m.PhaseOf(*Event(49, 2, "ReceivedPower Mode 0")), 5);
+}
+
+TEST_F(EventLogModelTest, PhaseGroupsOpenWithTheirTitlesAndCount)
+{
+    EventLogModel m;
+    m.StartAcquisition();
+    m.AddEvents({Event(1, 2, "SignalStrength 50"), Event(0x71, 2, "Identification 1.2"),
+                 Event(0x51, 2, "Configuration 5W"), Event(7, 2, "Request"), Event(3, 2, "ControlError 1.0%", 1, 128000),
+                 Event(4, 2, "ReceivedPower 50%")});
+    QStandardItem* root = m.Root();
+    ASSERT_EQ(root->rowCount(), 6);  // Start marker and five groups
+    EXPECT_TRUE(TitleOf(root->child(0)).startsWith("Start Acquisition: Acquisition started at "));
+    EXPECT_EQ(TitleOf(root->child(1)).toStdString(), "Power Ping Phase (1 events)");
+    EXPECT_EQ(TitleOf(root->child(2)).toStdString(), "Power Identify&Configure Phase (2 events)");
+    EXPECT_EQ(TitleOf(root->child(3)).toStdString(), "Negotiation Phase (1 events)");
+    // Opening negotiation set the calibration flag: the control error opens
+    // calibration, the 8-bit received power opens power transfer.
+    EXPECT_EQ(TitleOf(root->child(4)).toStdString(), "Calibration Phase");
+    EXPECT_EQ(TitleOf(root->child(5)).toStdString(), "Power Transfer Phase (1 events)");
+    EXPECT_EQ(m.CalibrationFlag(), 1);
+    // The flag stays set: the next control error goes back to a new calibration group.
+    m.AddEvents({Event(3, 2, "ControlError 0.0%")});
+    EXPECT_EQ(root->rowCount(), 7);
+    EXPECT_EQ(TitleOf(root->child(6)).toStdString(), "Calibration Phase");
+    EXPECT_TRUE(TitleOf(root).endsWith("(7 events)"));
+}
+
+TEST_F(EventLogModelTest, EndPowerTransferStaysInPowerTransferElseOpensPing)
+{
+    EventLogModel m;
+    m.AddEvents({Event(4, 2, "ReceivedPower"), Event(2, 2, "EndPowerTransfer")});
+    EXPECT_EQ(m.Root()->rowCount(), 1);
+    EXPECT_EQ(m.CurrentPhase(), 5);
+    EventLogModel other;
+    other.AddEvents({Event(0x51, 2, "Configuration"), Event(2, 2, "EndPowerTransfer")});
+    ASSERT_EQ(other.Root()->rowCount(), 2);
+    EXPECT_EQ(TitleOf(other.Root()->child(1)).toStdString(), "Power Ping Phase (1 events)");
+}
+
+TEST_F(EventLogModelTest, LiveDigitalPingNeverChangesThePhase)
+{
+    EventLogModel m;
+    m.AddEvents({Event(0x51, 2, "Configuration")});
+    m.AddEvents({Event(253, 1, "Digital Ping 65ms @ 128000HZ")});
+    EXPECT_EQ(m.CurrentPhase(), 2);
+    EXPECT_EQ(m.Root()->rowCount(), 1);
+    // Its log line has the blank prefix.
+    EXPECT_EQ(m.LogLines().back().toStdString(), "   [2] Digital Ping 65ms @ 128000HZ");
+}
+
+TEST_F(EventLogModelTest, ControlErrorsAndPingsFoldIntoOneSubGroup)
+{
+    EventLogModel m;
+    m.AddEvents({Event(4, 2, "ReceivedPower"), Event(3, 2, "CE a", 2.0f, 128000), Event(3, 2, "CE b", -3.0f, 127000),
+                 Event(253, 1, "Digital Ping"), Event(3, 2, "CE c", 2.0f, 126000)});
+    QStandardItem* group = m.Root()->child(0);
+    ASSERT_EQ(group->rowCount(), 2);  // the received power and one sub-group
+    QStandardItem* sub = group->child(1);
+    EXPECT_EQ(sub->rowCount(), 4);  // the ping joined the control errors
+    EXPECT_EQ(sub->text().toStdString(), "Control Error: -3.0% 127000HZ to 2.0% 128000HZ (4 events)");
+    // Any other event ends the sub-group.
+    m.AddEvents({Event(4, 2, "ReceivedPower"), Event(3, 2, "CE d", 1.0f, 1)});
+    EXPECT_EQ(group->rowCount(), 4);
+}
+
+TEST_F(EventLogModelTest, ContractClosesTheGroupAndTheNextEventOpensANewOne)
+{
+    EventLogModel m;
+    m.AddEvents({Event(0x51, 2, "Configuration"), Event(259, 0, "Power Transfer Contract : MaxPower=5W"),
+                 Event(0x71, 2, "Identification")});
+    ASSERT_EQ(m.Root()->rowCount(), 3);
+    EXPECT_EQ(TitleOf(m.Root()->child(1)).toStdString(), "Power Transfer Contract : MaxPower=5W");
+    EXPECT_EQ(TitleOf(m.Root()->child(2)).toStdString(), "Power Identify&Configure Phase (1 events)");
+    // The contract adds nothing to the root's count.
+    EXPECT_TRUE(TitleOf(m.Root()).endsWith("(2 events)"));
+}
+
+TEST_F(EventLogModelTest, NoLogLineForStatusAndContract)
+{
+    EventLogModel m;
+    m.AddEvents({Event(0x51, 2, "Configuration"), Event(258, 0, "Receiver Device Status : MaxPower=5W"),
+                 Event(259, 0, "Power Transfer Contract : MaxPower=5W")});
+    ASSERT_EQ(m.LogLines().size(), 1);
+    EXPECT_EQ(m.NextEventNumber(), 4);
+}
+
+TEST_F(EventLogModelTest, ViolationTakesTwoNumbers)
+{
+    EventLogModel m;
+    auto v = Event(256, 0, "Violation: CEP Timeout");
+    m.AddEvents({Event(3, 2, "CE"), v, Event(1, 2, "SignalStrength")});
+    EXPECT_EQ(v->id, 2);  // the record's number
+    QStandardItem* item = m.Root()->child(1);
+    ASSERT_TRUE(item);
+    const auto* ex = static_cast<QStandardItemEx*>(item);
+    EXPECT_EQ(ex->mode, kItemNotice);
+    EXPECT_EQ(ex->info.id, 3);  // the item shows the next one
+    EXPECT_FALSE(ex->info.timingsample.time.empty());
+    EXPECT_EQ(m.LogLines()[1].toStdString(), "   [3] Violation: CEP Timeout");
+    EXPECT_EQ(m.LogLines()[2].toStdString(), "Rx [4] SignalStrength");
+    EXPECT_EQ(m.CurrentPhase(), 1);
+}
+
+TEST_F(EventLogModelTest, TwoStartMarkersNumberFromOneAgain)
+{
+    EventLogModel m;
+    m.StartAcquisition();
+    m.AddEvents({Event(1, 2, "a"), Event(1, 2, "b")});
+    m.StartAcquisition();
+    auto e = Event(1, 2, "c");
+    m.AddEvents({e});
+    EXPECT_EQ(e->id, 2);  // the Start marker took number 1
+    int starts = 0;
+    for (int r = 0; r < m.Root()->rowCount(); ++r)
+        starts += static_cast<QStandardItemEx*>(m.Root()->child(r))->mode == kItemStart;
+    EXPECT_EQ(starts, 2);
+}
+
+TEST_F(EventLogModelTest, LineLimitIsWindowTimeTimes50ThenTimes500AfterStart)
+{
+    SettingParams::Instance().m_window_time = 1;
+    EventLogModel m;
+    EXPECT_EQ(m.LineLimit(), 50);
+    std::vector<MsgInfoPtr> batch;
+    for (int k = 0; k < 80; ++k)
+        batch.push_back(Event(1, 2, "SignalStrength"));
+    m.AddEvents(batch);
+    EXPECT_EQ(m.LogLines().size(), 50);
+    m.StartAcquisition();
+    EXPECT_EQ(m.LineLimit(), 500);
+    batch.clear();
+    for (int k = 0; k < 600; ++k)
+        batch.push_back(Event(1, 2, "SignalStrength"));
+    m.AddEvents(batch);
+    EXPECT_EQ(m.LogLines().size(), 500);
+    // The group keeps 50 rows at most, losing at most 10 a batch.
+    QStandardItem* group = m.PhaseGroup();
+    ASSERT_TRUE(group);
+    EXPECT_EQ(group->rowCount(), 600 - 10);
+    for (int k = 0; k < 60; ++k)
+        m.AddEvents({});
+    EXPECT_EQ(group->rowCount(), 50);
+    EXPECT_EQ(static_cast<QStandardItemEx*>(group)->info.eventG.eventCount, 600);  // totals keep counting
+}
+
+TEST_F(EventLogModelTest, AutosaveWritesRecordsBeforeNumberingAndLogLines)
+{
+    EventLogModel m;
+    m.StartAcquisition();
+    m.AddEvents({Event(3, 2, "ControlError 1.0% @0HZ")});
+    m.CloseStreams();
+    std::vector<MsgInfoPtr> saved;
+    ASSERT_TRUE(ReadSessionFile(m.SidPath(), saved));
+    ASSERT_EQ(saved.size(), 1u);
+    EXPECT_EQ(saved[0]->str.toStdString(), "ControlError 1.0% @0HZ");
+    FILE* f = std::fopen(m.LogPath().c_str(), "rb");
+    ASSERT_TRUE(f);
+    char buffer[512] = {};
+    std::fread(buffer, 1, sizeof buffer - 1, f);
+    std::fclose(f);
+    const std::string log(buffer);
+    EXPECT_NE(log.find(" ASK Rx [2] ControlError 1.0% @0HZ\r\n"), std::string::npos) << log;
+    // The Start marker's own line is written before the new files are opened:
+    // it is in the log list but not in the new .log.
+    EXPECT_EQ(log.find("Start Acquisition"), std::string::npos) << log;
+    EXPECT_TRUE(m.LogLines()[0].startsWith("   [1] Start Acquisition: Acquisition started at "));
+}
+
+TEST_F(EventLogModelTest, StopMarkerKeepsPhaseAndClearAllEmptiesTheModel)
+{
+    EventLogModel m;
+    m.StartAcquisition();
+    m.AddEvents({Event(4, 2, "ReceivedPower")});
+    m.StopAcquisition();
+    EXPECT_EQ(m.CurrentPhase(), 5);
+    EXPECT_EQ(m.PhaseGroup(), nullptr);
+    EXPECT_TRUE(TitleOf(m.Root()->child(m.Root()->rowCount() - 1)).startsWith("Stop Acquisition: Acquisition stoped at "));
+    const int32_t next = m.NextEventNumber();
+    m.ClearAll();
+    EXPECT_EQ(m.Root()->rowCount(), 0);
+    EXPECT_EQ(m.Model().rowCount(), 1);
+    EXPECT_TRUE(m.LogLines().isEmpty());
+    EXPECT_EQ(m.CurrentPhase(), 1);
+    EXPECT_EQ(m.NextEventNumber(), next);
+}
+
+TEST_F(EventLogModelTest, GroupRollsUpCountsAndTheFirstEventsSpan)
+{
+    EventLogModel m;
+    auto a = Event(4, 2, "a");
+    a->timing.startTime = 1000;
+    a->timing.endTime = 2000;
+    auto b = Event(5, 2, "b");
+    b->timing.startTime = 5000;
+    b->timing.endTime = 9000;
+    b->eventG.failureCount = 1;
+    m.AddEvents({a, b});
+    const auto* group = static_cast<QStandardItemEx*>(m.Root()->child(0));
+    EXPECT_EQ(group->info.eventG.eventCount, 2);
+    EXPECT_EQ(group->info.eventG.failureCount, 1);
+    EXPECT_EQ(group->info.eventG.FirstEventNumber, 1);
+    EXPECT_EQ(group->info.eventG.lastEventNumber, 2);
+    EXPECT_EQ(group->info.timings.startTime, 1000);
+    EXPECT_EQ(group->info.timings.endTime, 2000);
+    const auto* item = static_cast<QStandardItemEx*>(group->child(1));
+    EXPECT_EQ(item->info.common.logData, "b");
+}
