@@ -22,7 +22,7 @@ build-asan: deps
 
 build-tsan: deps
 	@cmake -S . -B $(TSAN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCOILSCOPE_SANITIZE=thread -DCOILSCOPE_ENGINE_ONLY=ON >/dev/null
-	@cmake --build $(TSAN) -j $(JOBS) --target threaded_tests
+	@cmake --build $(TSAN) -j $(JOBS) --target threaded_tests capture_tests
 
 # The whole suite, then the engine tests and fuzz corpora again under
 # AddressSanitizer and UndefinedBehaviorSanitizer, then the threaded tests under

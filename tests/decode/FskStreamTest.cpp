@@ -306,3 +306,43 @@ TEST(CThreadFSK, ReplayWordsAreFedAtMost3000APass)
     EXPECT_EQ(fsk.Ticks(), 4000 * 7500);
     EXPECT_EQ(fsk.CurrentFrequency(), 128000);
 }
+
+namespace {
+
+// One packet through the detector: a modulated block, then the carrier alone.
+std::shared_ptr<TriggerData> DetectOnePacket()
+{
+    FskCarrierTracker t(110000, 210000);
+    Recorder r;
+    r.tracker = &t;
+    t.SetCallback(&r);
+    std::vector<int32_t> block;
+    for (int i = 0; i < 64; ++i)
+        block.push_back(i < 32 ? 7500 : 7400);
+    t.ProcessBlock(block, 0);
+    std::vector<int32_t> high(64, 7500);
+    high[0] = 7400;
+    t.ProcessBlock(high, 1000000);
+    t.ProcessBlock(high, 2000000);
+    return r.packets.empty() ? nullptr : r.packets[0];
+}
+
+}  // namespace
+
+TEST(FskCarrierTracker, PacketPolarityComesFromTheDetectedPolarityFirst)
+{
+    SettingParams& s = SettingParams::Instance();
+    const bool before = s.m_Polarity;
+    s.m_Polarity = true;
+    s.detectedPolarity.store(-1);
+    auto p = DetectOnePacket();
+    ASSERT_TRUE(p);
+    EXPECT_EQ(p->polarity, 0);  // -1 wins over the default polarity
+    s.detectedPolarity.store(1);
+    EXPECT_EQ(DetectOnePacket()->polarity, 1);
+    s.detectedPolarity.store(0);
+    EXPECT_EQ(DetectOnePacket()->polarity, 1);  // none detected: the default
+    s.m_Polarity = false;
+    EXPECT_EQ(DetectOnePacket()->polarity, 0);
+    s.m_Polarity = before;
+}

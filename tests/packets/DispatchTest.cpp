@@ -306,3 +306,21 @@ TEST(Dispatch, AcceptAlwaysAccepts)
     EXPECT_TRUE(d.Accept(Frame(0x03, 2)));
     EXPECT_TRUE(d.Accept(nullptr));
 }
+
+TEST(Dispatch, ReceivedPowerIsBuiltWithThePowerReference)
+{
+    RecordingCallback cb;
+    CInterface d;
+    d.SetCallback(&cb);
+    auto rp = std::make_shared<CMsgData>();
+    const uint8_t bytes[] = {0x04, 0x40, 0x44};
+    rp->SetFrame(bytes, 3);
+    rp->direction = 2;
+    rp->packet.Status = "NoError";
+    d.Receive(rp);
+    d.SetPowerReference(10);
+    d.Receive(rp);
+    ASSERT_EQ(cb.calls.size(), 2u);
+    EXPECT_EQ(cb.calls[0].summary, "50% 2.5W");
+    EXPECT_EQ(cb.calls[1].summary, "50% 5W");
+}
