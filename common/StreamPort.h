@@ -5,6 +5,7 @@
 
 #include "common/Data.h"
 
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
@@ -25,3 +26,28 @@ public:
     // Reads are cut to multiples of n bytes.
     virtual void SetGranularity(int n) = 0;
 };
+
+using StreamPortFactory = std::function<std::unique_ptr<StreamPort>()>;
+
+// Makes a data port with the factory and opens it at the baud rate in queue
+// mode 0 with hardware flow control, reading whole 16-bit words. Null when
+// there is no factory or the port does not open.
+inline std::unique_ptr<StreamPort> OpenDataPort(const StreamPortFactory& factory, const std::string& name, int baud)
+{
+    if (!factory)
+        return nullptr;
+    std::unique_ptr<StreamPort> port = factory();
+    if (!port || !port->OpenPort(name, baud, 0, true))
+        return nullptr;
+    port->SetGranularity(2);
+    return port;
+}
+
+// Closes and forgets a data port.
+inline void CloseDataPort(std::unique_ptr<StreamPort>& port)
+{
+    if (port) {
+        port->ClosePort();
+        port.reset();
+    }
+}

@@ -22,7 +22,11 @@ void RecvDec::Bit(int b)
         parity ^= bit;
         state += 1;
     } else if (state == 10) {
-        // The parity bit's value is not looked at.
+        if (checkParity && bit != parity) {
+            // A parity failure loses the byte.
+            state = 1;
+            return;
+        }
         bytes[length] = current;
         length = static_cast<uint8_t>(length + 1);
         state = 11;

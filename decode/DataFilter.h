@@ -22,6 +22,9 @@ struct RecvDec {
     uint8_t length = 0;
     uint8_t parity = 0;  // running XOR of the data bits; never compared here
     int64_t ones = 0;
+    // The FSK side keeps a byte only when its parity bit equals the XOR of its
+    // data bits; the ASK side never looks at the parity bit.
+    bool checkParity = false;
 
     void Bit(int b);
     // More than two bytes, and the XOR of all but the last equals the last.

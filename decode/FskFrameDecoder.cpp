@@ -5,33 +5,6 @@
 #include <cmath>
 #include <cstdlib>
 
-void FskAssembler::Bit(int b)
-{
-    const uint8_t bit = b ? 1 : 0;
-    if (state == 1) {
-        ones += 1;
-        current = 0;
-        parity = 0;
-        if (bit == 0 && ones > 2)
-            state = 2;
-    } else if (state >= 2 && state <= 9) {
-        current = static_cast<uint8_t>(current | (bit << (state - 2)));
-        parity ^= bit;
-        state += 1;
-    } else if (state == 10) {
-        if (bit == parity) {
-            bytes[length] = current;
-            length = static_cast<uint8_t>(length + 1);
-            state = 11;
-        } else {
-            // A parity failure loses the byte.
-            state = 1;
-        }
-    } else if (state == 11) {
-        state = 1;
-    }
-}
-
 std::vector<PulseRecord> SliceLevels(const TriggerData& packet)
 {
     std::vector<PulseRecord> changes;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "common/TriggerData.h"
+#include "decode/DataFilter.h"
 #include "packets/Packets.h"
 
 #include <array>
@@ -16,16 +17,9 @@
 
 // The byte assembler of the FSK side: as the ASK one, but a byte is kept only
 // when its parity bit equals the XOR of its data bits.
-struct FskAssembler {
-    int32_t state = 1;
-    uint8_t current = 0;
-    uint8_t bytes[1024] = {};
-    uint8_t length = 0;
-    uint8_t parity = 0;
-    int64_t ones = 0;
-
+struct FskAssembler : RecvDec {
+    FskAssembler() { checkParity = true; }
     void Reset() { *this = FskAssembler(); }
-    void Bit(int b);
 };
 
 // The level slicer: the mean of the four words before each word, compared with

@@ -36,17 +36,8 @@ int CThread2K::OpenWithoutLoop(const std::string& portName, bool writeHeader, in
         return 1;
 
     m_replay.clear();
-    int opened = 0;
-    if (m_factory) {
-        m_port = m_factory();
-        if (m_port && m_port->OpenPort(portName, baud, 0, true)) {
-            opened = 1;
-            // Whole 16-bit words only.
-            m_port->SetGranularity(2);
-        } else {
-            m_port.reset();
-        }
-    }
+    m_port = OpenDataPort(m_factory, portName, baud);
+    const int opened = m_port ? 1 : 0;
     m_rangeMax = 0;
     m_rangeMin = 4096;
     m_rangeCount = 0;
@@ -59,10 +50,7 @@ int CThread2K::OpenWithoutLoop(const std::string& portName, bool writeHeader, in
 void CThread2K::Close()
 {
     Stop();
-    if (m_port) {
-        m_port->ClosePort();
-        m_port.reset();
-    }
+    CloseDataPort(m_port);
     {
         std::lock_guard<std::mutex> lock(m_displayMutex);
         m_display.clear();

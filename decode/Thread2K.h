@@ -21,7 +21,7 @@ struct SettingParams;
 
 class CThread2K : public MyThread {
 public:
-    using PortFactory = std::function<std::unique_ptr<StreamPort>()>;
+    using PortFactory = StreamPortFactory;
 
     explicit CThread2K(PortFactory factory = nullptr);
     ~CThread2K() override;

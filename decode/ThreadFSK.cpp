@@ -56,16 +56,8 @@ int CThreadFSK::OpenWithoutLoop(const std::string& portName, bool writeHeader, i
         return 1;
     m_replay.clear();
     m_replayIndex = 0;
-    int opened = 0;
-    if (m_factory) {
-        m_port = m_factory();
-        if (m_port && m_port->OpenPort(portName, baud, 0, true)) {
-            opened = 1;
-            m_port->SetGranularity(2);
-        } else {
-            m_port.reset();
-        }
-    }
+    m_port = OpenDataPort(m_factory, portName, baud);
+    const int opened = m_port ? 1 : 0;
     // The parser starts on a frame header. (Cleared before the loop starts, so
     // that the loop never sees a half-cleared parser.)
     m_remaining = 0;
@@ -77,10 +69,7 @@ int CThreadFSK::OpenWithoutLoop(const std::string& portName, bool writeHeader, i
 void CThreadFSK::Close()
 {
     Stop();
-    if (m_port) {
-        m_port->ClosePort();
-        m_port.reset();
-    }
+    CloseDataPort(m_port);
     std::lock_guard<std::mutex> lock(m_displayMutex);
     m_display.clear();
     m_decimation = 0;

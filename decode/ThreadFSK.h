@@ -22,7 +22,7 @@ struct SettingParams;
 
 class CThreadFSK : public MyThread, public TriggerFskCallback {
 public:
-    using PortFactory = std::function<std::unique_ptr<StreamPort>()>;
+    using PortFactory = StreamPortFactory;
 
     // The tracker's frequency band is read from the settings record here, once.
     explicit CThreadFSK(PortFactory factory = nullptr, SettingParams* settings = nullptr);

@@ -1,5 +1,6 @@
 // QSerialThread with its real reader thread on real pseudo-terminals, and its
 // reply assembler on its own.
+#include "PtyPair.h"
 #include "capture/QSerialThread.h"
 #include "common/Clock.h"
 
@@ -25,81 +26,12 @@ namespace {
 
 using SteadyClock_ = std::chrono::steady_clock;
 
-int64_t MsSince(SteadyClock_::time_point t0)
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(SteadyClock_::now() - t0).count();
-}
 
 void SleepMs(int ms)
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
-// A pseudo-terminal pair; the master is the far end, where the device would be.
-class PtyPair {
-public:
-    PtyPair()
-    {
-        m_master = ::posix_openpt(O_RDWR | O_NOCTTY);
-        if (m_master < 0)
-            return;
-        char name[128] = {};
-        if (::grantpt(m_master) != 0 || ::unlockpt(m_master) != 0 || ::ptsname_r(m_master, name, sizeof name) != 0) {
-            CloseFar();
-            return;
-        }
-        ::fcntl(m_master, F_SETFL, ::fcntl(m_master, F_GETFL) | O_NONBLOCK);
-        m_slave = name;
-    }
-    ~PtyPair() { CloseFar(); }
-
-    bool Ok() const { return m_master >= 0 && !m_slave.empty(); }
-    const std::string& SlavePath() const { return m_slave; }
-
-    void WriteFar(const std::vector<uint8_t>& bytes)
-    {
-        size_t put = 0;
-        const auto t0 = SteadyClock_::now();
-        while (put < bytes.size() && MsSince(t0) < 2000) {
-            const ssize_t r = ::write(m_master, bytes.data() + put, bytes.size() - put);
-            if (r > 0) {
-                put += static_cast<size_t>(r);
-                continue;
-            }
-            pollfd p{m_master, POLLOUT, 0};
-            ::poll(&p, 1, 10);
-        }
-        ASSERT_EQ(put, bytes.size());
-    }
-
-    std::vector<uint8_t> ReadFar(size_t want, int timeoutMs)
-    {
-        std::vector<uint8_t> got;
-        const auto t0 = SteadyClock_::now();
-        uint8_t buf[4096];
-        while (got.size() < want && MsSince(t0) < timeoutMs) {
-            const ssize_t r = ::read(m_master, buf, sizeof buf);
-            if (r > 0) {
-                got.insert(got.end(), buf, buf + r);
-                continue;
-            }
-            pollfd p{m_master, POLLIN, 0};
-            ::poll(&p, 1, 5);
-        }
-        return got;
-    }
-
-    void CloseFar()
-    {
-        if (m_master >= 0)
-            ::close(m_master);
-        m_master = -1;
-    }
-
-private:
-    int m_master = -1;
-    std::string m_slave;
-};
 
 std::vector<uint8_t> Bytes(const DataPtr& d)
 {

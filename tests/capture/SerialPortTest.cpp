@@ -1,5 +1,6 @@
 // SerialPort on real pseudo-terminals: the test holds the master side (the far
 // end, where the device would be) and the port opens the slave by its path.
+#include "PtyPair.h"
 #include "capture/SerialPort.h"
 
 #include <gtest/gtest.h>
@@ -22,77 +23,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-int64_t MsSince(Clock::time_point t0)
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
-}
 
-// A pseudo-terminal pair; the master is the far end.
-class PtyPair {
-public:
-    PtyPair()
-    {
-        m_master = ::posix_openpt(O_RDWR | O_NOCTTY);
-        if (m_master < 0)
-            return;
-        char name[128] = {};
-        if (::grantpt(m_master) != 0 || ::unlockpt(m_master) != 0 || ::ptsname_r(m_master, name, sizeof name) != 0) {
-            CloseFar();
-            return;
-        }
-        ::fcntl(m_master, F_SETFL, ::fcntl(m_master, F_GETFL) | O_NONBLOCK);
-        m_slave = name;
-    }
-    ~PtyPair() { CloseFar(); }
-
-    bool Ok() const { return m_master >= 0 && !m_slave.empty(); }
-    const std::string& SlavePath() const { return m_slave; }
-
-    void WriteFar(const std::vector<uint8_t>& bytes)
-    {
-        size_t put = 0;
-        const auto t0 = Clock::now();
-        while (put < bytes.size() && MsSince(t0) < 2000) {
-            const ssize_t r = ::write(m_master, bytes.data() + put, bytes.size() - put);
-            if (r > 0) {
-                put += static_cast<size_t>(r);
-                continue;
-            }
-            pollfd p{m_master, POLLOUT, 0};
-            ::poll(&p, 1, 10);
-        }
-        ASSERT_EQ(put, bytes.size());
-    }
-
-    // Reads from the far end until want bytes came or timeoutMs passed.
-    std::vector<uint8_t> ReadFar(size_t want, int timeoutMs)
-    {
-        std::vector<uint8_t> got;
-        const auto t0 = Clock::now();
-        uint8_t buf[4096];
-        while (got.size() < want && MsSince(t0) < timeoutMs) {
-            const ssize_t r = ::read(m_master, buf, sizeof buf);
-            if (r > 0) {
-                got.insert(got.end(), buf, buf + r);
-                continue;
-            }
-            pollfd p{m_master, POLLIN, 0};
-            ::poll(&p, 1, 5);
-        }
-        return got;
-    }
-
-    void CloseFar()
-    {
-        if (m_master >= 0)
-            ::close(m_master);
-        m_master = -1;
-    }
-
-private:
-    int m_master = -1;
-    std::string m_slave;
-};
 
 // Waits until the port reports at least n readable bytes (the terminal layer
 // hands bytes over asynchronously).
