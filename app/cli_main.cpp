@@ -1,4 +1,5 @@
 // coilscope-cli: the decoding engine without a window.
+#include "app/CliCapture.h"
 #include "app/CliDecode.h"
 #include "app/CliShow.h"
 #include "services/AppSettings.h"
@@ -42,6 +43,7 @@ void PrintUsage(std::FILE* to)
         "  decode  decode one Qi frame given as hexadecimal bytes\n"
         "          (coilscope-cli decode --help for the details)\n"
         "  show    print the records of a session file (.sid)\n"
+        "  capture capture live from the sniffer and print the session's log\n"
         "  demo    synthesize a short receiver session (ping, identification,\n"
         "          configuration, power transfer), stream it through the ASK\n"
         "          decoding chain as the device would send it, and print every\n"
@@ -150,6 +152,8 @@ int main(int argc, char** argv)
         return RunDecode(argc - 2, argv + 2);
     if (command == "show")
         return RunShow(argc - 2, argv + 2);
+    if (command == "capture")
+        return RunCapture(argc - 2, argv + 2);
     std::fprintf(stderr, "coilscope-cli: unknown command '%s' (try --help)\n", argv[1]);
     return 2;
 }

@@ -96,6 +96,7 @@ void EventLogModel::LogLine(int32_t number, const QString& text, int direction)
     const char* prefix = direction == 1 ? "Tx " : direction == 2 ? "Rx " : "   ";
     const QString line = QString::fromLatin1(prefix) + QStringLiteral("[%1] ").arg(number) + text;
     m_logLines.append(line);
+    m_linesWritten += 1;
     if (m_log) {
         const QByteArray utf8 = line.toUtf8();
         const char* kind = direction == 1 ? " FSK " : direction == 2 ? " ASK " : "";

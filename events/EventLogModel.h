@@ -54,6 +54,8 @@ public:
     QStandardItemEx* PhaseGroup() const { return m_phaseGroup; }
     QStandardItemEx* SubGroup() const { return m_subGroup; }
     const QStringList& LogLines() const { return m_logLines; }
+    // Lines written since construction, trimmed ones included.
+    int64_t LinesWritten() const { return m_linesWritten; }
     QString LogText() const;
     int CurrentPhase() const { return m_phase; }
     int CalibrationFlag() const { return m_calibration; }
@@ -97,5 +99,6 @@ private:
     std::string m_sidPath;
     std::string m_logPath;
     int32_t m_nextNumber = 1;
+    int64_t m_linesWritten = 0;
     int32_t m_lineLimit = 0;
 };

@@ -131,7 +131,6 @@ private:
     std::vector<uint8_t> input_[kPortCount];
     bool inputOverflow_[kPortCount] = {false, false, false};
     std::unique_ptr<StreamSynth> synth_;
-    std::vector<uint8_t> record_;
 
     FILE* recordAsk_ = nullptr;
     FILE* recordFsk_ = nullptr;

@@ -1,0 +1,154 @@
+#include "app/CliCapture.h"
+
+#include "app/CliShow.h"
+#include "capture/AcquisitionController.h"
+#include "capture/CommandProtocol.h"
+#include "events/EventLogModel.h"
+#include "services/SettingParams.h"
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+#include <thread>
+
+namespace {
+
+std::atomic<bool> g_stop{false};
+
+void OnSignal(int)
+{
+    g_stop.store(true);
+}
+
+const char* kCaptureHelp =
+    "usage: coilscope-cli capture [--seconds N] [--json]\n"
+    "\n"
+    "Finds the sniffer on the serial ports (/dev/ttyACM0 to 99, or the printf\n"
+    "pattern in COILSCOPE_PORTS), starts streaming and prints the session's\n"
+    "log as it runs, one line per event (--json: one JSON object per event).\n"
+    "The session is saved as it runs (.sid and .log in a folder named by the\n"
+    "time, under the settings' savePath). Ctrl-C, SIGTERM or the end of\n"
+    "--seconds stops, disconnects and exits with status 0.\n"
+    "\n"
+    "No device: \"Not found Sniffer Device.\" on stderr and status 1; a device\n"
+    "in boot mode or with an incompatible firmware likewise.\n"
+    "\n"
+    "example:\n"
+    "  COILSCOPE_PORTS=/tmp/sim/ttyACM%d coilscope-cli capture --seconds 20\n";
+
+// What the controller shows, on the terminal.
+class TerminalView : public AcquisitionView {
+public:
+    explicit TerminalView(EventLogModel& model) : m_model(model) {}
+    void ShowMessage(const std::string& title, const std::string& text) override
+    {
+        std::cerr << text << std::endl;
+        failed = title == "critical" || title == "Error" || title == "information";
+    }
+    void SetActions(const Actions&) override {}
+    void ShowDeviceRecord(const uint8_t*) override {}
+    void CaptureBegins() override { m_model.StartAcquisition(); }
+    void CaptureEnds() override {}
+    void Tick() override { tick.store(true); }
+
+    std::atomic<bool> tick{false};
+    bool failed = false;
+
+private:
+    EventLogModel& m_model;
+};
+
+}  // namespace
+
+int RunCapture(int argc, char** argv)
+{
+    double seconds = -1;
+    bool json = false;
+    for (int i = 0; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "--help" || a == "-h") {
+            std::fputs(kCaptureHelp, stdout);
+            return 0;
+        }
+        if (a == "--json") {
+            json = true;
+        } else if (a == "--seconds" && i + 1 < argc) {
+            char* end = nullptr;
+            seconds = std::strtod(argv[++i], &end);
+            if (!end || *end || seconds <= 0) {
+                std::fprintf(stderr, "coilscope-cli capture: --seconds needs a positive number\n");
+                return 2;
+            }
+        } else {
+            std::fprintf(stderr, "coilscope-cli capture: unknown argument %s (try --help)\n", a.c_str());
+            return 2;
+        }
+    }
+    std::signal(SIGINT, OnSignal);
+    std::signal(SIGTERM, OnSignal);
+
+    EventLogModel model;
+    model.deviceGroup = [] { return DeviceGroupFromRecord(SettingParams::Instance().deviceRecord); };
+    TerminalView view(model);
+    AcquisitionController controller(view);
+    controller.Connect();
+    if (!controller.Found())
+        return 1;
+
+    const DeviceGroup device = DeviceGroupFromRecord(SettingParams::Instance().deviceRecord);
+    std::cout << "device: " << device.deviceType << ", firmware " << device.firewareVersion << " built "
+              << device.firmwareBuildDate << ", hardware " << device.hardwareVersion << ", serial "
+              << device.serialNumber << "\n";
+    std::cout << "ports: command " << controller.CommandPort() << ", ASK " << controller.AskPort() << ", FSK "
+              << controller.FskPort() << "\n";
+    std::cout << "session saved in " << SettingParams::Instance().eventPath << "\n" << std::flush;
+
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    auto print = [&](const std::vector<MsgInfoPtr>& batch, int64_t before) {
+        if (json) {
+            for (const auto& e : batch)
+                std::cout << Json::writeString(builder, EventJson(*e)) << "\n";
+        } else {
+            const QStringList& lines = model.LogLines();
+            const int64_t fresh = std::min<int64_t>(model.LinesWritten() - before, lines.size());
+            for (int64_t k = lines.size() - fresh; k < lines.size(); ++k)
+                std::cout << lines[static_cast<int>(k)].toStdString() << "\n";
+        }
+        std::cout << std::flush;
+    };
+    print({}, 0);
+
+    const auto begin = std::chrono::steady_clock::now();
+    bool ok = true;
+    while (!g_stop.load()) {
+        if (seconds > 0 && std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count() >= seconds)
+            break;
+        if (view.tick.exchange(false)) {
+            if (!controller.CheckReplies()) {
+                ok = false;
+                break;
+            }
+            std::vector<MsgInfoPtr> batch;
+            controller.Manager().GetEvents(batch);
+            const int64_t before = model.LinesWritten();
+            model.AddEvents(batch);
+            print(batch, before);
+            controller.TickDone();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    if (ok) {
+        controller.DevStop();
+        const int64_t before = model.LinesWritten();
+        model.StopAcquisition();
+        print({}, before);
+        controller.Disconnect();
+    }
+    model.CloseStreams();
+    return ok ? 0 : 1;
+}

@@ -1,0 +1,3 @@
+#include "sim/DeviceEmulator.h"
+#include <gtest/gtest.h>
+TEST(Emulator, Placeholder) {}
