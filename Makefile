@@ -22,7 +22,7 @@ build-asan: deps
 
 build-tsan: deps
 	@cmake -S . -B $(TSAN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCOILSCOPE_SANITIZE=thread -DCOILSCOPE_ENGINE_ONLY=ON >/dev/null
-	@cmake --build $(TSAN) -j $(JOBS) --target threaded_tests capture_tests
+	@cmake --build $(TSAN) -j $(JOBS) --target threaded_tests capture_tests device_tests
 
 # The whole suite, then the engine tests and fuzz corpora again under
 # AddressSanitizer and UndefinedBehaviorSanitizer, then the threaded tests under
@@ -32,10 +32,11 @@ test: build build-asan build-tsan
 	@cd $(ASAN) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
 	@cd $(TSAN) && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L threaded
 
+# The device emulator on pseudo-terminals and a live capture from it.
 demo: deps
-	@cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DCOILSCOPE_BENCH=OFF >/dev/null
-	@cmake --build build-release -j $(JOBS) --target coilscope-cli
-	@./build-release/app/coilscope-cli demo
+	@cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build build-release -j $(JOBS) --target coilscope-cli coilscope-sim
+	@bash scripts/demo.sh build-release
 
 bench: deps
 	@cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release >/dev/null

@@ -1,0 +1,265 @@
+// The capture link against the device emulator over real pseudo-terminals:
+// discovery, the device record, the DAC command, the firmware checks, and a
+// port that goes away.
+#include "capture/AcquisitionController.h"
+#include "capture/CommandProtocol.h"
+#include "capture/Discovery.h"
+#include "services/SettingParams.h"
+#include "sim/DeviceEmulator.h"
+
+#include <gtest/gtest.h>
+
+#include <QTemporaryDir>
+
+#include <chrono>
+#include <thread>
+#include <unistd.h>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+struct Emulator {
+    explicit Emulator(coilsim::EmulatorOptions options = {}, uint32_t seed = 7)
+    {
+        options.dir = dir.path().toStdString() + "/ports";
+        options.haveSeed = true;
+        options.seed = seed;
+        device = std::make_unique<coilsim::DeviceEmulator>(options);
+        std::string error;
+        ok = device->Start(error);
+        EXPECT_TRUE(ok) << error;
+    }
+    std::string Pattern() const { return device->Directory() + "/ttyACM%d"; }
+
+    QTemporaryDir dir;
+    std::unique_ptr<coilsim::DeviceEmulator> device;
+    bool ok = false;
+};
+
+class NullView : public AcquisitionView {
+public:
+    void ShowMessage(const std::string& title, const std::string& text) override
+    {
+        messages.push_back(title + ": " + text);
+    }
+    void SetActions(const Actions& a) override { actions = a; }
+    void ShowDeviceRecord(const uint8_t*) override { ++records; }
+    void CaptureBegins() override { ++begins; }
+    void CaptureEnds() override { ++ends; }
+    void Tick() override { ticks.fetch_add(1); }
+
+    std::vector<std::string> messages;
+    Actions actions{};
+    int records = 0, begins = 0, ends = 0;
+    std::atomic<int> ticks{0};
+};
+
+class DeviceTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        SettingParams& s = SettingParams::Instance();
+        s.savePath = folders.path().toStdString();
+        s.m_dac_value = 1700;
+        s.m_dac_locked = 0;
+        s.m_dac_manual = 0;
+        s.m_min_freq = 110000;
+        s.m_max_freq = 210000;
+    }
+    QTemporaryDir folders;
+};
+
+}  // namespace
+
+TEST_F(DeviceTest, DiscoveryFindsTheThreePortsWhateverTheirOrder)
+{
+    for (uint32_t seed : {3u, 11u}) {
+        Emulator emu({}, seed);
+        ASSERT_TRUE(emu.ok);
+        DiscoveryResult r = Discover(emu.Pattern());
+        EXPECT_TRUE(r.found) << seed;
+        EXPECT_EQ(r.commandPort, emu.device->PortPath(coilsim::PortRole::Command));
+        EXPECT_EQ(r.askPort, emu.device->PortPath(coilsim::PortRole::Ask));
+        EXPECT_EQ(r.fskPort, emu.device->PortPath(coilsim::PortRole::Fsk));
+        EXPECT_TRUE(r.firmwareHeaders);  // firmware 901
+        ASSERT_TRUE(r.command);
+        EXPECT_TRUE(r.command->IsPortOpen());
+        r.command->ClosePort();
+    }
+}
+
+TEST_F(DeviceTest, PortNumbered99IsFoundAnd100IsNot)
+{
+    Emulator emu;
+    ASSERT_TRUE(emu.ok);
+    QTemporaryDir links;
+    const std::string base = links.path().toStdString();
+    auto link = [&](coilsim::PortRole role, int n) {
+        const std::string to = base + "/ttyS" + std::to_string(n);
+        ASSERT_EQ(::symlink(emu.device->SlavePath(role).c_str(), to.c_str()), 0);
+    };
+    link(coilsim::PortRole::Ask, 97);
+    link(coilsim::PortRole::Fsk, 98);
+    link(coilsim::PortRole::Command, 99);
+    DiscoveryResult r = Discover(base + "/ttyS%d");
+    EXPECT_TRUE(r.found);
+    EXPECT_EQ(r.commandPort, base + "/ttyS99");
+    r.command.reset();
+    ::unlink((base + "/ttyS99").c_str());
+    link(coilsim::PortRole::Command, 100);
+    DiscoveryResult none = Discover(base + "/ttyS%d");
+    EXPECT_FALSE(none.found);
+    EXPECT_FALSE(none.command);
+}
+
+TEST_F(DeviceTest, BootModeIsRecognised)
+{
+    coilsim::EmulatorOptions o;
+    o.bootMode = true;
+    Emulator emu(o);
+    ASSERT_TRUE(emu.ok);
+    NullView view;
+    AcquisitionController c(view, emu.Pattern());
+    c.Connect();
+    EXPECT_FALSE(c.Found());
+    EXPECT_TRUE(c.BootMode());
+    ASSERT_EQ(view.messages.size(), 1u);
+    EXPECT_EQ(view.messages[0], "information: Device is in boot mode, Please UpdateFireware under sniffer menu.");
+}
+
+TEST_F(DeviceTest, NoDeviceIsNotFound)
+{
+    QTemporaryDir empty;
+    NullView view;
+    AcquisitionController c(view, empty.path().toStdString() + "/ttyACM%d");
+    c.Connect();
+    EXPECT_FALSE(c.Found());
+    ASSERT_EQ(view.messages.size(), 1u);
+    EXPECT_EQ(view.messages[0], "critical: Not found Sniffer Device.");
+    EXPECT_FALSE(view.actions.connectChecked);
+}
+
+TEST_F(DeviceTest, DeviceRecordArrivesIntact)
+{
+    coilsim::EmulatorOptions o;
+    Emulator emu(o);
+    ASSERT_TRUE(emu.ok);
+    DiscoveryResult r = Discover(emu.Pattern());
+    ASSERT_TRUE(r.command);
+    uint8_t record[1024];
+    ASSERT_TRUE(ReadDeviceRecord(*r.command, record));
+    o.dir = emu.device->Directory();
+    const std::vector<uint8_t> expected = coilsim::BuildDeviceRecord(o);
+    EXPECT_EQ(std::vector<uint8_t>(record, record + 1024), expected);
+    EXPECT_EQ(FirmwareBuildDate(record), "2023.05.20");
+    EXPECT_TRUE(BuildDateMatchesHost(record));
+}
+
+TEST_F(DeviceTest, ConnectStartsStreamingAndSendsTheDacValue)
+{
+    Emulator emu;
+    ASSERT_TRUE(emu.ok);
+    NullView view;
+    AcquisitionController c(view, emu.Pattern());
+    c.Connect();
+    ASSERT_TRUE(c.Found());
+    EXPECT_TRUE(c.Acquiring());
+    EXPECT_EQ(view.records, 1);
+    EXPECT_EQ(view.begins, 1);
+    // "pAYAAA==": 1700 reaches the device.
+    const auto deadline = std::chrono::steady_clock::now() + 3s;
+    while (emu.device->DacValue() != 1700 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(5ms);
+    EXPECT_EQ(emu.device->DacValue(), 1700);
+    EXPECT_EQ(c.LastDacSent(), 1700);
+    EXPECT_TRUE(emu.device->Streaming());
+    // The pacing thread asks for refreshes, one at a time.
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(view.ticks.load(), 1);
+    c.TickDone();
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(view.ticks.load(), 2);
+    EXPECT_TRUE(c.CheckReplies());  // "$ " and the right build date
+    c.Disconnect();
+    EXPECT_FALSE(c.Acquiring());
+    EXPECT_FALSE(c.IsRunning());
+}
+
+TEST_F(DeviceTest, StopTwiceSendsTheStopCommandTwiceAndStopsThreadsOnce)
+{
+    Emulator emu;
+    ASSERT_TRUE(emu.ok);
+    NullView view;
+    AcquisitionController c(view, emu.Pattern());
+    c.Connect();
+    ASSERT_TRUE(c.IsRunning());
+    const int before = c.StopCommandsSent();
+    c.Stop();
+    EXPECT_FALSE(c.IsRunning());
+    c.Stop();
+    EXPECT_EQ(c.StopCommandsSent(), before + 2);
+    EXPECT_FALSE(emu.device->Streaming());
+}
+
+TEST_F(DeviceTest, RejectedFirmwareIsRecognised)
+{
+    coilsim::EmulatorOptions o;
+    o.rejectFirmware = true;
+    Emulator emu(o);
+    ASSERT_TRUE(emu.ok);
+    NullView view;
+    AcquisitionController c(view, emu.Pattern());
+    c.Connect();
+    ASSERT_TRUE(c.Found());
+    bool ok = true;
+    const auto deadline = std::chrono::steady_clock::now() + 3s;
+    while (ok && std::chrono::steady_clock::now() < deadline) {
+        ok = c.CheckReplies();
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_FALSE(ok);
+    EXPECT_FALSE(c.Acquiring());
+    ASSERT_FALSE(view.messages.empty());
+    EXPECT_EQ(view.messages.back(), "Error: Fireware is incompatible, Please UpdateFireware under sniffer menu.");
+}
+
+TEST_F(DeviceTest, DifferentBuildDateIsRecognised)
+{
+    coilsim::EmulatorOptions o;
+    o.buildDate = "2024.01.01";
+    Emulator emu(o);
+    ASSERT_TRUE(emu.ok);
+    NullView view;
+    AcquisitionController c(view, emu.Pattern());
+    c.Connect();
+    ASSERT_TRUE(c.Found());
+    EXPECT_EQ(FirmwareBuildDate(SettingParams::Instance().deviceRecord), "2024.01.01");
+    bool ok = true;
+    const auto deadline = std::chrono::steady_clock::now() + 3s;
+    while (ok && std::chrono::steady_clock::now() < deadline) {
+        ok = c.CheckReplies();
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(view.messages.back(), "Error: Fireware is incompatible, Please UpdateFireware under sniffer menu.");
+}
+
+TEST_F(DeviceTest, PortThatGoesAwayEndsOnlyTheStream)
+{
+    auto emu = std::make_unique<Emulator>();
+    ASSERT_TRUE(emu->ok);
+    NullView view;
+    AcquisitionController c(view, emu->Pattern());
+    c.Connect();
+    ASSERT_TRUE(c.Found());
+    std::this_thread::sleep_for(100ms);
+    emu.reset();  // the device is gone
+    std::this_thread::sleep_for(100ms);
+    std::vector<MsgInfoPtr> events;
+    c.Manager().GetEvents(events);
+    c.CheckReplies();
+    // Nothing crashed; stopping and disconnecting still work.
+    c.Disconnect();
+    EXPECT_FALSE(c.IsRunning());
+}
