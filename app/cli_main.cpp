@@ -3,6 +3,7 @@
 #include "app/CliDecode.h"
 #include "app/CliShow.h"
 #include "services/AppSettings.h"
+#include "services/CrashHandler.h"
 #include "decode/AskDecoding.h"
 #include "decode/Thread2K.h"
 #include "common/TimeText.h"
@@ -139,6 +140,7 @@ int Demo()
 
 int main(int argc, char** argv)
 {
+    InstallCrashHandler();
     // Every program loads the settings first: a first run writes a fresh file.
     AppSettings::Instance();
     if (argc < 2 || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")) {
