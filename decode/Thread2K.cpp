@@ -41,9 +41,7 @@ int CThread2K::OpenWithoutLoop(const std::string& portName, bool writeHeader, in
     m_rangeMax = 0;
     m_rangeMin = 4096;
     m_rangeCount = 0;
-    m_remaining = 0;
-    m_timeStamp = 0;
-    m_state = 0;
+    m_parser.Reset();
     return opened;
 }
 
@@ -99,52 +97,31 @@ size_t CThread2K::RunPass()
 void CThread2K::ParseWords(const uint8_t* bytes, size_t words)
 {
     for (size_t k = 0; k < words; ++k) {
-        const uint32_t w = static_cast<uint32_t>(bytes[2 * k]) | (static_cast<uint32_t>(bytes[2 * k + 1]) << 8);
-        switch (m_state) {
-        case 0:
-            m_remaining = w;
-            m_state = 1;
-            break;
-        case 1:
-            m_remaining += w << 16;
-            m_state = 2;
-            break;
-        case 2:
-            m_timeStamp = w;
-            m_state = 3;
-            break;
-        case 3:
-            m_timeStamp += w << 16;
-            m_state = 4;
-            break;
-        default: {
-            const uint64_t number = m_sampleCounter++;
-            m_stream.Add(static_cast<int32_t>(w), number);
-            const int32_t value = static_cast<int32_t>(w);
-            if (value > m_rangeMax)
-                m_rangeMax = value;
-            if (value < m_rangeMin)
-                m_rangeMin = value;
-            m_rangeCount += 1;
-            if (m_rangeCount > 8000) {
-                m_rangeMax = 0;
-                m_rangeMin = 4096;
-                m_rangeCount = 0;
-            }
-            // One sample in six reaches the display.
-            if (m_decimation++ == m_divider) {
-                m_decimation = 0;
-                std::lock_guard<std::mutex> lock(m_displayMutex);
-                m_display.push_back(static_cast<uint16_t>(w));
-                if (m_display.size() > kDisplayLimit)
-                    m_display.pop_front();
-            }
-            m_remaining -= 2;
-            if (static_cast<int32_t>(m_remaining) < 1)
-                m_state = 0;
-            break;
+        const uint32_t w = WordAt(bytes, k);
+        if (m_parser.Take(w) != StreamFrameParser::kPayload)
+            continue;
+        const uint64_t number = m_sampleCounter++;
+        m_stream.Add(static_cast<int32_t>(w), number);
+        const int32_t value = static_cast<int32_t>(w);
+        if (value > m_rangeMax)
+            m_rangeMax = value;
+        if (value < m_rangeMin)
+            m_rangeMin = value;
+        m_rangeCount += 1;
+        if (m_rangeCount > 8000) {
+            m_rangeMax = 0;
+            m_rangeMin = 4096;
+            m_rangeCount = 0;
         }
+        // One sample in six reaches the display.
+        if (m_decimation++ == m_divider) {
+            m_decimation = 0;
+            std::lock_guard<std::mutex> lock(m_displayMutex);
+            m_display.push_back(static_cast<uint16_t>(w));
+            if (m_display.size() > kDisplayLimit)
+                m_display.pop_front();
         }
+        m_parser.PayloadTaken();
     }
 }
 

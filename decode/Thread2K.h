@@ -3,6 +3,7 @@
 #pragma once
 
 #include "common/MyThread.h"
+#include "common/StreamFrame.h"
 #include "common/StreamPort.h"
 #include "decode/AskStream.h"
 
@@ -54,9 +55,9 @@ public:
     int32_t RangeCount() const { return m_rangeCount; }
     uint64_t SampleCounter() const { return m_sampleCounter; }
     int64_t BytesSeen() const { return m_bytesSeen; }
-    uint32_t TimeStamp() const { return m_timeStamp; }
-    int ParserState() const { return m_state; }
-    uint32_t Remaining() const { return m_remaining; }
+    uint32_t TimeStamp() const { return m_parser.stamp; }
+    int ParserState() const { return m_parser.state; }
+    uint32_t Remaining() const { return m_parser.remaining; }
 
     void SetSettings(SettingParams* settings) { m_settings = settings; }
 
@@ -71,10 +72,7 @@ private:
     uint64_t m_sampleCounter = 0;
     std::vector<uint16_t> m_replay;
 
-    // Frame parser.
-    uint32_t m_remaining = 0;
-    uint32_t m_timeStamp = 0;
-    int m_state = 0;
+    StreamFrameParser m_parser;
     int m_divider = 5;
     int m_decimation = 0;
 

@@ -60,9 +60,7 @@ int CThreadFSK::OpenWithoutLoop(const std::string& portName, bool writeHeader, i
     const int opened = m_port ? 1 : 0;
     // The parser starts on a frame header. (Cleared before the loop starts, so
     // that the loop never sees a half-cleared parser.)
-    m_remaining = 0;
-    m_stamp = 0;
-    m_state = 0;
+    m_parser.Reset();
     return opened;
 }
 
@@ -117,38 +115,22 @@ void CThreadFSK::LoadReplay(const std::vector<uint16_t>& words)
 
 void CThreadFSK::ParseChunk(const uint8_t* bytes, size_t words)
 {
-    auto word = [bytes](size_t k) {
-        return static_cast<uint16_t>(bytes[2 * k] | (static_cast<uint16_t>(bytes[2 * k + 1]) << 8));
-    };
     m_chunkSum = 0;
     for (size_t k = 4; k < words; ++k)
-        m_chunkSum += word(k);
+        m_chunkSum += WordAt(bytes, k);
     for (size_t k = 0; k < words; ++k) {
-        const uint32_t w = word(k);
-        switch (m_state) {
-        case 0:
-            m_remaining = w;
-            m_state = 1;
+        const uint32_t w = WordAt(bytes, k);
+        switch (m_parser.Take(w)) {
+        case StreamFrameParser::kHeader:
             break;
-        case 1:
-            m_remaining += w << 16;
-            m_state = 2;
+        case StreamFrameParser::kStampComplete:
+            // The stamp is the device's time at the end of the frame's data.
+            m_ticks = static_cast<int64_t>(m_parser.stamp) * 60000 - m_chunkSum;
+            m_stampCopy.store(m_parser.stamp, std::memory_order_relaxed);
             break;
-        case 2:
-            m_stamp = w;
-            m_state = 3;
-            break;
-        case 3:
-            m_stamp += w << 16;
-            m_ticks = static_cast<int64_t>(m_stamp) * 60000 - m_chunkSum;
-            m_stampCopy.store(m_stamp, std::memory_order_relaxed);
-            m_state = 4;
-            break;
-        default:
+        case StreamFrameParser::kPayload:
             Word(static_cast<uint16_t>(w));
-            m_remaining -= 2;
-            if (static_cast<int32_t>(m_remaining) < 1)
-                m_state = 0;
+            m_parser.PayloadTaken();
             break;
         }
     }

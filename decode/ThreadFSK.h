@@ -5,6 +5,7 @@
 
 #include "common/DigitalPingInfo.h"
 #include "common/MyThread.h"
+#include "common/StreamFrame.h"
 #include "common/StreamPort.h"
 #include "decode/FskStream.h"
 
@@ -57,7 +58,7 @@ public:
     FskCarrierTracker& Tracker() { return m_tracker; }
     int64_t Ticks() const { return m_ticks; }
     uint32_t Stamp() const { return m_stampCopy.load(std::memory_order_relaxed); }
-    int ParserState() const { return m_state; }
+    int ParserState() const { return m_parser.state; }
     size_t PendingPackets();
     size_t PendingPings();
 
@@ -79,9 +80,7 @@ private:
     FskCarrierTracker m_tracker;
     int m_divider = 5;
     int m_decimation = 0;
-    uint32_t m_remaining = 0;
-    uint32_t m_stamp = 0;
-    int m_state = 0;
+    StreamFrameParser m_parser;
     int64_t m_chunkSum = 0;
     std::atomic<uint32_t> m_stampCopy{0};
     std::unique_ptr<StreamPort> m_port;

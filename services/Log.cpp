@@ -45,6 +45,8 @@ std::string Log::FilePath() const
     return m_file ? m_path : std::string();
 }
 
+// Called with the mutex held: two threads that write the first line at once
+// would otherwise both create (and truncate) the file.
 void Log::OpenFile()
 {
     std::string path = "E:";
@@ -53,33 +55,20 @@ void Log::OpenFile()
     path = folder;
     if (path.size() < 5)
         return;
-    std::string name = path + "/log_" + LocalTime("%Y-%m-%d %H-%M-%S") + ".txt";
-    std::FILE* file = std::fopen(name.c_str(), "wb");
-    if (!file)
-        return;
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_file) {
-        // Another thread opened it first; keep that one.
-        std::fclose(file);
-        return;
-    }
-    m_file = file;
-    m_path = name;
+    const std::string name = path + "/log_" + LocalTime("%Y-%m-%d %H-%M-%S") + ".txt";
+    m_file = std::fopen(name.c_str(), "wb");
+    if (m_file)
+        m_path = name;
 }
 
 void Log::WriteLine(const std::string& message)
 {
-    bool open;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        open = m_file != nullptr;
-    }
-    if (!open)
-        OpenFile();
-    std::string line = LocalTime("%Y-%m-%d %H-%M-%S") + message + "\r\n";
+    const std::string line = LocalTime("%Y-%m-%d %H-%M-%S") + message + "\r\n";
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_file)
-        return;
+        OpenFile();
+    if (!m_file)
+        return;  // no file: the line is dropped and the next one tries again
     std::fwrite(line.data(), 1, line.size(), m_file);
     std::fflush(m_file);
 }
