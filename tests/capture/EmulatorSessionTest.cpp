@@ -1,0 +1,185 @@
+// Ten minutes of the emulator's scripted Qi session, streamed at twenty times
+// real speed over pseudo-terminals and recorded as sent, then fed through the
+// ASK and FSK chains in process: the packets of the script come back in order.
+#include "capture/CommandProtocol.h"
+#include "capture/QSerialThread.h"
+#include "capture/SerialPort.h"
+#include "events/StreamReplay.h"
+#include "services/SettingParams.h"
+#include "sim/DeviceEmulator.h"
+
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTemporaryDir>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+namespace {
+
+std::vector<uint8_t> ReadAll(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+struct Expected {
+    int direction;
+    std::string bytes;
+    int64_t startUs;
+};
+
+struct Got {
+    int direction;
+    std::string bytes;
+    int64_t startUs;
+    bool used = false;
+};
+
+}  // namespace
+
+TEST(EmulatorSession, TenMinutesAtSpeed20ComeBackThroughTheChains)
+{
+    QTemporaryDir dir;
+    const std::string base = dir.path().toStdString();
+    coilsim::EmulatorOptions o;
+    o.dir = base + "/ports";
+    o.haveSeed = true;
+    o.seed = 5;
+    o.speed = 20;
+    o.recordAsk = base + "/ask.bin";
+    o.recordFsk = base + "/fsk.bin";
+    coilsim::DeviceEmulator device(o);
+    std::string error;
+    ASSERT_TRUE(device.Start(error)) << error;
+
+    QSerialThread command;
+    ASSERT_TRUE(command.OpenPort(device.PortPath(coilsim::PortRole::Command), 1024000, 1, true));
+    // Twenty times the device's rate is more than a 5 ms reader takes from a
+    // pseudo-terminal, so the data ports are read here as fast as they come.
+    SerialPort askPort, fskPort;
+    ASSERT_EQ(askPort.Open(device.PortPath(coilsim::PortRole::Ask), 1024000, true), 1);
+    ASSERT_EQ(fskPort.Open(device.PortPath(coilsim::PortRole::Fsk), 1024000, true), 1);
+    std::vector<uint8_t> askBytes, fskBytes;
+    std::atomic<bool> reading{true};
+    auto reader = [&reading](SerialPort& port, std::vector<uint8_t>& into) {
+        uint8_t buffer[65536];
+        while (reading.load()) {
+            const int n = port.BytesAvailable();
+            if (n <= 0) {
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+                continue;
+            }
+            const int got = port.Read(buffer, std::min<int>(n, sizeof buffer));
+            if (got > 0)
+                into.insert(into.end(), buffer, buffer + got);
+        }
+    };
+    std::thread askReader(reader, std::ref(askPort), std::ref(askBytes));
+    std::thread fskReader(reader, std::ref(fskPort), std::ref(fskBytes));
+    const auto start = BuildStartCommand();
+    command.Send(start.data(), static_cast<int>(start.size()));
+    std::this_thread::sleep_for(std::chrono::seconds(30));
+    const auto stop = BuildStopCommand();
+    command.Send(stop.data(), static_cast<int>(stop.size()));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    reading = false;
+    askReader.join();
+    fskReader.join();
+    command.ClosePort();
+    askPort.Close();
+    fskPort.Close();
+    const coilsim::EmulatorCounters counters = device.Counters();
+    const uint64_t streamUs = device.StreamUs();
+    device.Stop();
+    EXPECT_GE(streamUs, 9ULL * 60 * 1000000);  // nine minutes or more of stream
+    EXPECT_EQ(counters.askFramesDropped, 0u);
+
+    std::vector<Expected> expected;
+    {
+        std::ifstream lines(o.recordAsk + ".expected.jsonl");
+        std::string line;
+        while (std::getline(lines, line)) {
+            const QJsonObject j = QJsonDocument::fromJson(QByteArray::fromStdString(line)).object();
+            expected.push_back({j["direction"].toString() == "ASK" ? 2 : 1, j["bytes"].toString().toStdString(),
+                                static_cast<int64_t>(j["start_us"].toDouble())});
+        }
+    }
+    ASSERT_GT(expected.size(), 1000u);
+
+    SettingParams band;
+    band.m_min_freq = 110000;
+    band.m_max_freq = 210000;
+    // What the host received is what the device recorded as sent.
+    EXPECT_EQ(askBytes, ReadAll(o.recordAsk));
+    EXPECT_EQ(fskBytes, ReadAll(o.recordFsk));
+    StreamReplay replay(askBytes, fskBytes, &band);
+    std::vector<Got> got;
+    replay.Run([&](std::vector<MsgInfoPtr>& events) {
+        for (const auto& e : events)
+            if (!e->packet.PacketData.empty())
+                got.push_back({e->direction, e->packet.PacketData, static_cast<int64_t>(e->timing.startTime)});
+    });
+
+    // Each packet of the script is looked for among the decoded frames of its
+    // direction with the same bytes, starting within 10 ms of it (the
+    // decoders time a frame from the first pulse they keep); the frames found
+    // must come in the script's order.
+    int found = 0, longAskLost = 0, otherLost = 0;
+    int64_t lastFound[3] = {-1, -1, -1};
+    bool inOrder = true;
+    size_t from = 0;
+    for (const Expected& x : expected) {
+        while (from < got.size() && got[from].startUs < x.startUs - 1000000)
+            ++from;
+        bool hit = false;
+        for (size_t k = from; k < got.size() && got[k].startUs < x.startUs + 1000000; ++k) {
+            Got& g = got[k];
+            if (g.used || g.direction != x.direction || g.bytes != x.bytes)
+                continue;
+            if (g.startUs < x.startUs - 10000 || g.startUs > x.startUs + 10000)
+                continue;
+            g.used = true;
+            hit = true;
+            if (static_cast<int64_t>(k) < lastFound[x.direction] )
+                inOrder = false;
+            lastFound[x.direction] = static_cast<int64_t>(k);
+            break;
+        }
+        if (hit) {
+            ++found;
+            continue;
+        }
+        // Receiver frames of 9 and 10 bytes outlast the 2000-sample window that
+        // an open burst keeps between passes at 2 kHz: never decoded.
+        if (x.direction == 2 && x.bytes.size() >= 9 * 3) {
+            ++longAskLost;
+        } else {
+            ++otherLost;
+            if (otherLost <= 12)
+                std::printf("lost %s %s at %lld us\n", x.direction == 2 ? "ASK" : "FSK", x.bytes.c_str(),
+                            static_cast<long long>(x.startUs));
+        }
+    }
+    EXPECT_TRUE(inOrder);
+    const int total = static_cast<int>(expected.size());
+    // Every identification and extended identification is lost, by design;
+    // of the rest a few are misread by the burst decoder (a pass boundary in a
+    // packet, a wrong fork that passes the checksum).
+    EXPECT_GT(longAskLost, 0);
+    EXPECT_EQ(found + longAskLost + otherLost, total);
+    // Measured: 27 of 8718 (0.3 %) with seed 5; a misread costs one packet.
+    EXPECT_LE(otherLost, total / 100) << "packets lost besides the long ones: " << otherLost << " of " << total;
+    RecordProperty("packets", total);
+    RecordProperty("found", found);
+    RecordProperty("longAskLost", longAskLost);
+    RecordProperty("otherLost", otherLost);
+    std::printf("ten minutes at speed 20: %d packets, %d back, %d long receiver frames lost, %d others lost\n",
+                total, found, longAskLost, otherLost);
+}
