@@ -223,19 +223,33 @@ bool DeviceEmulator::Start(std::string& error) {
         return false;
     }
     std::shuffle(free.begin(), free.end(), rng);
+    size_t next = 0;
     for (int i = 0; i < kPortCount; ++i) {
         if (!ports_[i]->Open(error)) {
             Cleanup();
             return false;
         }
-        numbers_[i] = free[static_cast<size_t>(i)];
-        const std::string link = LinkPath(dir_, numbers_[i]);
-        if (::symlink(ports_[i]->SlavePath().c_str(), link.c_str()) != 0) {
-            error = "cannot make the link " + link + ": " + std::strerror(errno);
-            Cleanup();
-            return false;
+        // A number taken meanwhile (another emulator in the same folder) is
+        // passed over.
+        for (;;) {
+            if (next >= free.size()) {
+                error = "no free ttyACM number left in " + dir_;
+                Cleanup();
+                return false;
+            }
+            const int n = free[next++];
+            const std::string link = LinkPath(dir_, n);
+            if (::symlink(ports_[i]->SlavePath().c_str(), link.c_str()) == 0) {
+                numbers_[i] = n;
+                links_[i] = link;
+                break;
+            }
+            if (errno != EEXIST) {
+                error = "cannot make the link " + link + ": " + std::strerror(errno);
+                Cleanup();
+                return false;
+            }
         }
-        links_[i] = link;
         input_[i].clear();
         inputOverflow_[i] = false;
     }
@@ -251,6 +265,11 @@ bool DeviceEmulator::Start(std::string& error) {
             Cleanup();
             return false;
         }
+        // The record gets the stream's bytes as they go out.
+        ports_[static_cast<int>(PortRole::Ask)]->SetFrameSink(
+            [this](const uint8_t* bytes, size_t n) { std::fwrite(bytes, 1, n, recordAsk_); });
+        ports_[static_cast<int>(PortRole::Fsk)]->SetFrameSink(
+            [this](const uint8_t* bytes, size_t n) { std::fwrite(bytes, 1, n, recordFsk_); });
     }
 
     if (::pipe2(wake_, O_NONBLOCK | O_CLOEXEC) != 0) {
@@ -281,6 +300,8 @@ void DeviceEmulator::Cleanup() {
     for (int i = 0; i < kPortCount; ++i) {
         if (!links_[i].empty()) ::unlink(links_[i].c_str());
         links_[i].clear();
+        numbers_[i] = -1;
+        ports_[i]->SetFrameSink(nullptr);
         ports_[i]->Close();
     }
     if (madeDir_ && !dir_.empty()) ::rmdir(dir_.c_str());  // only if nothing else is in it
@@ -296,16 +317,19 @@ void DeviceEmulator::Cleanup() {
 }
 
 int DeviceEmulator::PollTimeoutMs() const {
-    bool pending = false;
-    for (const auto& p : ports_) pending = pending || p->HasPending();
-    const int idle = pending ? 20 : 200;
+    bool queued = false;
+    for (const auto& p : ports_) queued = queued || p->HasQueued();
+    const int idle = queued ? 20 : 200;
     if (!streaming_) return idle;
+    const auto now = Clock::now();
     const uint64_t made = synth_->FramesMade();
-    const double sinceStart = static_cast<double>(made + 1 - paceFrame_) * 0.005 / options_.speed;
-    const auto due = paceStart_ + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(sinceStart));
-    const auto wait = std::chrono::duration<double, std::milli>(due - Clock::now()).count();
-    if (wait <= 0.0) return 0;
-    return std::min(idle, static_cast<int>(std::ceil(wait)));
+    if (DueFrames(now) > made) return 0;
+    // Here made >= paceFrame_: the next frame is due at this many seconds
+    // after paceStart_.
+    const double next = static_cast<double>(made + 1 - paceFrame_) * 0.005 / options_.speed;
+    const double wait = next - std::chrono::duration<double>(now - paceStart_).count();
+    if (!(wait > 0.0)) return 0;
+    return static_cast<int>(std::min(static_cast<double>(idle), std::ceil(wait * 1000.0)));
 }
 
 void DeviceEmulator::Run() {
@@ -313,7 +337,7 @@ void DeviceEmulator::Run() {
         pollfd fds[1 + kPortCount];
         fds[0] = {wake_[0], POLLIN, 0};
         for (int i = 0; i < kPortCount; ++i) {
-            const short events = static_cast<short>(POLLIN | (ports_[i]->HasPending() ? POLLOUT : 0));
+            const short events = static_cast<short>(POLLIN | (ports_[i]->HasQueued() ? POLLOUT : 0));
             fds[i + 1] = {ports_[i]->MasterFd(), events, 0};
         }
         const int ready = ::poll(fds, 1 + kPortCount, PollTimeoutMs());
@@ -418,42 +442,41 @@ void DeviceEmulator::StartStreaming() {
 void DeviceEmulator::StopStreaming() {
     if (!streaming_) return;
     streaming_ = false;
+    // Frames that haven't begun to go out are not sent after the stop.
+    const size_t askDropped = ports_[static_cast<int>(PortRole::Ask)]->DropQueuedFrames();
+    const size_t fskDropped = ports_[static_cast<int>(PortRole::Fsk)]->DropQueuedFrames();
+    askSent_.fetch_sub(askDropped);
+    askDropped_.fetch_add(askDropped);
+    fskSent_.fetch_sub(fskDropped);
+    fskDropped_.fetch_add(fskDropped);
     if (recordAsk_) std::fflush(recordAsk_);
     if (recordFsk_) std::fflush(recordFsk_);
     if (expected_) std::fflush(expected_);
 }
 
+uint64_t DeviceEmulator::DueFrames(Clock::time_point now) const {
+    const double elapsed = std::chrono::duration<double>(now - paceStart_).count();
+    return paceFrame_ + static_cast<uint64_t>(std::floor(elapsed * options_.speed / 0.005));
+}
+
 void DeviceEmulator::EmitDueFrames() {
     const auto now = Clock::now();
-    const double elapsed = std::chrono::duration<double>(now - paceStart_).count();
-    const auto due = paceFrame_ + static_cast<uint64_t>(std::floor(elapsed * options_.speed / 0.005));
     uint64_t made = synth_->FramesMade();
+    uint64_t due = DueFrames(now);
     if (due <= made) return;
     if (due - made > kMaxBacklogFrames) {
         // Too far behind (a stalled machine, or a speed beyond what it can
         // synthesize): let stream time slip rather than burst.
         paceStart_ = now;
         paceFrame_ = made + kMaxBacklogFrames;
+        due = paceFrame_;
     }
-    const uint64_t target = std::min(paceFrame_ + static_cast<uint64_t>(std::floor(
-                                                      std::chrono::duration<double>(now - paceStart_).count() *
-                                                      options_.speed / 0.005)),
-                                     made + kFramesPerPass);
+    const uint64_t target = std::min(due, made + kFramesPerPass);
     std::vector<uint8_t> askFrame, fskFrame;
     for (; made < target; ++made) {
         synth_->NextFrames(askFrame, fskFrame);
-        if (ports_[static_cast<int>(PortRole::Ask)]->SendFrame(askFrame)) {
-            askSent_.fetch_add(1);
-            if (recordAsk_) std::fwrite(askFrame.data(), 1, askFrame.size(), recordAsk_);
-        } else {
-            askDropped_.fetch_add(1);
-        }
-        if (ports_[static_cast<int>(PortRole::Fsk)]->SendFrame(fskFrame)) {
-            fskSent_.fetch_add(1);
-            if (recordFsk_) std::fwrite(fskFrame.data(), 1, fskFrame.size(), recordFsk_);
-        } else {
-            fskDropped_.fetch_add(1);
-        }
+        (ports_[static_cast<int>(PortRole::Ask)]->SendFrame(askFrame) ? askSent_ : askDropped_).fetch_add(1);
+        (ports_[static_cast<int>(PortRole::Fsk)]->SendFrame(fskFrame) ? fskSent_ : fskDropped_).fetch_add(1);
         WritePacketLines();
         if (recordAsk_ && synth_->FramesMade() % kRecordFlushFrames == 0) {
             std::fflush(recordAsk_);

@@ -43,9 +43,9 @@ constexpr int kPortCount = 3;
 const char* RoleName(PortRole role);  // "command", "ask", "fsk"
 
 struct EmulatorCounters {
-    uint64_t askFramesSent = 0;
+    uint64_t askFramesSent = 0;     // gone out to the terminal, or queued and on their way
     uint64_t fskFramesSent = 0;
-    uint64_t askFramesDropped = 0;  // the host didn't read fast enough
+    uint64_t askFramesDropped = 0;  // the host didn't read fast enough, or queued at a stop
     uint64_t fskFramesDropped = 0;
     uint64_t commands = 0;          // commands taken, on any port
     uint64_t unknownCommands = 0;   // commands with a code the device doesn't know, or malformed
@@ -116,6 +116,7 @@ private:
     void HandleCommand(int port, const std::vector<uint8_t>& command);
     void StartStreaming();
     void StopStreaming();
+    uint64_t DueFrames(Clock::time_point now) const;
     void EmitDueFrames();
     void WritePacketLines();
     int PollTimeoutMs() const;

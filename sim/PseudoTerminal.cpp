@@ -11,9 +11,6 @@ namespace coilsim {
 
 namespace {
 
-// Replies queue behind a stalled host up to this many bytes.
-constexpr size_t kMaxPending = 65536;
-
 std::string SystemError(const char* what) {
     return std::string(what) + ": " + std::strerror(errno);
 }
@@ -54,7 +51,8 @@ bool PseudoTerminal::Open(std::string& error) {
     master_ = master;
     slaveKeeper_ = keeper;
     slavePath_ = name;
-    pending_.clear();
+    queue_.clear();
+    queuedBytes_ = 0;
     return true;
 }
 
@@ -63,7 +61,8 @@ void PseudoTerminal::Close() {
     if (master_ >= 0) ::close(master_);
     slaveKeeper_ = master_ = -1;
     slavePath_.clear();
-    pending_.clear();
+    queue_.clear();
+    queuedBytes_ = 0;
 }
 
 size_t PseudoTerminal::Read(uint8_t* buffer, size_t n) {
@@ -91,30 +90,50 @@ size_t PseudoTerminal::WriteSome(const uint8_t* bytes, size_t n) {
 }
 
 bool PseudoTerminal::Flush() {
-    if (pending_.empty()) return true;
-    const size_t done = WriteSome(pending_.data(), pending_.size());
-    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(done));
-    return pending_.empty();
+    while (!queue_.empty()) {
+        Chunk& c = queue_.front();
+        const size_t done = WriteSome(c.bytes.data() + c.sent, c.bytes.size() - c.sent);
+        if (done > 0 && c.frame && frameSink_) frameSink_(c.bytes.data() + c.sent, done);
+        c.sent += done;
+        queuedBytes_ -= done;
+        if (c.sent < c.bytes.size()) return false;
+        queue_.pop_front();
+    }
+    return true;
 }
 
 bool PseudoTerminal::SendReply(const std::vector<uint8_t>& bytes) {
     if (master_ < 0) return false;
-    if (!Flush()) {
-        if (pending_.size() + bytes.size() > kMaxPending) return false;
-        pending_.insert(pending_.end(), bytes.begin(), bytes.end());
-        return true;
-    }
-    const size_t done = WriteSome(bytes.data(), bytes.size());
-    pending_.assign(bytes.begin() + static_cast<std::ptrdiff_t>(done), bytes.end());
+    Flush();
+    if (queuedBytes_ + bytes.size() > kMaxQueuedBytes) return false;
+    queue_.push_back(Chunk{bytes, 0, false});
+    queuedBytes_ += bytes.size();
+    Flush();
     return true;
 }
 
 bool PseudoTerminal::SendFrame(const std::vector<uint8_t>& bytes) {
-    if (master_ < 0 || !Flush()) return false;
-    const size_t done = WriteSome(bytes.data(), bytes.size());
-    if (done == 0 && !bytes.empty()) return false;  // nothing went: drop it whole
-    pending_.assign(bytes.begin() + static_cast<std::ptrdiff_t>(done), bytes.end());
+    if (master_ < 0) return false;
+    Flush();
+    if (queuedBytes_ + bytes.size() > kMaxQueuedFrameBytes) return false;
+    queue_.push_back(Chunk{bytes, 0, true});
+    queuedBytes_ += bytes.size();
+    Flush();
     return true;
+}
+
+size_t PseudoTerminal::DropQueuedFrames() {
+    size_t dropped = 0;
+    for (auto it = queue_.begin(); it != queue_.end();) {
+        if (it->frame && it->sent == 0) {
+            queuedBytes_ -= it->bytes.size();
+            it = queue_.erase(it);
+            ++dropped;
+        } else {
+            ++it;
+        }
+    }
+    return dropped;
 }
 
 }  // namespace coilsim

@@ -419,17 +419,19 @@ const char* SessionScript::FormatHelp() {
            "the receiver stays silent.\n"
            "\n"
            "Example:\n"
-           "  # one ping, then a receiver that reports its charge status\n"
+           "  # one ping, then a receiver that asks for the transmitter's capability\n"
            "  off 200\n"
            "  ping 65\n"
            "  off 300\n"
            "  carrier 128000 30\n"
-           "  ask 01 80\n"
+           "  ask 01 80          # signal strength\n"
            "  wait 10\n"
-           "  ask 05 64\n"
+           "  ask 07 31          # general request: transmitter capability\n"
            "  wait 10\n"
-           "  fsk 1F 64\n"
+           "  fsk 31 0A 14 03    # the capability\n"
            "  wait 20\n"
+           "  ask 02 01          # end power transfer: charge complete\n"
+           "  wait 10\n"
            "  off 500\n";
 }
 
