@@ -263,3 +263,25 @@ TEST_F(DeviceTest, PortThatGoesAwayEndsOnlyTheStream)
     c.Disconnect();
     EXPECT_FALSE(c.IsRunning());
 }
+
+TEST(PortPattern, ComesFromCoilscopePortsOrIsTheUsbSerialPorts)
+{
+    unsetenv("COILSCOPE_PORTS");
+    EXPECT_EQ(PortPattern(), "/dev/ttyACM%d");
+    setenv("COILSCOPE_PORTS", "/tmp/sim/ttyACM%d", 1);
+    EXPECT_EQ(PortPattern(), "/tmp/sim/ttyACM%d");
+    unsetenv("COILSCOPE_PORTS");
+}
+
+TEST_F(DeviceTest, ControllerFindsTheEmulatorThroughTheEnvironment)
+{
+    Emulator emu;
+    ASSERT_TRUE(emu.ok);
+    setenv("COILSCOPE_PORTS", emu.Pattern().c_str(), 1);
+    NullView view;
+    AcquisitionController c(view);
+    unsetenv("COILSCOPE_PORTS");
+    c.Connect();
+    EXPECT_TRUE(c.Found());
+    c.Disconnect();
+}
