@@ -1,0 +1,176 @@
+// A live capture against the device emulator at real speed for one whole
+// cycle of its script, through the acquisition controller and the event log
+// model as the window drives them; then the session file and the raw captures
+// played back.
+#include "capture/AcquisitionController.h"
+#include "capture/CommandProtocol.h"
+#include "events/EventLogModel.h"
+#include "events/SessionFile.h"
+#include "events/StreamReplay.h"
+#include "services/SettingParams.h"
+#include "sim/DeviceEmulator.h"
+
+#include <gtest/gtest.h>
+
+#include <QTemporaryDir>
+
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <thread>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+class TickView : public AcquisitionView {
+public:
+    explicit TickView(EventLogModel& model) : m_model(model) {}
+    void ShowMessage(const std::string&, const std::string& text) override { messages.push_back(text); }
+    void SetActions(const Actions&) override {}
+    void ShowDeviceRecord(const uint8_t*) override {}
+    void CaptureBegins() override { m_model.StartAcquisition(); }
+    void CaptureEnds() override {}
+    void Tick() override { tick.store(true); }
+    std::atomic<bool> tick{false};
+    std::vector<std::string> messages;
+
+private:
+    EventLogModel& m_model;
+};
+
+std::vector<uint8_t> ReadAll(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// An event's text without the carrier frequency it was told with: the
+// frequency history is pushed by the FSK loop at its own pace, live and in a
+// replay alike, so the frequency a packet is told with depends on timing.
+std::string WithoutFrequency(std::string text)
+{
+    const size_t at = text.rfind(" @");
+    if (at != std::string::npos && text.size() > 2 && text.compare(text.size() - 2, 2, "HZ") == 0)
+        text.erase(at);
+    return text;
+}
+
+std::set<std::string> GroupTitles(QStandardItem* root)
+{
+    std::set<std::string> titles;
+    for (int r = 0; r < root->rowCount(); ++r) {
+        auto* item = static_cast<QStandardItemEx*>(root->child(r));
+        if (item->mode == kItemPhase) {
+            std::string t = item->text().toStdString();
+            titles.insert(t.substr(0, t.find(" (")));
+        }
+    }
+    return titles;
+}
+
+}  // namespace
+
+TEST(CaptureSession, OneCycleOfTheScriptLiveThenPlayedBack)
+{
+    QTemporaryDir dir;
+    const std::string base = dir.path().toStdString();
+    SettingParams& s = SettingParams::Instance();
+    s.savePath = base + "/sessions";
+    s.m_window_time = 15;
+    s.m_min_freq = 110000;
+    s.m_max_freq = 210000;
+    s.m_dac_locked = 0;
+    s.m_dac_manual = 0;
+    s.m_dac_value = 1700;
+
+    coilsim::EmulatorOptions o;
+    o.dir = base + "/ports";
+    o.haveSeed = true;
+    o.seed = 9;
+    o.recordAsk = base + "/ask.bin";
+    o.recordFsk = base + "/fsk.bin";
+    coilsim::DeviceEmulator device(o);
+    std::string error;
+    ASSERT_TRUE(device.Start(error)) << error;
+
+    EventLogModel model;
+    TickView view(model);
+    std::vector<std::string> live;
+    {
+        AcquisitionController controller(view, device.Directory() + "/ttyACM%d");
+        controller.Connect();
+        ASSERT_TRUE(controller.Found());
+        ASSERT_TRUE(controller.Acquiring());
+        const auto until = std::chrono::steady_clock::now() + 32s;
+        while (std::chrono::steady_clock::now() < until) {
+            if (view.tick.exchange(false)) {
+                EXPECT_TRUE(controller.CheckReplies());
+                std::vector<MsgInfoPtr> batch;
+                controller.Manager().GetEvents(batch);
+                for (const auto& e : batch)
+                    live.push_back(e->str.toStdString());
+                model.AddEvents(batch);
+                controller.TickDone();
+            }
+            std::this_thread::sleep_for(5ms);
+        }
+        controller.Stop();
+        model.StopAcquisition();
+        controller.Disconnect();
+        EXPECT_FALSE(controller.IsRunning());
+    }
+    device.Stop();
+    model.CloseStreams();
+
+    // Every phase of the cycle has its group.
+    const std::set<std::string> titles = GroupTitles(model.Root());
+    for (const char* t : {"Power Ping Phase", "Power Identify&Configure Phase", "Negotiation Phase",
+                          "Calibration Phase", "Power Transfer Phase"})
+        EXPECT_TRUE(titles.count(t)) << t;
+    ASSERT_GT(live.size(), 300u);
+
+    // The session was saved as it ran.
+    std::vector<MsgInfoPtr> saved;
+    ASSERT_TRUE(ReadSessionFile(model.SidPath(), saved));
+    EXPECT_EQ(saved.size(), live.size());
+    EXPECT_GT(ReadAll(model.LogPath()).size(), 1000u);
+    std::vector<std::string> savedTexts;
+    for (const auto& e : saved)
+        savedTexts.push_back(e->str.toStdString());
+    EXPECT_EQ(savedTexts, live);
+
+    // The session file played through a fresh model gives the same texts.
+    EventLogModel again;
+    again.StartAcquisition();
+    again.AddEvents(saved);
+    again.StopAcquisition();
+    EXPECT_EQ(again.LogLines().size(), model.LogLines().size());
+
+    // The raw captures through the chains: the same events, but for the wall
+    // clock inside 24-bit received power texts and the packets that the ASK
+    // chain reads differently where a 5 ms pass cuts them elsewhere (the
+    // capture files keep the bytes, not the chunk boundaries of the live run).
+    StreamReplay replay(ReadAll(o.recordAsk), ReadAll(o.recordFsk));
+    std::multiset<std::string> replayed;
+    replay.Run([&](std::vector<MsgInfoPtr>& events) {
+        for (const auto& e : events)
+            if (e->str.indexOf(QStringLiteral("Mode ")) < 0)
+                replayed.insert(WithoutFrequency(e->str.toStdString()));
+    });
+    int matched = 0, compared = 0;
+    for (const std::string& text : live) {
+        if (text.find("Mode ") != std::string::npos)
+            continue;
+        ++compared;
+        auto it = replayed.find(WithoutFrequency(text));
+        if (it != replayed.end()) {
+            ++matched;
+            replayed.erase(it);
+        }
+    }
+    // Measured: 439 of 448 and 435 of 451 in two runs; the live chunking varies.
+    EXPECT_GE(matched, compared * 95 / 100) << matched << " of " << compared;
+    std::printf("live events %d, found again in the replay of the raw captures %d\n", compared, matched);
+}
