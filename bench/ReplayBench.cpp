@@ -1,0 +1,57 @@
+// Replay of a synthesized ten-minute session of the emulator's script (ASK and
+// FSK streams) through the chains and the data manager, on one core, in
+// capture-time order with the clock following capture time.
+#include "events/StreamReplay.h"
+#include "services/SettingParams.h"
+#include "sim/StreamSynth.h"
+
+#include <benchmark/benchmark.h>
+
+namespace {
+
+struct Session {
+    std::vector<uint8_t> ask, fsk;
+    size_t packets = 0;
+    Session()
+    {
+        coilsim::SynthOptions o;
+        o.seed = 3;
+        o.noise = true;
+        coilsim::StreamSynth synth(coilsim::SessionScript::Default(3), o);
+        std::vector<uint8_t> a, f;
+        while (synth.StreamUs() < 600ULL * 1000000ULL) {
+            synth.NextFrames(a, f);
+            ask.insert(ask.end(), a.begin(), a.end());
+            fsk.insert(fsk.end(), f.begin(), f.end());
+        }
+        packets = synth.TakeStartedPackets().size();
+    }
+};
+
+const Session& TenMinutes()
+{
+    static Session s;
+    return s;
+}
+
+void BM_ReplayTenMinutes(benchmark::State& state)
+{
+    const Session& s = TenMinutes();
+    SettingParams band;
+    band.m_min_freq = 110000;
+    band.m_max_freq = 210000;
+    size_t events = 0;
+    for (auto _ : state) {
+        StreamReplay replay(s.ask, s.fsk, &band);
+        events = 0;
+        replay.Run([&](std::vector<MsgInfoPtr>& batch) { events += batch.size(); });
+    }
+    state.counters["x realtime"] = benchmark::Counter(600.0 * state.iterations(), benchmark::Counter::kIsRate);
+    state.counters["events"] = static_cast<double>(events);
+    state.counters["packets"] = static_cast<double>(s.packets);
+}
+BENCHMARK(BM_ReplayTenMinutes)->Unit(benchmark::kMillisecond)->MinTime(5.0);
+
+}  // namespace
+
+BENCHMARK_MAIN();
