@@ -1,6 +1,7 @@
 // coilscope-sim: the sniffer device emulator. Everything is in DeviceEmulator;
 // this reads the command line, prints the ports and waits for a signal or
 // the end of --seconds.
+#include "services/CrashHandler.h"
 #include "sim/DeviceEmulator.h"
 #include "sim/EmulatorArgs.h"
 #include "sim/SessionScript.h"
@@ -14,6 +15,7 @@
 
 int main(int argc, char** argv) {
     using namespace coilsim;
+    InstallCrashHandler();
     std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + (argc > 0 ? argc : 0));
     EmulatorArgs parsed;
     std::string error;
