@@ -30,70 +30,22 @@ void FivePointFilter(const std::vector<int32_t>& x, std::vector<int32_t>& y)
 
 // ---------------------------------------------------------------- SlopeTracker
 
-inline void SlopeTracker::Update(SlopeRun& run, int32_t d, int32_t drop, int32_t v, int32_t p)
+int SlopeTracker::ReportEdge()
 {
-    if (run.confirmed)
-        return;
-    if (run.startPosition != 0 && d > stepThreshold) {
-        const bool enough = run.count >= minSteps && p - run.startPosition >= 6;
-        if (!enough && drop <= swingThreshold) {
-            run.count += 1;
-            run.lastValue = v;
-        } else {
-            run.confirmed = 1;
-            run.count += 1;
-            run.lastValue = v;
-        }
-    } else if (run.startPosition != 0 && d >= 0) {
-        // A small step in the run's direction, or a flat sample: the run neither
-        // advances nor breaks.
-    } else {
-        run.confirmed = 0;
-        run.count = 1;
-        run.startValue = v;
-        run.startPosition = p;
-        run.lastValue = v;
-    }
-}
-
-inline void SlopeTracker::TrimBelow(int64_t limit)
-{
-    while (!recent.empty() && recent.front().position < limit)
-        recent.pop_front();
-}
-
-int SlopeTracker::Step(int32_t v, int32_t p)
-{
-    recent.push_back({v, p});
-    Update(falling, falling.lastValue - v, falling.startValue - v, v, p);
-    Update(rising, v - rising.lastValue, v - rising.startValue, v, p);
-
-    const bool f = falling.confirmed != 0;
-    const bool r = rising.confirmed != 0;
-    const bool due = (r && (f || p - rising.startPosition >= 201)) ||
-                     (f && !r && p - falling.startPosition >= 201);
-    if (due) {
-        if (falling.startPosition >= rising.startPosition) {
-            TrimBelow(static_cast<int64_t>(rising.startPosition) - minSteps);
-            edgePosition = RisingCrossing();
-            const int64_t t = static_cast<int64_t>(falling.startPosition) + edgePosition;
-            rising.Clear();
-            TrimBelow(t / 2);
-            return 1;
-        }
-        TrimBelow(static_cast<int64_t>(falling.startPosition) - minSteps);
-        edgePosition = FallingCrossing();
-        const int64_t t = static_cast<int64_t>(edgePosition) + rising.startPosition;
-        falling.Clear();
+    if (falling.startPosition >= rising.startPosition) {
+        TrimBelow(static_cast<int64_t>(rising.startPosition) - minSteps);
+        edgePosition = RisingCrossing();
+        const int64_t t = static_cast<int64_t>(falling.startPosition) + edgePosition;
+        rising.Clear();
         TrimBelow(t / 2);
-        return -1;
+        return 1;
     }
-    // The 50 samples of margin apply to the falling side only.
-    if (falling.startPosition <= rising.startPosition)
-        TrimBelow(static_cast<int64_t>(falling.startPosition) - 50);
-    else
-        TrimBelow(rising.startPosition);
-    return 0;
+    TrimBelow(static_cast<int64_t>(falling.startPosition) - minSteps);
+    edgePosition = FallingCrossing();
+    const int64_t t = static_cast<int64_t>(edgePosition) + rising.startPosition;
+    falling.Clear();
+    TrimBelow(t / 2);
+    return -1;
 }
 
 int32_t SlopeTracker::RisingCrossing() const
@@ -196,8 +148,13 @@ namespace {
 // divided by `divisor`, a swing five steps, never below 5 and 25.
 int32_t SetThresholds(SlopeTracker& tracker, const std::vector<int32_t>& y, int32_t divisor)
 {
-    const auto range = std::minmax_element(y.begin(), y.end());
-    const int32_t amplitude = *range.second - *range.first;
+    // A plain loop: the compiler vectorises it, unlike minmax_element.
+    int32_t low = y.empty() ? 0 : y[0], high = low;
+    for (const int32_t v : y) {
+        low = std::min(low, v);
+        high = std::max(high, v);
+    }
+    const int32_t amplitude = high - low;
     tracker.stepThreshold = amplitude / divisor;
     tracker.swingThreshold = 5 * tracker.stepThreshold;
     if (tracker.stepThreshold < 5) {
@@ -210,9 +167,11 @@ int32_t SetThresholds(SlopeTracker& tracker, const std::vector<int32_t>& y, int3
 // Feeds y through the tracker and cuts a pulse at every edge it reports. The
 // samples of each pulse are taken from the head of the waiting samples, which
 // are always the run y[waiting .. i]; waiting is left at the first sample after
-// the last pulse.
+// the last pulse. With offsets given, a pulse's samples are not copied: the
+// pulse's first index in y is appended to offsets instead (the pulses tile y
+// from its start, so the next pulse's offset, or waiting, ends each one).
 void CutPulses(AskEdgeDetector& det, const std::vector<int32_t>& y, uint64_t start,
-               std::vector<PulseRecord>& pulses, size_t& waiting)
+               std::vector<PulseRecord>& pulses, size_t& waiting, std::vector<uint32_t>* offsets = nullptr)
 {
     waiting = 0;
     for (size_t i = 0; i < y.size(); ++i) {
@@ -227,12 +186,28 @@ void CutPulses(AskEdgeDetector& det, const std::vector<int32_t>& y, uint64_t sta
         pulse.mark = static_cast<uint32_t>(start + static_cast<uint64_t>(static_cast<int64_t>(edge)));
         const size_t available = i + 1 - waiting;
         const size_t take = pulse.duration > 0 ? std::min(static_cast<size_t>(pulse.duration), available) : 0;
-        pulse.samples.assign(y.begin() + static_cast<std::ptrdiff_t>(waiting),
-                             y.begin() + static_cast<std::ptrdiff_t>(waiting + take));
+        if (offsets)
+            offsets->push_back(static_cast<uint32_t>(waiting));
+        else
+            pulse.samples.assign(y.begin() + static_cast<std::ptrdiff_t>(waiting),
+                                 y.begin() + static_cast<std::ptrdiff_t>(waiting + take));
         waiting += take;
         pulses.push_back(std::move(pulse));
         det.lastEdge = edge;
     }
+    if (offsets)
+        offsets->push_back(static_cast<uint32_t>(waiting));
+}
+
+// Where the samples left over after the last pulse begin: the samples after it,
+// but only the newest 200 when more follow it (and then nothing is pending).
+size_t LeftoverStart(size_t size, size_t waiting, bool& pending)
+{
+    if (size - waiting > 200) {
+        pending = false;
+        return size - 200;
+    }
+    return waiting;
 }
 
 }  // namespace
@@ -253,12 +228,27 @@ void AskEdgeDetector::Detect(const std::vector<int32_t>& in, uint64_t start,
 
     size_t waiting = 0;
     CutPulses(*this, y, start, pulses, waiting);
-
-    if (y.size() - waiting > 200) {
-        pending = false;
-        waiting = y.size() - 200;
-    }
+    waiting = LeftoverStart(y.size(), waiting, pending);
     leftover.assign(y.begin() + static_cast<std::ptrdiff_t>(waiting), y.end());
+    tracker.ClearRuns();
+}
+
+void AskEdgeDetector::DetectInPlace(const std::vector<int32_t>& in, uint64_t start,
+                                    std::vector<PulseRecord>& pulses, std::vector<uint32_t>& offsets,
+                                    std::vector<int32_t>& smoothed, bool& pending)
+{
+    pending = true;
+    pulses.clear();
+    offsets.clear();
+    if (in.empty()) {
+        smoothed.clear();
+        offsets.push_back(0);
+        return;
+    }
+    FivePointFilter(in, smoothed);
+    amplitude = SetThresholds(tracker, smoothed, 80);
+    size_t waiting = 0;
+    CutPulses(*this, smoothed, start, pulses, waiting, &offsets);
     tracker.ClearRuns();
 }
 
@@ -302,16 +292,13 @@ void AskEdgeDetector::Refine(TriggerData& burst, std::vector<PulseRecord>& pulse
 
 namespace {
 
-std::shared_ptr<TriggerData> BurstOf(std::vector<PulseRecord>& pulses, size_t begin, size_t end)
+// The burst of pulses [begin, end) of a pass: the smoothed samples they cover.
+std::shared_ptr<TriggerData> BurstOf(const std::vector<int32_t>& y, const std::vector<PulseRecord>& pulses,
+                                     const std::vector<uint32_t>& offsets, size_t begin, size_t end)
 {
     auto burst = std::make_shared<TriggerData>();
-    size_t total = 0;
-    for (size_t i = begin; i < end; ++i)
-        total += pulses[i].samples.size();
-    burst->samples.reserve(total);
-    for (size_t i = begin; i < end; ++i)
-        burst->samples.insert(burst->samples.end(), pulses[i].samples.begin(), pulses[i].samples.end());
-    burst->startTime = static_cast<uint64_t>(pulses[begin].mark) - pulses[begin].samples.size();
+    burst->samples.assign(y.begin() + offsets[begin], y.begin() + offsets[end]);
+    burst->startTime = static_cast<uint64_t>(pulses[begin].mark) - (offsets[begin + 1] - offsets[begin]);
     burst->endTime = pulses[end - 1].mark;
     return burst;
 }
@@ -327,7 +314,9 @@ void AskStream::Process()
     AskEdgeDetector detector;
     const uint64_t start = m_newest - m_samples.size();
     bool pending = true;
-    detector.Detect(m_samples, start, m_pulses, m_leftover, pending);
+    detector.DetectInPlace(m_samples, start, m_pulses, m_offsets, m_smoothed, pending);
+    const std::vector<int32_t>& y = m_smoothed;
+    const size_t leftover = LeftoverStart(y.size(), m_offsets.back(), pending);
 
     // A pulse of 31 samples or more is a silence of at least one and a half bit
     // times at 2 kHz: it closes the group that it ends.
@@ -348,13 +337,15 @@ void AskStream::Process()
 
     for (size_t g = 0; g < count; ++g) {
         const size_t begin = groups[g].first, end = groups[g].second;
-        auto burst = BurstOf(m_pulses, begin, end);
         // A packet has at least 45 transitions; fewer are noise.
         if (end - begin < 45)
             continue;
+        auto burst = BurstOf(y, m_pulses, m_offsets, begin, end);
         burst->pulses.reserve(end - begin);
-        for (size_t i = begin; i < end; ++i)
+        for (size_t i = begin; i < end; ++i) {
+            m_pulses[i].samples.assign(y.begin() + m_offsets[i], y.begin() + m_offsets[i + 1]);
             burst->pulses.push_back(std::move(m_pulses[i]));
+        }
         const auto range = std::minmax_element(burst->samples.begin(), burst->samples.end());
         burst->amplitude = burst->samples.empty() ? 0 : *range.second - *range.first;
         {
@@ -367,18 +358,17 @@ void AskStream::Process()
     }
 
     if (!pending) {
-        m_samples.swap(m_leftover);
+        m_samples.assign(y.begin() + static_cast<std::ptrdiff_t>(leftover), y.end());
         return;
     }
     // The open last group is looked at again on the next pass, with at most its
-    // newest 2000 samples (50 ms). Its samples are already smoothed and will be
-    // smoothed once more.
-    auto open = BurstOf(m_pulses, groups.back().first, groups.back().second);
-    std::vector<int32_t>& kept = open->samples;
-    if (kept.size() >= 2000)
-        kept.erase(kept.begin(), kept.end() - 2000);
-    kept.insert(kept.end(), m_leftover.begin(), m_leftover.end());
-    m_samples.swap(kept);
+    // newest 2000 samples (50 ms), and the samples after it. Its samples are
+    // already smoothed and will be smoothed once more.
+    const size_t groupEnd = m_offsets[groups.back().second];
+    size_t from = m_offsets[groups.back().first];
+    if (groupEnd - from >= 2000)
+        from = groupEnd - 2000;
+    m_samples.assign(y.begin() + static_cast<std::ptrdiff_t>(from), y.end());
 }
 
 std::shared_ptr<TriggerData> AskStream::Take()

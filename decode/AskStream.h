@@ -40,7 +40,16 @@ public:
     // with a moving head, compacted now and then, is cheaper here than a deque.
     class RecentList {
     public:
-        void push_back(const Entry& e) { m_items.push_back(e); }
+        // Written field by field: building the pair on the stack and copying it
+        // as one 8-byte word stalls on store forwarding, in the hottest loop
+        // of the ASK chain.
+        void push_back(int32_t value, int32_t position)
+        {
+            m_items.emplace_back();
+            Entry& e = m_items.back();
+            e.value = value;
+            e.position = position;
+        }
         void pop_front()
         {
             if (++m_head == m_items.size()) {
@@ -91,9 +100,64 @@ public:
     }
 
 private:
-    inline void Update(SlopeRun& run, int32_t d, int32_t drop, int32_t v, int32_t p);
-    inline void TrimBelow(int64_t limit);
+    void Update(SlopeRun& run, int32_t d, int32_t drop, int32_t v, int32_t p);
+    void TrimBelow(int64_t limit);
+    // The rare part of Step, kept out of line so that the per-sample part
+    // inlines into the loops that feed the tracker.
+    int ReportEdge();
 };
+
+inline void SlopeTracker::Update(SlopeRun& run, int32_t d, int32_t drop, int32_t v, int32_t p)
+{
+    if (run.confirmed)
+        return;
+    if (run.startPosition != 0 && d > stepThreshold) {
+        const bool enough = run.count >= minSteps && p - run.startPosition >= 6;
+        if (!enough && drop <= swingThreshold) {
+            run.count += 1;
+            run.lastValue = v;
+        } else {
+            run.confirmed = 1;
+            run.count += 1;
+            run.lastValue = v;
+        }
+    } else if (run.startPosition != 0 && d >= 0) {
+        // A small step in the run's direction, or a flat sample: the run neither
+        // advances nor breaks.
+    } else {
+        run.confirmed = 0;
+        run.count = 1;
+        run.startValue = v;
+        run.startPosition = p;
+        run.lastValue = v;
+    }
+}
+
+inline void SlopeTracker::TrimBelow(int64_t limit)
+{
+    while (!recent.empty() && recent.front().position < limit)
+        recent.pop_front();
+}
+
+inline int SlopeTracker::Step(int32_t v, int32_t p)
+{
+    recent.push_back(v, p);
+    Update(falling, falling.lastValue - v, falling.startValue - v, v, p);
+    Update(rising, v - rising.lastValue, v - rising.startValue, v, p);
+
+    const bool f = falling.confirmed != 0;
+    const bool r = rising.confirmed != 0;
+    const bool due = (r && (f || p - rising.startPosition >= 201)) ||
+                     (f && !r && p - falling.startPosition >= 201);
+    if (due)
+        return ReportEdge();
+    // The 50 samples of margin apply to the falling side only.
+    if (falling.startPosition <= rising.startPosition)
+        TrimBelow(static_cast<int64_t>(falling.startPosition) - 50);
+    else
+        TrimBelow(rising.startPosition);
+    return 0;
+}
 
 // One pass of edge detection over a block of samples; a fresh one per pass.
 class AskEdgeDetector {
@@ -106,6 +170,13 @@ public:
     // it, and then only the newest 200 are left over.
     void Detect(const std::vector<int32_t>& in, uint64_t start, std::vector<PulseRecord>& pulses,
                 std::vector<int32_t>& leftover, bool& pending);
+
+    // Detect for the stream's own pass: the pulses come without their samples;
+    // pulse i covers smoothed[offsets[i] .. offsets[i+1]) instead, and the
+    // caller copies the samples of the pulses it keeps. Most pulses of a pass
+    // are looked at again on the next one, so copying them all is wasted.
+    void DetectInPlace(const std::vector<int32_t>& in, uint64_t start, std::vector<PulseRecord>& pulses,
+                       std::vector<uint32_t>& offsets, std::vector<int32_t>& smoothed, bool& pending);
 
     // The second, finer look at a burst before it is decoded: smooths the burst's
     // samples again (keeping the originals in rawSamples), takes edges at their
@@ -149,5 +220,6 @@ private:
     std::vector<int32_t> m_samples;
     // Scratch space reused from pass to pass.
     std::vector<PulseRecord> m_pulses;
-    std::vector<int32_t> m_leftover;
+    std::vector<uint32_t> m_offsets;
+    std::vector<int32_t> m_smoothed;
 };

@@ -130,7 +130,7 @@ TEST(SlopeTracker, RefinedCrossingAddsTheRecentListSize)
     // Oldest to newest: high, falling, low.
     const int32_t values[] = {1000, 1000, 800, 600, 400, 400, 400};
     for (int k = 0; k < 7; ++k)
-        t.recent.push_back({values[k], 100 + k});
+        t.recent.push_back(values[k], 100 + k);
     // From the newest (400 at 106) back: 400, 400 follow the reference; 600 at
     // 103 is a step (run 2); 800 at 102 a second (run 3): pos = 102.
     EXPECT_EQ(t.FallingCrossing(), (100 + 102 + 7) >> 1);
