@@ -352,8 +352,13 @@ void EventLogModel::AddEvents(const std::vector<MsgInfoPtr>& events)
     if (m_phaseGroup) {
         // Long sessions: the group keeps its first row and loses the next ones,
         // at most ten a batch; its totals go on counting them.
-        for (int k = 0; k < 10 && m_phaseGroup->rowCount() > m_lineLimit / 10; ++k)
+        for (int k = 0; k < 10 && m_phaseGroup->rowCount() > m_lineLimit / 10; ++k) {
+            // With a limit below two rows the row removed can be the open
+            // sub-group itself: the next event of its kind starts a new one.
+            if (m_subGroup && m_phaseGroup->child(1) == m_subGroup)
+                m_subGroup = nullptr;
             m_phaseGroup->removeRow(1);
+        }
     }
     while (m_logLines.size() > m_lineLimit)
         m_logLines.removeFirst();

@@ -81,5 +81,13 @@ int main(int argc, char** argv) {
         if (sig > 0) break;
     }
     emulator.Stop();
+    // What went out, and what the host did not read in time: frames are
+    // dropped whole when the host-side queue of a port is full.
+    const EmulatorCounters c = emulator.Counters();
+    std::printf("frames sent: ASK %llu, FSK %llu; dropped (host too slow): ASK %llu, FSK %llu\n",
+                static_cast<unsigned long long>(c.askFramesSent), static_cast<unsigned long long>(c.fskFramesSent),
+                static_cast<unsigned long long>(c.askFramesDropped),
+                static_cast<unsigned long long>(c.fskFramesDropped));
+    std::fflush(stdout);
     return 0;
 }

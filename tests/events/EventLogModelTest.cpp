@@ -292,3 +292,23 @@ TEST_F(EventLogModelTest, GroupRollsUpCountsAndTheFirstEventsSpan)
     const auto* item = static_cast<QStandardItemEx*>(group->child(1));
     EXPECT_EQ(item->info.common.logData, "b");
 }
+
+TEST_F(EventLogModelTest, LimitBelowTwoRowsDropsTheOpenSubGroupAndTheNextControlErrorOpensANewOne)
+{
+    // A window time of 0 from the settings makes the row limit 0: every batch
+    // trims the group down to its first row, the open sub-group included.
+    SettingParams::Instance().m_window_time = 0;
+    EventLogModel m;
+    m.StartAcquisition();
+    m.AddEvents({Event(4, 2, "ReceivedPower"), Event(3, 2, "CE 1", 1.0f)});
+    QStandardItem* group = m.PhaseGroup();
+    ASSERT_TRUE(group);
+    EXPECT_EQ(group->rowCount(), 1);
+    EXPECT_EQ(m.SubGroup(), nullptr);
+    m.AddEvents({Event(3, 2, "CE 2", 2.0f), Event(3, 2, "CE 3", 3.0f)});
+    EXPECT_EQ(group->rowCount(), 1);
+    EXPECT_EQ(m.SubGroup(), nullptr);
+    // The events were counted and logged all the same.
+    EXPECT_EQ(static_cast<QStandardItemEx*>(group)->info.eventG.eventCount, 4);
+    EXPECT_EQ(m.NextEventNumber(), 6);
+}

@@ -1,0 +1,349 @@
+// Live capture against the device emulator, measured from outside as a user
+// would see it: coilscope-sim on pseudo-terminals and `coilscope-cli capture`
+// as two processes.
+//
+//   live_capture cpu [--seconds 60]
+//       the emulator at real speed; the CPU time (user + system) the capture
+//       process spends over the given seconds, once it is streaming.
+//   live_capture memory [--speed 20] [--minutes 1,10,60]
+//       the emulator at the given speed; the capture's resident size when the
+//       stream has run the given minutes. Then the session file it wrote is
+//       played through a fresh event log model in this process, to tell how
+//       much of that memory the event tree of the whole session holds.
+//
+// Both print the emulator's own account of the frames it sent and of those it
+// had to drop because the host did not read them in time.
+#include "events/EventLogModel.h"
+#include "events/SessionFile.h"
+#include "services/SettingParams.h"
+
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double Since(Clock::time_point t)
+{
+    return std::chrono::duration<double>(Clock::now() - t).count();
+}
+
+std::string Temp(const char* pattern)
+{
+    std::string path = std::string("/tmp/") + pattern;
+    if (!mkdtemp(&path[0])) {
+        std::perror("mkdtemp");
+        std::exit(1);
+    }
+    return path;
+}
+
+pid_t Spawn(const std::vector<std::string>& args, const std::vector<std::string>& extraEnv, int outFd)
+{
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, outFd, 1);
+    std::vector<std::string> env;
+    for (char** e = environ; *e; ++e) {
+        // A variable given again replaces the inherited one (the first of two
+        // is the one a program sees).
+        const std::string item = *e;
+        bool replaced = false;
+        for (const auto& x : extraEnv)
+            replaced = replaced || item.compare(0, x.find('=') + 1, x, 0, x.find('=') + 1) == 0;
+        if (!replaced)
+            env.push_back(item);
+    }
+    for (const auto& e : extraEnv)
+        env.push_back(e);
+    std::vector<char*> argv, envp;
+    for (const auto& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    for (const auto& e : env)
+        envp.push_back(const_cast<char*>(e.c_str()));
+    envp.push_back(nullptr);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, args[0].c_str(), &actions, nullptr, argv.data(), envp.data()) != 0) {
+        std::fprintf(stderr, "cannot start %s\n", args[0].c_str());
+        std::exit(1);
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+// User plus system time of a process so far, in seconds.
+double CpuSeconds(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const size_t close = all.rfind(')');
+    if (close == std::string::npos)
+        return -1;
+    std::istringstream fields(all.substr(close + 2));
+    std::string f;
+    unsigned long long utime = 0, stime = 0;
+    for (int k = 3; k <= 15 && fields >> f; ++k) {
+        if (k == 14)
+            utime = std::strtoull(f.c_str(), nullptr, 10);
+        if (k == 15)
+            stime = std::strtoull(f.c_str(), nullptr, 10);
+    }
+    return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+// Resident size of a process in kB.
+long RssKb(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(in, line))
+        if (line.rfind("VmRSS:", 0) == 0)
+            return std::strtol(line.c_str() + 6, nullptr, 10);
+    return -1;
+}
+
+long SelfRssKb()
+{
+    return RssKb(getpid());
+}
+
+struct Rig {
+    std::string dir, home, simOut;
+    pid_t sim = -1, cli = -1;
+    int cliOut = -1;
+    std::atomic<long> lines{0};
+    std::atomic<bool> streaming{false};
+    Clock::time_point firstLine;
+    std::thread reader;
+
+    void Start(const std::string& simPath, const std::string& cliPath, double speed)
+    {
+        dir = Temp("coilscope-bench-ports.XXXXXX");
+        home = Temp("coilscope-bench-home.XXXXXX");
+        simOut = dir + "/sim.txt";
+        const int simFd = open(simOut.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        char speedText[32];
+        std::snprintf(speedText, sizeof speedText, "%g", speed);
+        sim = Spawn({simPath, "--dir", dir, "--noise", "--speed", speedText}, {}, simFd);
+        close(simFd);
+        for (int k = 0; k < 200; ++k) {
+            std::ifstream in(simOut);
+            std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+            if (text.find("fsk ") != std::string::npos)
+                break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(25));
+        }
+        int fds[2];
+        if (pipe(fds) != 0) {
+            std::perror("pipe");
+            std::exit(1);
+        }
+        cli = Spawn({cliPath, "capture"}, {"HOME=" + home, "COILSCOPE_PORTS=" + dir + "/ttyACM%d"}, fds[1]);
+        close(fds[1]);
+        cliOut = fds[0];
+        reader = std::thread([this] {
+            char buffer[65536];
+            ssize_t n;
+            while ((n = read(cliOut, buffer, sizeof buffer)) > 0) {
+                for (ssize_t i = 0; i < n; ++i) {
+                    if (buffer[i] != '\n')
+                        continue;
+                    if (lines.fetch_add(1) == 3) {  // the device, the ports, the folder, then the log
+                        firstLine = Clock::now();
+                        streaming.store(true);
+                    }
+                }
+            }
+        });
+        const auto begin = Clock::now();
+        while (!streaming.load() && Since(begin) < 20)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        if (!streaming.load()) {
+            std::fprintf(stderr, "the capture did not start streaming\n");
+            Stop();
+            std::exit(1);
+        }
+    }
+
+    void Stop()
+    {
+        int status = 0;
+        if (cli > 0) {
+            kill(cli, SIGTERM);
+            waitpid(cli, &status, 0);
+            if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+                std::printf("capture ended with status %d\n", status);
+            cli = -1;
+        }
+        if (reader.joinable())
+            reader.join();
+        if (cliOut >= 0)
+            close(cliOut);
+        if (sim > 0) {
+            kill(sim, SIGTERM);
+            waitpid(sim, &status, 0);
+            sim = -1;
+        }
+        std::ifstream in(simOut);
+        std::string line;
+        while (std::getline(in, line))
+            if (line.rfind("frames", 0) == 0)
+                std::printf("emulator: %s\n", line.c_str());
+    }
+
+    void Remove() const
+    {
+        const std::string command = "rm -rf '" + dir + "' '" + home + "'";
+        if (std::system(command.c_str()) != 0)
+            std::fprintf(stderr, "could not remove %s\n", dir.c_str());
+    }
+};
+
+std::string FindSession(const std::string& home)
+{
+    std::error_code error;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(home, error))
+        if (entry.is_regular_file() && entry.path().extension() == ".sid")
+            return entry.path().string();
+    return std::string();
+}
+
+// Plays the session file through a fresh event log model and tells what the
+// tree holds at the end.
+void TreeOfSession(const std::string& sid, const std::string& scratch)
+{
+    std::vector<MsgInfoPtr> events;
+    if (!ReadSessionFile(sid, events)) {
+        std::printf("cannot read %s\n", sid.c_str());
+        return;
+    }
+    SettingParams& s = SettingParams::Instance();
+    s.eventPath = scratch + "/";
+    s.logPath = scratch + "/";
+    s.m_window_time = 15;  // what the capture ran with: the settings file's default
+    const long before = SelfRssKb();
+    {
+        EventLogModel model;
+        model.StartAcquisition();
+        // In batches of the size a refresh releases at real speed.
+        for (size_t k = 0; k < events.size(); k += 8) {
+            std::vector<MsgInfoPtr> batch(events.begin() + static_cast<std::ptrdiff_t>(k),
+                                          events.begin() + static_cast<std::ptrdiff_t>(std::min(events.size(), k + 8)));
+            model.AddEvents(batch);
+        }
+        model.StopAcquisition();
+        const long after = SelfRssKb();
+        QStandardItem* root = model.Root();
+        long groups = 0, rows = 0, grandchildren = 0;
+        for (int g = 0; g < root->rowCount(); ++g) {
+            QStandardItem* group = root->child(g);
+            groups += 1;
+            rows += group->rowCount();
+            for (int r = 0; r < group->rowCount(); ++r)
+                grandchildren += group->child(r)->rowCount();
+        }
+        std::printf("event tree of the session: %zu events -> %ld top-level items (phase groups and markers), "
+                    "%ld rows under them, %ld sub-group rows; %d log lines kept\n",
+                    events.size(), groups, rows, grandchildren, static_cast<int>(model.LogLines().size()));
+        std::printf("the model built from the session file adds %ld kB of resident memory (%.0f bytes an event)\n",
+                    after - before, events.empty() ? 0.0 : 1024.0 * static_cast<double>(after - before) /
+                                                                static_cast<double>(events.size()));
+        model.CloseStreams();
+    }
+}
+
+int Usage()
+{
+    std::fprintf(stderr, "usage: live_capture cpu [--seconds N] | memory [--speed X] [--minutes 1,10,60]\n");
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 2)
+        return Usage();
+    const std::string mode = argv[1];
+    double seconds = 60, speed = 20;
+    std::vector<double> minutes = {1, 10, 60};
+    std::string simPath = COILSCOPE_SIM, cliPath = COILSCOPE_CLI;
+    for (int i = 2; i + 1 < argc; i += 2) {
+        const std::string a = argv[i], v = argv[i + 1];
+        if (a == "--seconds")
+            seconds = std::atof(v.c_str());
+        else if (a == "--speed")
+            speed = std::atof(v.c_str());
+        else if (a == "--minutes") {
+            minutes.clear();
+            std::istringstream list(v);
+            std::string m;
+            while (std::getline(list, m, ','))
+                minutes.push_back(std::atof(m.c_str()));
+        } else
+            return Usage();
+    }
+    signal(SIGPIPE, SIG_IGN);
+
+    if (mode == "cpu") {
+        Rig rig;
+        rig.Start(simPath, cliPath, 1.0);
+        // Connecting and the first refreshes are not the steady state.
+        std::this_thread::sleep_for(std::chrono::seconds(5));
+        const double cpu0 = CpuSeconds(rig.cli);
+        const long lines0 = rig.lines.load();
+        const auto t0 = Clock::now();
+        std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+        const double cpu1 = CpuSeconds(rig.cli);
+        const double wall = Since(t0);
+        const long lines1 = rig.lines.load();
+        const long rss = RssKb(rig.cli);
+        rig.Stop();
+        rig.Remove();
+        std::printf("live capture at real speed: %.2f s of CPU (user + system) over %.1f s = %.2f %% of one core; "
+                    "%ld log lines in that time; resident %ld kB\n",
+                    cpu1 - cpu0, wall, 100.0 * (cpu1 - cpu0) / wall, lines1 - lines0, rss);
+        return 0;
+    }
+    if (mode == "memory") {
+        Rig rig;
+        rig.Start(simPath, cliPath, speed);
+        for (double m : minutes) {
+            const double due = m * 60.0 / speed;
+            while (Since(rig.firstLine) < due)
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            std::printf("at %5.1f min of stream (%6.1f s of wall time): resident %6ld kB, %7ld log lines printed\n", m,
+                        Since(rig.firstLine), RssKb(rig.cli), rig.lines.load());
+            std::fflush(stdout);
+        }
+        rig.Stop();
+        const std::string sid = FindSession(rig.home);
+        if (sid.empty())
+            std::printf("no session file was written\n");
+        else
+            TreeOfSession(sid, rig.dir);
+        rig.Remove();
+        return 0;
+    }
+    return Usage();
+}
