@@ -7,18 +7,21 @@
 //       process spends over the given seconds, once it is streaming.
 //   live_capture memory [--speed 20] [--minutes 1,10,60]
 //       the emulator at the given speed; the capture's resident size when the
-//       stream has run the given minutes. Then the session file it wrote is
-//       played through a fresh event log model in this process, to tell how
-//       much of that memory the event tree of the whole session holds.
+//       stream has run the given minutes. Then the streams the emulator
+//       recorded as they went out are played through the same chains into a
+//       fresh event log model in this process, to tell how much memory the
+//       event tree of the whole session holds, and what in it.
 //
 // Both print the emulator's own account of the frames it sent and of those it
 // had to drop because the host did not read them in time.
 #include "events/EventLogModel.h"
-#include "events/SessionFile.h"
+#include "events/StreamReplay.h"
+#include "services/AppSettings.h"
 #include "services/SettingParams.h"
 
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -31,6 +34,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -122,13 +127,8 @@ long RssKb(pid_t pid)
     return -1;
 }
 
-long SelfRssKb()
-{
-    return RssKb(getpid());
-}
-
 struct Rig {
-    std::string dir, home, simOut;
+    std::string dir, home, simOut, askRecord, fskRecord;
     pid_t sim = -1, cli = -1;
     int cliOut = -1;
     std::atomic<long> lines{0};
@@ -144,7 +144,10 @@ struct Rig {
         const int simFd = open(simOut.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         char speedText[32];
         std::snprintf(speedText, sizeof speedText, "%g", speed);
-        sim = Spawn({simPath, "--dir", dir, "--noise", "--speed", speedText}, {}, simFd);
+        askRecord = dir + "/stream.2k.bin";
+        fskRecord = dir + "/stream.fsk.bin";
+        sim = Spawn({simPath, "--dir", dir, "--noise", "--speed", speedText, "--record", askRecord, fskRecord}, {},
+                    simFd);
         close(simFd);
         for (int k = 0; k < 200; ++k) {
             std::ifstream in(simOut);
@@ -228,48 +231,69 @@ std::string FindSession(const std::string& home)
     return std::string();
 }
 
-// Plays the session file through a fresh event log model and tells what the
-// tree holds at the end.
-void TreeOfSession(const std::string& sid, const std::string& scratch)
+size_t HeapInUse()
 {
-    std::vector<MsgInfoPtr> events;
-    if (!ReadSessionFile(sid, events)) {
-        std::printf("cannot read %s\n", sid.c_str());
-        return;
-    }
+    return mallinfo2().uordblks;
+}
+
+std::vector<uint8_t> ReadAll(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// What an event log model holds after a whole session: the streams the
+// emulator recorded as they went out go through the same chains again (the
+// events then carry their capture records, as live), into a fresh model.
+void TreeOfSession(const std::string& askFile, const std::string& fskFile, const std::string& scratch)
+{
     SettingParams& s = SettingParams::Instance();
+    AppSettings::SetDefaults(s, scratch);  // what the capture ran with
     s.eventPath = scratch + "/";
     s.logPath = scratch + "/";
-    s.m_window_time = 15;  // what the capture ran with: the settings file's default
-    const long before = SelfRssKb();
-    {
-        EventLogModel model;
-        model.StartAcquisition();
-        // In batches of the size a refresh releases at real speed.
-        for (size_t k = 0; k < events.size(); k += 8) {
-            std::vector<MsgInfoPtr> batch(events.begin() + static_cast<std::ptrdiff_t>(k),
-                                          events.begin() + static_cast<std::ptrdiff_t>(std::min(events.size(), k + 8)));
-            model.AddEvents(batch);
+    StreamReplay replay(ReadAll(askFile), ReadAll(fskFile));
+    const size_t before = HeapInUse();
+    EventLogModel model;
+    model.StartAcquisition();
+    size_t events = 0;
+    replay.Run([&](std::vector<MsgInfoPtr>& batch) {
+        events += batch.size();
+        model.AddEvents(batch);
+    });
+    model.StopAcquisition();
+    model.CloseStreams();
+    const size_t after = HeapInUse();
+
+    // What the tree's items hold: their events' capture records, shared
+    // between an event and the items that show it.
+    std::set<const TriggerData*> seen;
+    size_t captureBytes = 0, items = 0;
+    std::function<void(QStandardItem*)> walk = [&](QStandardItem* item) {
+        items += 1;
+        auto* x = static_cast<QStandardItemEx*>(item);
+        std::vector<const MsgInfo*> infos = {&x->info};
+        for (const auto& e : x->events)
+            infos.push_back(e.get());
+        for (const MsgInfo* info : infos) {
+            const TriggerData* c = info->capture.get();
+            if (!c || !seen.insert(c).second)
+                continue;
+            captureBytes += sizeof(TriggerData) + 4 * (c->samples.capacity() + c->rawSamples.capacity()) +
+                            sizeof(PulseRecord) * c->pulses.capacity();
+            for (const PulseRecord& p : c->pulses)
+                captureBytes += 4 * p.samples.capacity();
         }
-        model.StopAcquisition();
-        const long after = SelfRssKb();
-        QStandardItem* root = model.Root();
-        long groups = 0, rows = 0, grandchildren = 0;
-        for (int g = 0; g < root->rowCount(); ++g) {
-            QStandardItem* group = root->child(g);
-            groups += 1;
-            rows += group->rowCount();
-            for (int r = 0; r < group->rowCount(); ++r)
-                grandchildren += group->child(r)->rowCount();
-        }
-        std::printf("event tree of the session: %zu events -> %ld top-level items (phase groups and markers), "
-                    "%ld rows under them, %ld sub-group rows; %d log lines kept\n",
-                    events.size(), groups, rows, grandchildren, static_cast<int>(model.LogLines().size()));
-        std::printf("the model built from the session file adds %ld kB of resident memory (%.0f bytes an event)\n",
-                    after - before, events.empty() ? 0.0 : 1024.0 * static_cast<double>(after - before) /
-                                                                static_cast<double>(events.size()));
-        model.CloseStreams();
-    }
+        for (int r = 0; r < item->rowCount(); ++r)
+            walk(item->child(r));
+    };
+    walk(model.Root());
+    const double mb = 1.0 / (1024.0 * 1024.0);
+    std::printf("the recorded streams played into a fresh model: %zu events, %zu items in the tree, %zu capture "
+                "records; the model holds %.1f MB of heap (%.0f bytes an event), of which %.1f MB are the capture "
+                "records the items keep for the wave view\n",
+                events, items, seen.size(), static_cast<double>(after - before) * mb,
+                events ? static_cast<double>(after - before) / static_cast<double>(events) : 0.0,
+                static_cast<double>(captureBytes) * mb);
 }
 
 int Usage()
@@ -337,11 +361,9 @@ int main(int argc, char** argv)
             std::fflush(stdout);
         }
         rig.Stop();
-        const std::string sid = FindSession(rig.home);
-        if (sid.empty())
+        if (FindSession(rig.home).empty())
             std::printf("no session file was written\n");
-        else
-            TreeOfSession(sid, rig.dir);
+        TreeOfSession(rig.askRecord, rig.fskRecord, rig.dir);
         rig.Remove();
         return 0;
     }

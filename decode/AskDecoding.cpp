@@ -26,6 +26,9 @@ int AskDecodingPass(AskStream& stream, AskDecodingHost& host)
         // 220 samples are one 11-bit byte at 2 kHz: the amplitude then covers the
         // packet and not the silence behind it.
         burst->rawSamples.resize(static_cast<size_t>(k + 1) * 220, 0);
+        // The burst rides on its events for the rest of the session (the event
+        // tree keeps it for the wave view): give back what the cut freed.
+        burst->rawSamples.shrink_to_fit();
         const auto range = std::minmax_element(burst->rawSamples.begin(), burst->rawSamples.end());
         detector.amplitude = *range.second - *range.first;
         host.CountGoodPacket();
