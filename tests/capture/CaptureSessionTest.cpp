@@ -98,6 +98,7 @@ TEST(CaptureSession, OneCycleOfTheScriptLiveThenPlayedBack)
     EventLogModel model;
     TickView view(model);
     std::vector<std::string> live;
+    std::set<std::string> heard;
     {
         AcquisitionController controller(view, device.Directory() + "/ttyACM%d");
         controller.Connect();
@@ -109,8 +110,12 @@ TEST(CaptureSession, OneCycleOfTheScriptLiveThenPlayedBack)
                 EXPECT_TRUE(controller.CheckReplies());
                 std::vector<MsgInfoPtr> batch;
                 controller.Manager().GetEvents(batch);
-                for (const auto& e : batch)
+                for (const auto& e : batch) {
                     live.push_back(e->str.toStdString());
+                    // The frame with its direction (a session file keeps no direction).
+                    if (!e->packet.PacketData.empty())
+                        heard.insert(std::string(e->direction == 1 ? "FSK" : "ASK") + " " + e->packet.PacketData);
+                }
                 model.AddEvents(batch);
                 controller.TickDone();
             }
@@ -146,7 +151,87 @@ TEST(CaptureSession, OneCycleOfTheScriptLiveThenPlayedBack)
     again.StartAcquisition();
     again.AddEvents(saved);
     again.StopAcquisition();
-    EXPECT_EQ(again.LogLines().size(), model.LogLines().size());
+    ASSERT_EQ(again.LogLines().size(), model.LogLines().size());
+    // The same numbered texts; a loaded event has no direction, so its line
+    // has the blank prefix where the live one said "Tx " or "Rx ". The two
+    // markers carry their own time.
+    for (int k = 1; k + 1 < model.LogLines().size(); ++k) {
+        EXPECT_EQ(again.LogLines()[k].mid(3).toStdString(), model.LogLines()[k].mid(3).toStdString()) << k;
+        EXPECT_TRUE(again.LogLines()[k].startsWith(QStringLiteral("   "))) << k;
+    }
+
+    // Every frame the emulator played in the cycle came back live, but those
+    // the ASK chain cannot give back by its design: frames of 9 bytes and more
+    // outlast the 2000-sample window of an open burst.
+    std::set<std::string> played, longOnes;
+    {
+        std::ifstream expected(o.recordAsk + ".expected.jsonl");
+        std::string line;
+        while (std::getline(expected, line)) {
+            // Frames played in the last seconds before the stop may still be
+            // on their way through the chains: the cycle's first 28 s count.
+            const size_t startAt = line.find("\"start_us\":") + 11;
+            if (line.find("\"pattern\":true") != std::string::npos ||
+                std::stoull(line.substr(startAt)) > 28000000ULL)
+                continue;
+            const size_t at = line.find("\"bytes\":\"") + 9;
+            const std::string hex = line.substr(at, line.find('"', at) - at);
+            const std::string key = line.substr(14, 3) + " " + hex;
+            played.insert(key);
+            if (hex.size() >= 9 * 3 && key[0] == 'A')
+                longOnes.insert(key);
+        }
+    }
+    std::vector<std::string> missing;
+    for (const std::string& key : played)
+        if (!heard.count(key) && !longOnes.count(key))
+            missing.push_back(key);
+    ASSERT_GT(played.size(), 15u);
+    std::string missingText;
+    for (const std::string& m : missing)
+        missingText += "\n  " + m;
+    // The ASK chain misreads about 0.3 % of the frames it is given (measured
+    // over ten minutes of this script); a cycle plays some hundreds of them.
+    // Every FSK frame comes back.
+    size_t askMissing = 0;
+    for (const std::string& m : missing)
+        askMissing += m[0] == 'A';
+    EXPECT_EQ(askMissing, missing.size()) << "an FSK frame never came back:" << missingText;
+    EXPECT_LE(askMissing, 3u) << missing.size() << " of " << played.size() << " frames never came back:" << missingText;
+    std::printf("distinct frames played %zu (%zu of 9 bytes or more), not heard live %zu%s\n", played.size(),
+                longOnes.size(), missing.size(), missingText.c_str());
+
+    // Each frame's event sits in the phase group of its header.
+    auto phaseOfHeader = [](int header) {
+        switch (header) {
+        case 0x01: return 1;
+        case 0x06: case 0x51: case 0x71: case 0x81: return 2;
+        case 0x07: case 0x09: case 0x20: case 0x22: case 0x54: case 0x55: return 3;
+        case 0x04: case 0x05: return 5;
+        default: return 0;  // in more than one phase, or in the phase it comes in
+        }
+    };
+    const char* phaseTitles[] = {"", "Power Ping Phase", "Power Identify&Configure Phase", "Negotiation Phase",
+                            "Calibration Phase", "Power Transfer Phase"};
+    int placed = 0;
+    for (int g = 0; g < model.Root()->rowCount(); ++g) {
+        auto* group = static_cast<QStandardItemEx*>(model.Root()->child(g));
+        if (group->mode != kItemPhase)
+            continue;
+        const std::string title = group->text().toStdString().substr(0, group->text().indexOf(" ("));
+        for (int r = 0; r < group->rowCount(); ++r) {
+            auto* item = static_cast<QStandardItemEx*>(group->child(r));
+            const std::string& hex = item->info.packet.PacketData;
+            if (item->mode != kItemEvent || item->info.direction != 2 || hex.size() < 2)
+                continue;
+            const int phase = phaseOfHeader(std::stoi(hex.substr(0, 2), nullptr, 16));
+            if (phase == 0)
+                continue;
+            EXPECT_EQ(title, phaseTitles[phase]) << hex;
+            ++placed;
+        }
+    }
+    EXPECT_GT(placed, 5);
 
     // The raw captures through the chains: the same events, but for the wall
     // clock inside 24-bit received power texts and the packets that the ASK

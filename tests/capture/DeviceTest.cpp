@@ -12,6 +12,7 @@
 #include <QTemporaryDir>
 
 #include <chrono>
+#include <dirent.h>
 #include <thread>
 #include <unistd.h>
 
@@ -54,6 +55,31 @@ public:
     int records = 0, begins = 0, ends = 0;
     std::atomic<int> ticks{0};
 };
+
+// Threads of this process, as the kernel lists them.
+int ThreadCount()
+{
+    int n = 0;
+    if (DIR* d = opendir("/proc/self/task")) {
+        while (dirent* e = readdir(d))
+            n += e->d_name[0] != '.';
+        closedir(d);
+    }
+    return n;
+}
+
+// Waits until the process is back to `count` threads (a joined thread leaves
+// the list at once; the wait only covers a slow kernel), and returns the count.
+int ThreadCountSettlesAt(int count)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    int n = ThreadCount();
+    while (n != count && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        n = ThreadCount();
+    }
+    return n;
+}
 
 class DeviceTest : public ::testing::Test {
 protected:
@@ -284,4 +310,46 @@ TEST_F(DeviceTest, ControllerFindsTheEmulatorThroughTheEnvironment)
     c.Connect();
     EXPECT_TRUE(c.Found());
     c.Disconnect();
+}
+
+TEST_F(DeviceTest, DisconnectDuringAcquisitionJoinsEveryThread)
+{
+    Emulator emu;
+    ASSERT_TRUE(emu.ok);
+    const int before = ThreadCount();
+    NullView view;
+    AcquisitionController c(view, emu.Pattern());
+    c.Connect();
+    ASSERT_TRUE(c.Acquiring());
+    // Readers, decoding loops and the pacing thread are running.
+    EXPECT_GE(ThreadCount(), before + 5);
+    const auto until = std::chrono::steady_clock::now() + 500ms;
+    while (std::chrono::steady_clock::now() < until) {
+        if (view.ticks.load() > 0) {
+            std::vector<MsgInfoPtr> events;
+            c.Manager().GetEvents(events);
+            c.TickDone();
+        }
+        std::this_thread::sleep_for(5ms);
+    }
+    // No Stop first: Disconnect in the middle of the stream.
+    c.Disconnect();
+    EXPECT_FALSE(c.Acquiring());
+    EXPECT_FALSE(c.IsRunning());
+    EXPECT_EQ(ThreadCountSettlesAt(before), before);
+}
+
+TEST_F(DeviceTest, NoThreadIsLeftWhenTheControllerGoesAwayWhileAcquiring)
+{
+    Emulator emu;
+    ASSERT_TRUE(emu.ok);
+    const int before = ThreadCount();
+    {
+        NullView view;
+        AcquisitionController c(view, emu.Pattern());
+        c.Connect();
+        ASSERT_TRUE(c.Acquiring());
+        std::this_thread::sleep_for(200ms);
+    }
+    EXPECT_EQ(ThreadCountSettlesAt(before), before);
 }
