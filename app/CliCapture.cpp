@@ -1,6 +1,6 @@
 #include "app/CliCapture.h"
 
-#include "app/CliShow.h"
+#include "app/SessionPrinter.h"
 #include "capture/AcquisitionController.h"
 #include "capture/CommandProtocol.h"
 #include "events/EventLogModel.h"
@@ -93,6 +93,7 @@ int RunCapture(int argc, char** argv)
 
     EventLogModel model;
     model.deviceGroup = [] { return DeviceGroupFromRecord(SettingParams::Instance().deviceRecord); };
+    SessionPrinter printer(model, std::cout, json);
     TerminalView view(model);
     AcquisitionController controller(view);
     controller.Connect();
@@ -107,21 +108,8 @@ int RunCapture(int argc, char** argv)
               << controller.FskPort() << "\n";
     std::cout << "session saved in " << SettingParams::Instance().eventPath << "\n" << std::flush;
 
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    auto print = [&](const std::vector<MsgInfoPtr>& batch, int64_t before) {
-        if (json) {
-            for (const auto& e : batch)
-                std::cout << Json::writeString(builder, EventJson(*e)) << "\n";
-        } else {
-            const QStringList& lines = model.LogLines();
-            const int64_t fresh = std::min<int64_t>(model.LinesWritten() - before, lines.size());
-            for (int64_t k = lines.size() - fresh; k < lines.size(); ++k)
-                std::cout << lines[static_cast<int>(k)].toStdString() << "\n";
-        }
-        std::cout << std::flush;
-    };
-    print({}, 0);
+    // The Start marker's line.
+    printer.After({});
 
     const auto begin = std::chrono::steady_clock::now();
     bool ok = true;
@@ -135,18 +123,18 @@ int RunCapture(int argc, char** argv)
             }
             std::vector<MsgInfoPtr> batch;
             controller.Manager().GetEvents(batch);
-            const int64_t before = model.LinesWritten();
+            printer.Before();
             model.AddEvents(batch);
-            print(batch, before);
+            printer.After(batch);
             controller.TickDone();
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     if (ok) {
         controller.DevStop();
-        const int64_t before = model.LinesWritten();
+        printer.Before();
         model.StopAcquisition();
-        print({}, before);
+        printer.After({});
         controller.Disconnect();
     }
     model.CloseStreams();

@@ -1,6 +1,6 @@
 #include "app/CliReplay.h"
 
-#include "app/CliShow.h"
+#include "app/SessionPrinter.h"
 #include "events/EventLogModel.h"
 #include "events/SessionFile.h"
 #include "events/StreamReplay.h"
@@ -72,19 +72,7 @@ int RunReplay(int argc, char** argv)
     }
 
     EventLogModel model;
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    auto print = [&](const std::vector<MsgInfoPtr>& batch, int64_t before) {
-        if (json) {
-            for (const auto& e : batch)
-                std::cout << Json::writeString(builder, EventJson(*e)) << "\n";
-            return;
-        }
-        const QStringList& lines = model.LogLines();
-        const int64_t fresh = std::min<int64_t>(model.LinesWritten() - before, lines.size());
-        for (int64_t k = lines.size() - fresh; k < lines.size(); ++k)
-            std::cout << lines[static_cast<int>(k)].toStdString() << "\n";
-    };
+    SessionPrinter printer(model, std::cout, json);
 
     if (files.size() == 1 && EndsWith(files[0], ".sid")) {
         std::vector<MsgInfoPtr> events;
@@ -92,11 +80,11 @@ int RunReplay(int argc, char** argv)
             std::fprintf(stderr, "coilscope-cli replay: cannot open %s\n", files[0].c_str());
             return 2;
         }
-        int64_t before = model.LinesWritten();
+        printer.Before();
         model.StartAcquisition();
         model.AddEvents(events);
         model.StopAcquisition();
-        print(events, before);
+        printer.After(events);
         model.CloseStreams();
         return 0;
     }
@@ -124,9 +112,9 @@ int RunReplay(int argc, char** argv)
         [&](std::vector<MsgInfoPtr>& events) {
             for (const auto& e : events)
                 WriteSessionRecord(sid, *e);
-            const int64_t before = model.LinesWritten();
+            printer.Before();
             model.AddEvents(events);
-            print(events, before);
+            printer.After(events);
         },
         [&](double done) {
             if (showProgress)

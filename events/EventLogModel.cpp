@@ -172,6 +172,8 @@ void EventLogModel::OpenGroup(const MsgInfo& e)
     m_phaseGroup = group;
     if (m_phase == 3)
         m_calibration = 1;
+    if (groupOpened)
+        groupOpened(PhaseName(m_phase), e);
 }
 
 void EventLogModel::PhaseStep(const MsgInfo& e)
@@ -232,30 +234,23 @@ void EventLogModel::RetitleSubGroup()
                         told(high) + QStringLiteral(" (%1 events)").arg(m_subGroup->rowCount()));
 }
 
+QString EventLogModel::PhaseName(int phase)
+{
+    static const char* names[] = {"Power Ping Phase", "Power Identify&Configure Phase", "Negotiation Phase",
+                                  "Calibration Phase", "Power Transfer Phase"};
+    return phase >= 1 && phase <= 5 ? QString::fromLatin1(names[phase - 1]) : QStringLiteral("Proprietary");
+}
+
 void EventLogModel::RetitlePhase()
 {
-    if (!m_phaseGroup || m_phaseGroup->mode != kItemPhase)
+    if (!m_phaseGroup || m_phaseGroup->mode != kItemPhase || m_phase < 1 || m_phase > 5)
         return;
-    const qlonglong n = m_phaseGroup->info.eventG.eventCount;
-    switch (m_phase) {
-    case 1:
-        m_phaseGroup->setText(QStringLiteral("Power Ping Phase (%1 events)").arg(n));
-        break;
-    case 2:
-        m_phaseGroup->setText(QStringLiteral("Power Identify&Configure Phase (%1 events)").arg(n));
-        break;
-    case 3:
-        m_phaseGroup->setText(QStringLiteral("Negotiation Phase (%1 events)").arg(n));
-        break;
-    case 4:
-        m_phaseGroup->setText(QStringLiteral("Calibration Phase"));
-        break;
-    case 5:
-        m_phaseGroup->setText(QStringLiteral("Power Transfer Phase (%1 events)").arg(n));
-        break;
-    default:
-        break;
-    }
+    // The calibration group has no count in its title.
+    if (m_phase == 4)
+        m_phaseGroup->setText(PhaseName(4));
+    else
+        m_phaseGroup->setText(PhaseName(m_phase) +
+                              QStringLiteral(" (%1 events)").arg(static_cast<qlonglong>(m_phaseGroup->info.eventG.eventCount)));
 }
 
 void EventLogModel::RetitleRoot()

@@ -65,11 +65,17 @@ public:
     int32_t LineLimit() const { return m_lineLimit; }
     const std::string& SidPath() const { return m_sidPath; }
     const std::string& LogPath() const { return m_logPath; }
+    // The name a phase group is titled with once it has events ("Proprietary"
+    // outside 1 to 5).
+    static QString PhaseName(int phase);
     // Closes the autosave streams (and flushes the .log).
     void CloseStreams();
 
     // The device's record as the markers copy it; empty fields until set.
     std::function<DeviceGroup()> deviceGroup;
+    // Told when an event opens a phase group: the phase's name and the event
+    // (whose log line, if it has one, is already written).
+    std::function<void(const QString& phase, const MsgInfo& event)> groupOpened;
 
 private:
     void OpenStreams();

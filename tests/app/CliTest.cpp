@@ -197,3 +197,49 @@ TEST(Cli, FirstRunWritesAFreshSettingsFile)
     std::fclose(f);
     EXPECT_NE(std::string(buffer).find("\"params_ver\" : 20190713"), std::string::npos) << buffer;
 }
+
+TEST(CliReplay, SessionFileIsToldPhaseByPhaseBetweenTheMarkers)
+{
+    const std::string dir = std::string(std::getenv("XDG_DATA_HOME")) + "/replay-test";
+    std::system(("mkdir -p '" + dir + "'").c_str());
+    const std::string path = dir + "/s.sid";
+    {
+        FILE* f = std::fopen(path.c_str(), "wb");
+        ASSERT_TRUE(f);
+        // A loaded event has no direction: the lines have the blank prefix.
+        const char* docs[] = {
+            "{ \"str\" : \"Digital Ping 65ms @ 128000HZ\", \"type\" : 253 }",
+            "{ \"str\" : \"SignalStrength 50%\", \"type\" : 1 }",
+            "{ \"str\" : \"Configuration\", \"type\" : 81 }",
+            "{ \"str\" : \"ControlError 1.0% @0HZ\", \"type\" : 3 }",
+            "{ \"str\" : \"ControlError 2.0% @0HZ\", \"type\" : 3 }",
+        };
+        for (const char* d : docs) {
+            std::fputs(d, f);
+            std::fputc(0, f);
+        }
+        std::fclose(f);
+    }
+    const Result r = RunCli("replay '" + path + "'");
+    EXPECT_EQ(r.status, 0);
+    // Each line; the markers carry the time of day, so only their start is fixed.
+    std::vector<std::string> lines;
+    size_t at = 0;
+    while (at < r.out.size()) {
+        const size_t end = r.out.find('\n', at);
+        lines.push_back(r.out.substr(at, end - at));
+        at = end == std::string::npos ? r.out.size() : end + 1;
+    }
+    ASSERT_EQ(lines.size(), 10u) << r.out;
+    EXPECT_EQ(lines[0].rfind("   [1] Start Acquisition: Acquisition started at ", 0), 0u) << lines[0];
+    EXPECT_EQ(lines[1], "-- Power Ping Phase --");
+    EXPECT_EQ(lines[2], "   [2] Digital Ping 65ms @ 128000HZ");
+    EXPECT_EQ(lines[3], "   [3] SignalStrength 50%");
+    EXPECT_EQ(lines[4], "-- Power Identify&Configure Phase --");
+    EXPECT_EQ(lines[5], "   [4] Configuration");
+    EXPECT_EQ(lines[6], "-- Power Transfer Phase --");
+    EXPECT_EQ(lines[7], "   [5] ControlError 1.0% @0HZ");
+    EXPECT_EQ(lines[8], "   [6] ControlError 2.0% @0HZ");
+    EXPECT_EQ(lines[9].rfind("   [7] Stop Acquisition: Acquisition stoped at ", 0), 0u) << lines[9];
+    EXPECT_EQ(r.out.back(), '\n');
+}
