@@ -4,6 +4,7 @@
 #include "events/EventLogModel.h"
 #include "events/SessionFile.h"
 #include "events/StreamReplay.h"
+#include "services/AppSettings.h"
 
 #include <cstdio>
 #include <fstream>
@@ -23,7 +24,8 @@ const char* kReplayHelp =
     "time order, and the session's log is printed (--json: one JSON object per\n"
     "event). --sid OUT also writes the events as a session file.\n"
     "A session file (.sid) is played through the event log between a Start\n"
-    "and a Stop marker, as opening it in the window does.\n"
+    "and a Stop marker, as opening it in the window does; the Start marker\n"
+    "saves the replayed session anew in a session folder (told on stderr).\n"
     "\n"
     "examples:\n"
     "  coilscope-cli replay ask.2k.bin fsk.fsk.bin --sid again.sid\n"
@@ -80,6 +82,10 @@ int RunReplay(int argc, char** argv)
             std::fprintf(stderr, "coilscope-cli replay: cannot open %s\n", files[0].c_str());
             return 2;
         }
+        // The Start marker opens new autosave files, as opening a session in
+        // the window does: in a session folder of their own, never here.
+        const std::string folder = AppSettings::Instance().MakeSessionFolders();
+        std::fprintf(stderr, "replayed session saved in %s\n", folder.c_str());
         printer.Before();
         model.StartAcquisition();
         model.AddEvents(events);

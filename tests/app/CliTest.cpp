@@ -242,4 +242,8 @@ TEST(CliReplay, SessionFileIsToldPhaseByPhaseBetweenTheMarkers)
     EXPECT_EQ(lines[8], "   [6] ControlError 2.0% @0HZ");
     EXPECT_EQ(lines[9].rfind("   [7] Stop Acquisition: Acquisition stoped at ", 0), 0u) << lines[9];
     EXPECT_EQ(r.out.back(), '\n');
+    // The replayed session was saved anew in a session folder, not here.
+    const std::string data = std::getenv("XDG_DATA_HOME");
+    EXPECT_EQ(std::system(("ls '" + data + "'/Coilscope/*/EventWindow_*.sid >/dev/null 2>&1").c_str()), 0);
+    EXPECT_NE(std::system("ls EventWindow_*.sid >/dev/null 2>&1"), 0);
 }
