@@ -6,6 +6,7 @@
 #include "events/StreamReplay.h"
 #include "services/AppSettings.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -114,6 +115,7 @@ int RunReplay(int argc, char** argv)
     }
     StreamReplay replay(std::move(ask), std::move(fsk));
     const bool showProgress = isatty(2) && replay.DurationMs() > 60000.0;
+    int shown = -1;  // the percentage on the terminal; written again only when it changes
     replay.Run(
         [&](std::vector<MsgInfoPtr>& events) {
             for (const auto& e : events)
@@ -123,11 +125,14 @@ int RunReplay(int argc, char** argv)
             printer.After(events);
         },
         [&](double done) {
-            if (showProgress)
-                std::fprintf(stderr, "\rreplay %3d %%", static_cast<int>(done * 100.0));
+            const int percent = std::min(99, static_cast<int>(done * 100.0));
+            if (showProgress && percent != shown) {
+                std::fprintf(stderr, "\rreplay %3d %%", percent);
+                shown = percent;
+            }
         });
     if (showProgress)
-        std::fputs("\n", stderr);
+        std::fputs("\rreplay 100 %\n", stderr);
     if (sid)
         std::fclose(sid);
     std::cout << std::flush;

@@ -1,0 +1,384 @@
+// coilscope-cli capture and replay as a user runs them: the program against
+// coilscope-sim on pseudo-terminals, its output, its files and its exit status.
+#include "sim/SessionScript.h"
+#include "sim/StreamSynth.h"
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+struct Result {
+    std::string out;
+    int status = -1;
+};
+
+// Runs a shell command line, stdout captured.
+Result Shell(const std::string& command)
+{
+    Result r;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe)
+        return r;
+    std::array<char, 4096> buffer;
+    size_t n;
+    while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
+        r.out.append(buffer.data(), n);
+    const int raw = pclose(pipe);
+    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return r;
+}
+
+std::vector<std::string> Lines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line))
+        lines.push_back(line);
+    return lines;
+}
+
+std::string Quote(const std::string& s)
+{
+    return "'" + s + "'";
+}
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// A fresh folder under the test's own data home.
+std::string Folder(const std::string& name)
+{
+    const std::string path = std::string(std::getenv("XDG_DATA_HOME")) + "/" + name;
+    fs::remove_all(path);
+    fs::create_directories(path);
+    return path;
+}
+
+// coilscope-sim as a child process, stopped with SIGTERM at the end.
+class Sim {
+public:
+    explicit Sim(const std::string& dir, std::vector<std::string> options = {}) : m_dir(dir)
+    {
+        std::vector<std::string> args = {COILSCOPE_SIM, "--dir", dir + "/ports", "--seed", "9"};
+        args.insert(args.end(), options.begin(), options.end());
+        std::vector<char*> argv;
+        for (auto& a : args)
+            argv.push_back(&a[0]);
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, (dir + "/sim.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ok = posix_spawn(&m_pid, COILSCOPE_SIM, &actions, nullptr, argv.data(), environ) == 0;
+        posix_spawn_file_actions_destroy(&actions);
+        // Ready once it has told its three ports.
+        const auto until = std::chrono::steady_clock::now() + 10s;
+        while (ok && ReadFile(dir + "/sim.txt").find("fsk ") == std::string::npos &&
+               std::chrono::steady_clock::now() < until)
+            std::this_thread::sleep_for(20ms);
+        ok = ok && ReadFile(dir + "/sim.txt").find("fsk ") != std::string::npos;
+    }
+    ~Sim() { Stop(); }
+    void Stop()
+    {
+        if (m_pid > 0) {
+            kill(m_pid, SIGTERM);
+            waitpid(m_pid, nullptr, 0);
+            m_pid = -1;
+        }
+    }
+    std::string Env() const { return "COILSCOPE_PORTS=" + Quote(m_dir + "/ports/ttyACM%d") + " "; }
+    bool ok = false;
+
+private:
+    std::string m_dir;
+    pid_t m_pid = -1;
+};
+
+std::string Cli()
+{
+    return std::string(COILSCOPE_CLI) + " ";
+}
+
+bool IsMarker(const std::string& line)
+{
+    return line.find("] Start Acquisition: ") != std::string::npos ||
+           line.find("] Stop Acquisition: ") != std::string::npos;
+}
+
+// "Rx [12] text" -> "[12] text"
+std::string WithoutPrefix(const std::string& line)
+{
+    return line.size() > 3 ? line.substr(3) : line;
+}
+
+// The text of an event's line, without its number and without the carrier
+// frequency it was told with.
+std::string TextOf(const std::string& line)
+{
+    const size_t close = line.find("] ");
+    std::string text = close == std::string::npos ? line : line.substr(close + 2);
+    const size_t at = text.rfind(" @");
+    if (at != std::string::npos && text.size() > 2 && text.compare(text.size() - 2, 2, "HZ") == 0)
+        text.erase(at);
+    return text;
+}
+
+bool IsEventLine(const std::string& line)
+{
+    return line.size() > 4 && line[3] == '[' && !IsMarker(line);
+}
+
+}  // namespace
+
+TEST(CliCapture, SessionFromTheEmulatorIsPrintedSavedAndPlayedBack)
+{
+    const std::string dir = Folder("capture-session");
+    Sim sim(dir, {"--record", dir + "/ask.bin", dir + "/fsk.bin"});
+    ASSERT_TRUE(sim.ok);
+    const Result r = Shell(sim.Env() + Cli() + "capture --seconds 12 2>" + Quote(dir + "/err.txt"));
+    sim.Stop();
+    ASSERT_EQ(r.status, 0) << ReadFile(dir + "/err.txt");
+    const std::vector<std::string> lines = Lines(r.out);
+    ASSERT_GT(lines.size(), 20u) << r.out;
+    EXPECT_EQ(lines[0].rfind("device: QiSniffer-2K, firmware V9.0.1 built ", 0), 0u) << lines[0];
+    EXPECT_EQ(lines[1].rfind("ports: command ", 0), 0u) << lines[1];
+    ASSERT_EQ(lines[2].rfind("session saved in ", 0), 0u) << lines[2];
+    EXPECT_EQ(lines[3].rfind("   [1] Start Acquisition: Acquisition started at ", 0), 0u) << lines[3];
+    EXPECT_NE(lines.back().find("] Stop Acquisition: Acquisition stoped at "), std::string::npos) << lines.back();
+    EXPECT_EQ(lines[4], "-- Power Ping Phase --");
+
+    // The session folder holds the session file and the log.
+    const std::string folder = lines[2].substr(17);
+    int sids = 0, logs = 0;
+    std::string sid;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        const std::string name = entry.path().filename().string();
+        if (name.rfind("EventWindow_", 0) == 0 && entry.path().extension() == ".sid") {
+            sid = entry.path().string();
+            ++sids;
+        }
+        logs += name.rfind("LogWindow_", 0) == 0 && entry.path().extension() == ".log";
+    }
+    ASSERT_EQ(sids, 1);
+    EXPECT_EQ(logs, 1);
+
+    // The live events, numbered, without their direction prefix.
+    std::vector<std::string> live;
+    for (const std::string& line : lines)
+        if (IsEventLine(line))
+            live.push_back(WithoutPrefix(line));
+    ASSERT_GT(live.size(), 50u);
+
+    // The session file played back gives the same numbered texts.
+    const Result again = Shell(Cli() + "replay " + Quote(sid) + " 2>/dev/null");
+    ASSERT_EQ(again.status, 0);
+    std::vector<std::string> replayed;
+    for (const std::string& line : Lines(again.out))
+        if (IsEventLine(line))
+            replayed.push_back(WithoutPrefix(line));
+    EXPECT_EQ(replayed, live);
+
+    // The raw captures through the chains again: most of the same texts (the
+    // capture files keep the bytes, not the chunks the live reader took), and
+    // a session file of the events printed.
+    const std::string out = dir + "/again.sid";
+    const Result raw = Shell(Cli() + "replay " + Quote(dir + "/ask.bin") + " " + Quote(dir + "/fsk.bin") +
+                             " --sid " + Quote(out) + " 2>/dev/null");
+    ASSERT_EQ(raw.status, 0);
+    std::multiset<std::string> texts;
+    size_t printed = 0;
+    for (const std::string& line : Lines(raw.out))
+        if (line.size() > 4 && line[3] == '[') {
+            ++printed;
+            texts.insert(TextOf(line));
+        }
+    size_t found = 0;
+    for (const std::string& line : live) {
+        auto it = texts.find(TextOf(line));
+        if (it != texts.end()) {
+            ++found;
+            texts.erase(it);
+        }
+    }
+    EXPECT_GE(found * 100, live.size() * 85) << found << " of " << live.size();
+    // The session file holds every event, those the log leaves out (device
+    // status, contract) too: as many as the JSON replay prints.
+    const Result shown = Shell(Cli() + "show " + Quote(out));
+    EXPECT_EQ(shown.status, 0);
+    const Result json = Shell(Cli() + "replay " + Quote(dir + "/ask.bin") + " " + Quote(dir + "/fsk.bin") +
+                              " --json 2>/dev/null");
+    EXPECT_EQ(Lines(shown.out).size(), Lines(json.out).size());
+    EXPECT_GE(Lines(shown.out).size(), printed);
+    EXPECT_GT(printed, live.size() / 2);
+}
+
+TEST(CliCapture, JsonGivesOneObjectPerEvent)
+{
+    const std::string dir = Folder("capture-json");
+    Sim sim(dir);
+    ASSERT_TRUE(sim.ok);
+    const Result r = Shell(sim.Env() + Cli() + "capture --seconds 5 --json 2>/dev/null");
+    ASSERT_EQ(r.status, 0);
+    const std::vector<std::string> lines = Lines(r.out);
+    ASSERT_GT(lines.size(), 3u);
+    EXPECT_EQ(lines[2].rfind("session saved in ", 0), 0u);
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    int events = 0;
+    for (size_t k = 3; k < lines.size(); ++k) {
+        Json::Value v;
+        std::string error;
+        ASSERT_TRUE(reader->parse(lines[k].data(), lines[k].data() + lines[k].size(), &v, &error))
+            << lines[k] << ": " << error;
+        ASSERT_TRUE(v.isObject());
+        EXPECT_TRUE(v["str"].isString()) << lines[k];
+        EXPECT_TRUE(v["type"].isInt()) << lines[k];
+        ++events;
+    }
+    EXPECT_GT(events, 5);
+}
+
+TEST(CliCapture, SigtermStopsDisconnectsAndExitsZero)
+{
+    const std::string dir = Folder("capture-sigterm");
+    Sim sim(dir);
+    ASSERT_TRUE(sim.ok);
+    const std::string out = dir + "/out.txt";
+    const Result r = Shell(sim.Env() + "sh -c " +
+                           Quote(Cli() + "capture > " + out + " 2>/dev/null & p=$!; sleep 4; kill -TERM $p; wait $p"));
+    EXPECT_EQ(r.status, 0);
+    const std::vector<std::string> lines = Lines(ReadFile(out));
+    ASSERT_GT(lines.size(), 4u);
+    EXPECT_NE(lines.back().find("] Stop Acquisition: Acquisition stoped at "), std::string::npos) << lines.back();
+}
+
+TEST(CliCapture, NoDeviceIsStatusOneWithItsMessage)
+{
+    const std::string dir = Folder("capture-none");
+    const Result r = Shell("COILSCOPE_PORTS=" + Quote(dir + "/ttyACM%d") + " " + Cli() + "capture --seconds 1 2>&1");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find("Not found Sniffer Device.\n"), std::string::npos) << r.out;
+}
+
+TEST(CliCapture, BootModeIsStatusOneWithItsMessage)
+{
+    const std::string dir = Folder("capture-boot");
+    Sim sim(dir, {"--boot-mode"});
+    ASSERT_TRUE(sim.ok);
+    const Result r = Shell(sim.Env() + Cli() + "capture --seconds 2 2>&1");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find("Device is in boot mode, Please UpdateFireware under sniffer menu.\n"), std::string::npos)
+        << r.out;
+}
+
+TEST(CliCapture, RejectedFirmwareIsStatusOneWithItsMessage)
+{
+    const std::string dir = Folder("capture-reject");
+    Sim sim(dir, {"--reject-firmware"});
+    ASSERT_TRUE(sim.ok);
+    const Result r = Shell(sim.Env() + Cli() + "capture --seconds 5 2>&1");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find("Fireware is incompatible, Please UpdateFireware under sniffer menu.\n"), std::string::npos)
+        << r.out;
+}
+
+TEST(CliReplay, ProgressIsShownOnATerminalOnlyForMoreThanAMinute)
+{
+    const std::string dir = Folder("replay-progress");
+    // Seventy seconds of the emulator's session, as its streams go out.
+    auto write = [&](double seconds, const std::string& ask, const std::string& fsk) {
+        coilsim::SynthOptions o;
+        o.seed = 5;
+        coilsim::StreamSynth synth(coilsim::SessionScript::Default(5), o);
+        std::ofstream a(ask, std::ios::binary), f(fsk, std::ios::binary);
+        std::vector<uint8_t> x, y;
+        while (synth.StreamUs() < static_cast<uint64_t>(seconds * 1e6)) {
+            synth.NextFrames(x, y);
+            a.write(reinterpret_cast<const char*>(x.data()), static_cast<std::streamsize>(x.size()));
+            f.write(reinterpret_cast<const char*>(y.data()), static_cast<std::streamsize>(y.size()));
+        }
+    };
+    write(70, dir + "/long.ask", dir + "/long.fsk");
+    write(20, dir + "/short.ask", dir + "/short.fsk");
+
+    // stderr on a pseudo-terminal.
+    auto onTerminal = [&](const std::string& name) {
+        int master = -1, slave = -1;
+        EXPECT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+        std::string args = std::string(COILSCOPE_CLI);
+        const std::string ask = dir + "/" + name + ".ask", fsk = dir + "/" + name + ".fsk";
+        char* argv[] = {&args[0], const_cast<char*>("replay"), const_cast<char*>(ask.c_str()),
+                        const_cast<char*>(fsk.c_str()), nullptr};
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_adddup2(&actions, slave, 2);
+        posix_spawn_file_actions_addclose(&actions, master);
+        pid_t pid = -1;
+        EXPECT_EQ(posix_spawn(&pid, COILSCOPE_CLI, &actions, nullptr, argv, environ), 0);
+        posix_spawn_file_actions_destroy(&actions);
+        close(slave);
+        std::string seen;
+        char buffer[4096];
+        for (;;) {
+            pollfd p{master, POLLIN, 0};
+            if (poll(&p, 1, 30000) <= 0)
+                break;
+            const ssize_t n = read(master, buffer, sizeof buffer);
+            if (n <= 0)
+                break;  // the child is gone and the terminal hung up
+            seen.append(buffer, static_cast<size_t>(n));
+        }
+        int status = 0;
+        waitpid(pid, &status, 0);
+        close(master);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        return seen;
+    };
+    const std::string longRun = onTerminal("long");
+    EXPECT_NE(longRun.find("\rreplay "), std::string::npos) << longRun;
+    EXPECT_NE(longRun.find("\rreplay 100 %"), std::string::npos) << longRun;
+    // Written when the percentage changes, not on every refresh.
+    size_t writes = 0;
+    for (size_t at = longRun.find("\rreplay"); at != std::string::npos; at = longRun.find("\rreplay", at + 1))
+        ++writes;
+    EXPECT_LE(writes, 101u);
+    EXPECT_EQ(onTerminal("short").find("replay "), std::string::npos);
+
+    // Not on a terminal: no progress, whatever the length.
+    const Result piped = Shell(Cli() + "replay " + Quote(dir + "/long.ask") + " " + Quote(dir + "/long.fsk") +
+                               " 2>&1 >/dev/null");
+    EXPECT_EQ(piped.status, 0);
+    EXPECT_EQ(piped.out.find("replay "), std::string::npos) << piped.out;
+}
