@@ -34,8 +34,10 @@ test: build build-asan build-tsan
 
 # The device emulator on pseudo-terminals and a live capture from it.
 demo: deps
+	@echo "building coilscope-cli and coilscope-sim (Release; output in build-release/demo-build.log)"
 	@cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release >/dev/null
-	@cmake --build build-release -j $(JOBS) --target coilscope-cli coilscope-sim
+	@cmake --build build-release -j $(JOBS) --target coilscope-cli coilscope-sim > build-release/demo-build.log 2>&1 \
+	  || { tail -40 build-release/demo-build.log; exit 1; }
 	@bash scripts/demo.sh build-release
 
 # The one-hour session runs at this speed; through a pseudo-terminal the 5 ms
