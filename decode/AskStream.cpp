@@ -164,16 +164,16 @@ int32_t SetThresholds(SlopeTracker& tracker, const std::vector<int32_t>& y, int3
     return amplitude;
 }
 
-// Feeds y through the tracker and cuts a pulse at every edge it reports. The
-// samples of each pulse are taken from the head of the waiting samples, which
-// are always the run y[waiting .. i]; waiting is left at the first sample after
-// the last pulse. With offsets given, a pulse's samples are not copied: the
-// pulse's first index in y is appended to offsets instead (the pulses tile y
-// from its start, so the next pulse's offset, or waiting, ends each one).
+// Feeds y through the tracker and cuts a pulse at every edge it reports. Each
+// pulse covers the head of the waiting samples, which are always the run
+// y[waiting .. i]. The pulses tile y from its start: offsets gets the first
+// index of each pulse, then where the last one ends (the first sample after
+// it). The samples themselves are not copied here; see SamplesFromOffsets.
 void CutPulses(AskEdgeDetector& det, const std::vector<int32_t>& y, uint64_t start,
-               std::vector<PulseRecord>& pulses, size_t& waiting, std::vector<uint32_t>* offsets = nullptr)
+               std::vector<PulseRecord>& pulses, std::vector<uint32_t>& offsets)
 {
-    waiting = 0;
+    size_t waiting = 0;
+    offsets.clear();
     for (size_t i = 0; i < y.size(); ++i) {
         const int r = det.tracker.Step(y[i], det.index);
         det.index += 1;
@@ -186,17 +186,20 @@ void CutPulses(AskEdgeDetector& det, const std::vector<int32_t>& y, uint64_t sta
         pulse.mark = static_cast<uint32_t>(start + static_cast<uint64_t>(static_cast<int64_t>(edge)));
         const size_t available = i + 1 - waiting;
         const size_t take = pulse.duration > 0 ? std::min(static_cast<size_t>(pulse.duration), available) : 0;
-        if (offsets)
-            offsets->push_back(static_cast<uint32_t>(waiting));
-        else
-            pulse.samples.assign(y.begin() + static_cast<std::ptrdiff_t>(waiting),
-                                 y.begin() + static_cast<std::ptrdiff_t>(waiting + take));
+        offsets.push_back(static_cast<uint32_t>(waiting));
         waiting += take;
         pulses.push_back(std::move(pulse));
         det.lastEdge = edge;
     }
-    if (offsets)
-        offsets->push_back(static_cast<uint32_t>(waiting));
+    offsets.push_back(static_cast<uint32_t>(waiting));
+}
+
+// Gives pulses [begin, end) their samples: y[offsets[i] .. offsets[i+1]).
+void SamplesFromOffsets(const std::vector<int32_t>& y, const std::vector<uint32_t>& offsets,
+                        std::vector<PulseRecord>& pulses, size_t begin, size_t end)
+{
+    for (size_t i = begin; i < end; ++i)
+        pulses[i].samples.assign(y.begin() + offsets[i], y.begin() + offsets[i + 1]);
 }
 
 // Where the samples left over after the last pulse begin: the samples after it,
@@ -221,16 +224,13 @@ void AskEdgeDetector::Detect(const std::vector<int32_t>& in, uint64_t start,
     leftover.clear();
     if (in.empty())
         return;
-    // Scratch for the smoothed block, kept from pass to pass on each thread.
+    // Scratch kept from pass to pass on each thread.
     thread_local std::vector<int32_t> y;
-    FivePointFilter(in, y);
-    amplitude = SetThresholds(tracker, y, 80);
-
-    size_t waiting = 0;
-    CutPulses(*this, y, start, pulses, waiting);
-    waiting = LeftoverStart(y.size(), waiting, pending);
-    leftover.assign(y.begin() + static_cast<std::ptrdiff_t>(waiting), y.end());
-    tracker.ClearRuns();
+    thread_local std::vector<uint32_t> offsets;
+    DetectInPlace(in, start, pulses, offsets, y, pending);
+    SamplesFromOffsets(y, offsets, pulses, 0, pulses.size());
+    const size_t from = LeftoverStart(y.size(), offsets.back(), pending);
+    leftover.assign(y.begin() + static_cast<std::ptrdiff_t>(from), y.end());
 }
 
 void AskEdgeDetector::DetectInPlace(const std::vector<int32_t>& in, uint64_t start,
@@ -247,8 +247,7 @@ void AskEdgeDetector::DetectInPlace(const std::vector<int32_t>& in, uint64_t sta
     }
     FivePointFilter(in, smoothed);
     amplitude = SetThresholds(tracker, smoothed, 80);
-    size_t waiting = 0;
-    CutPulses(*this, smoothed, start, pulses, waiting, &offsets);
+    CutPulses(*this, smoothed, start, pulses, offsets);
     tracker.ClearRuns();
 }
 
@@ -265,8 +264,9 @@ void AskEdgeDetector::Refine(TriggerData& burst, std::vector<PulseRecord>& pulse
 
     // Marks here are the burst's start time in microseconds plus a position in
     // samples: only a label.
-    size_t waiting = 0;
-    CutPulses(*this, burst.samples, burst.startTime, pulses, waiting);
+    thread_local std::vector<uint32_t> offsets;
+    CutPulses(*this, burst.samples, burst.startTime, pulses, offsets);
+    SamplesFromOffsets(burst.samples, offsets, pulses, 0, pulses.size());
 
     // Close the burst with a pulse far too long to be read as a bit.
     const uint32_t lastMark =
@@ -342,10 +342,9 @@ void AskStream::Process()
             continue;
         auto burst = BurstOf(y, m_pulses, m_offsets, begin, end);
         burst->pulses.reserve(end - begin);
-        for (size_t i = begin; i < end; ++i) {
-            m_pulses[i].samples.assign(y.begin() + m_offsets[i], y.begin() + m_offsets[i + 1]);
+        SamplesFromOffsets(y, m_offsets, m_pulses, begin, end);
+        for (size_t i = begin; i < end; ++i)
             burst->pulses.push_back(std::move(m_pulses[i]));
-        }
         const auto range = std::minmax_element(burst->samples.begin(), burst->samples.end());
         burst->amplitude = burst->samples.empty() ? 0 : *range.second - *range.first;
         {
