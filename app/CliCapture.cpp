@@ -6,6 +6,8 @@
 #include "events/EventLogModel.h"
 #include "services/SettingParams.h"
 
+#include <malloc.h>
+
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -18,14 +20,39 @@
 namespace {
 
 std::atomic<bool> g_stop{false};
+std::atomic<bool> g_statsAsked{false};
 
 void OnSignal(int)
 {
     g_stop.store(true);
 }
 
+void OnStatsSignal(int)
+{
+    g_statsAsked.store(true);
+}
+
+size_t HeapInUse()
+{
+    return mallinfo2().uordblks;
+}
+
+// One line on stderr: what the session holds in memory now.
+void PrintStats(const EventLogModel& model, size_t heapAtStart, double seconds)
+{
+    const EventLogModel::Footprint f = model.TreeFootprint();
+    const double mb = 1.0 / (1024.0 * 1024.0);
+    const size_t heap = HeapInUse();
+    std::fprintf(stderr,
+                 "stats: %.1f s, %lld log lines, %zu tree items, %zu capture records of %.1f MB; heap in use %.1f MB "
+                 "(%+.1f MB since the start)\n",
+                 seconds, static_cast<long long>(model.LinesWritten()), f.items, f.records,
+                 static_cast<double>(f.recordBytes) * mb, static_cast<double>(heap) * mb,
+                 (static_cast<double>(heap) - static_cast<double>(heapAtStart)) * mb);
+}
+
 const char* kCaptureHelp =
-    "usage: coilscope-cli capture [--seconds N] [--json]\n"
+    "usage: coilscope-cli capture [--seconds N] [--json] [--stats]\n"
     "\n"
     "Finds the sniffer on the serial ports (/dev/ttyACM0 to 99, or the printf\n"
     "pattern in COILSCOPE_PORTS), starts streaming and prints the session's\n"
@@ -36,6 +63,11 @@ const char* kCaptureHelp =
     "\n"
     "No device: \"Not found Sniffer Device.\" on stderr and status 1; a device\n"
     "in boot mode or with an incompatible firmware likewise.\n"
+    "\n"
+    "--stats: at the end, and whenever the process gets SIGUSR1, a line on\n"
+    "stderr tells what the session holds in memory: the event tree's items,\n"
+    "the capture records they keep for the wave view, and the heap in use;\n"
+    "at the end, a last line gives the heap in use once the tree is cleared.\n"
     "\n"
     "example:\n"
     "  COILSCOPE_PORTS=/tmp/sim/ttyACM%d coilscope-cli capture --seconds 20\n";
@@ -68,6 +100,7 @@ int RunCapture(int argc, char** argv)
 {
     double seconds = -1;
     bool json = false;
+    bool stats = false;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "--help" || a == "-h") {
@@ -76,6 +109,8 @@ int RunCapture(int argc, char** argv)
         }
         if (a == "--json") {
             json = true;
+        } else if (a == "--stats") {
+            stats = true;
         } else if (a == "--seconds" && i + 1 < argc) {
             char* end = nullptr;
             seconds = std::strtod(argv[++i], &end);
@@ -90,6 +125,8 @@ int RunCapture(int argc, char** argv)
     }
     std::signal(SIGINT, OnSignal);
     std::signal(SIGTERM, OnSignal);
+    if (stats)
+        std::signal(SIGUSR1, OnStatsSignal);
 
     EventLogModel model;
     model.deviceGroup = [] { return DeviceGroupFromRecord(SettingParams::Instance().deviceRecord); };
@@ -112,10 +149,16 @@ int RunCapture(int argc, char** argv)
     printer.After({});
 
     const auto begin = std::chrono::steady_clock::now();
+    auto elapsed = [&begin] {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    };
+    const size_t heapAtStart = HeapInUse();
     bool ok = true;
     while (!g_stop.load()) {
-        if (seconds > 0 && std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count() >= seconds)
+        if (seconds > 0 && elapsed() >= seconds)
             break;
+        if (g_statsAsked.exchange(false))
+            PrintStats(model, heapAtStart, elapsed());
         if (view.tick.exchange(false)) {
             if (!controller.CheckReplies()) {
                 ok = false;
@@ -138,5 +181,16 @@ int RunCapture(int argc, char** argv)
         controller.Disconnect();
     }
     model.CloseStreams();
+    if (stats) {
+        PrintStats(model, heapAtStart, elapsed());
+        // What stays once the tree and the log are gone: anything here that
+        // grew with the session would be held outside the tree.
+        model.ClearAll();
+        const double mb = 1.0 / (1024.0 * 1024.0);
+        const size_t heap = HeapInUse();
+        std::fprintf(stderr, "stats: tree and log cleared: heap in use %.1f MB (%+.1f MB since the start)\n",
+                     static_cast<double>(heap) * mb,
+                     (static_cast<double>(heap) - static_cast<double>(heapAtStart)) * mb);
+    }
     return ok ? 0 : 1;
 }

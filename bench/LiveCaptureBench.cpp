@@ -7,10 +7,15 @@
 //       process spends over the given seconds, once it is streaming.
 //   live_capture memory [--speed 20] [--minutes 1,10,60]
 //       the emulator at the given speed; the capture's resident size when the
-//       stream has run the given minutes. Then the streams the emulator
-//       recorded as they went out are played through the same chains into a
-//       fresh event log model in this process, to tell how much memory the
-//       event tree of the whole session holds, and what in it.
+//       stream has run the given minutes, with the capture's own account of
+//       what its session holds (`capture --stats`, asked by SIGUSR1): the
+//       tree's items, the capture records they keep, the heap in use. Then
+//       the streams the emulator recorded as they went out are played through
+//       the same chains into a fresh event log model in this process, with
+//       5 ms passes of capture time as at real speed: the tree that the same
+//       session holds when it is captured at real speed. (Above real speed
+//       a 5 ms pass of the live reader takes several times more samples, and
+//       the ASK bursts that become capture records grow with it.)
 //
 // Both print the emulator's own account of the frames it sent and of those it
 // had to drop because the host did not read them in time.
@@ -34,8 +39,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -62,11 +65,13 @@ std::string Temp(const char* pattern)
     return path;
 }
 
-pid_t Spawn(const std::vector<std::string>& args, const std::vector<std::string>& extraEnv, int outFd)
+pid_t Spawn(const std::vector<std::string>& args, const std::vector<std::string>& extraEnv, int outFd, int errFd = -1)
 {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, outFd, 1);
+    if (errFd >= 0)
+        posix_spawn_file_actions_adddup2(&actions, errFd, 2);
     std::vector<std::string> env;
     for (char** e = environ; *e; ++e) {
         // A variable given again replaces the inherited one (the first of two
@@ -128,7 +133,7 @@ long RssKb(pid_t pid)
 }
 
 struct Rig {
-    std::string dir, home, simOut, askRecord, fskRecord;
+    std::string dir, home, simOut, cliErr, askRecord, fskRecord;
     pid_t sim = -1, cli = -1;
     int cliOut = -1;
     std::atomic<long> lines{0};
@@ -161,8 +166,12 @@ struct Rig {
             std::perror("pipe");
             std::exit(1);
         }
-        cli = Spawn({cliPath, "capture"}, {"HOME=" + home, "COILSCOPE_PORTS=" + dir + "/ttyACM%d"}, fds[1]);
+        cliErr = dir + "/capture.err";
+        const int errFd = open(cliErr.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        cli = Spawn({cliPath, "capture", "--stats"}, {"HOME=" + home, "COILSCOPE_PORTS=" + dir + "/ttyACM%d"}, fds[1],
+                    errFd);
         close(fds[1]);
+        close(errFd);
         cliOut = fds[0];
         reader = std::thread([this] {
             char buffer[65536];
@@ -212,6 +221,36 @@ struct Rig {
         while (std::getline(in, line))
             if (line.rfind("frames", 0) == 0)
                 std::printf("emulator: %s\n", line.c_str());
+    }
+
+    // The capture's own account of what its session holds, asked for by
+    // SIGUSR1: the "stats:" line it writes on stderr.
+    std::string Stats() const
+    {
+        const size_t before = StatsLines().size();
+        kill(cli, SIGUSR1);
+        for (int k = 0; k < 200; ++k) {
+            const std::vector<std::string> lines = StatsLines();
+            if (lines.size() > before)
+                return lines.back();
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return "(the capture gave no stats line)";
+    }
+
+    // The "stats:" lines the capture has written, the last `last` of them
+    // when given.
+    std::vector<std::string> StatsLines(size_t last = 0) const
+    {
+        std::ifstream in(cliErr);
+        std::vector<std::string> lines;
+        std::string line;
+        while (std::getline(in, line))
+            if (line.rfind("stats: ", 0) == 0)
+                lines.push_back(line);
+        if (last > 0 && lines.size() > last)
+            lines.erase(lines.begin(), lines.end() - static_cast<std::ptrdiff_t>(last));
+        return lines;
     }
 
     void Remove() const
@@ -264,36 +303,14 @@ void TreeOfSession(const std::string& askFile, const std::string& fskFile, const
     model.CloseStreams();
     const size_t after = HeapInUse();
 
-    // What the tree's items hold: their events' capture records, shared
-    // between an event and the items that show it.
-    std::set<const TriggerData*> seen;
-    size_t captureBytes = 0, items = 0;
-    std::function<void(QStandardItem*)> walk = [&](QStandardItem* item) {
-        items += 1;
-        auto* x = static_cast<QStandardItemEx*>(item);
-        std::vector<const MsgInfo*> infos = {&x->info};
-        for (const auto& e : x->events)
-            infos.push_back(e.get());
-        for (const MsgInfo* info : infos) {
-            const TriggerData* c = info->capture.get();
-            if (!c || !seen.insert(c).second)
-                continue;
-            captureBytes += sizeof(TriggerData) + 4 * (c->samples.capacity() + c->rawSamples.capacity()) +
-                            sizeof(PulseRecord) * c->pulses.capacity();
-            for (const PulseRecord& p : c->pulses)
-                captureBytes += 4 * p.samples.capacity();
-        }
-        for (int r = 0; r < item->rowCount(); ++r)
-            walk(item->child(r));
-    };
-    walk(model.Root());
+    const EventLogModel::Footprint f = model.TreeFootprint();
     const double mb = 1.0 / (1024.0 * 1024.0);
-    std::printf("the recorded streams played into a fresh model: %zu events, %zu items in the tree, %zu capture "
-                "records; the model holds %.1f MB of heap (%.0f bytes an event), of which %.1f MB are the capture "
-                "records the items keep for the wave view\n",
-                events, items, seen.size(), static_cast<double>(after - before) * mb,
+    std::printf("the recorded streams played into a fresh model at real-speed passes: %zu events, %zu items in the "
+                "tree, %zu capture records; the model holds %.1f MB of heap (%.0f bytes an event), of which %.1f MB "
+                "are the capture records the items keep for the wave view\n",
+                events, f.items, f.records, static_cast<double>(after - before) * mb,
                 events ? static_cast<double>(after - before) / static_cast<double>(events) : 0.0,
-                static_cast<double>(captureBytes) * mb);
+                static_cast<double>(f.recordBytes) * mb);
 }
 
 int Usage()
@@ -358,9 +375,12 @@ int main(int argc, char** argv)
                 std::this_thread::sleep_for(std::chrono::milliseconds(20));
             std::printf("at %5.1f min of stream (%6.1f s of wall time): resident %6ld kB, %7ld log lines printed\n", m,
                         Since(rig.firstLine), RssKb(rig.cli), rig.lines.load());
+            std::printf("    capture's %s\n", rig.Stats().c_str());
             std::fflush(stdout);
         }
         rig.Stop();
+        for (const std::string& line : rig.StatsLines(2))
+            std::printf("at the end, capture's %s\n", line.c_str());
         if (FindSession(rig.home).empty())
             std::printf("no session file was written\n");
         TreeOfSession(rig.askRecord, rig.fskRecord, rig.dir);

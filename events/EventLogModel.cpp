@@ -8,6 +8,7 @@
 #include <QDir>
 
 #include <chrono>
+#include <unordered_set>
 #include <ctime>
 
 namespace {
@@ -60,6 +61,40 @@ EventLogModel::~EventLogModel()
 {
     m_model.clear();
     CloseStreams();
+}
+
+EventLogModel::Footprint EventLogModel::TreeFootprint() const
+{
+    Footprint f;
+    std::unordered_set<const TriggerData*> seen;
+    auto count = [&](const MsgInfo& info) {
+        const TriggerData* c = info.capture.get();
+        if (!c || !seen.insert(c).second)
+            return;
+        f.records += 1;
+        f.recordBytes += sizeof(TriggerData) + sizeof(int32_t) * (c->samples.capacity() + c->rawSamples.capacity()) +
+                         sizeof(PulseRecord) * c->pulses.capacity();
+        for (const PulseRecord& p : c->pulses)
+            f.recordBytes += sizeof(int32_t) * p.samples.capacity();
+    };
+    // Depth first without recursion: a long session's tree is wide, not deep,
+    // but nothing here should depend on that.
+    std::vector<const QStandardItem*> pending = {m_model.invisibleRootItem()};
+    while (!pending.empty()) {
+        const QStandardItem* item = pending.back();
+        pending.pop_back();
+        if (item != m_model.invisibleRootItem())
+            f.items += 1;
+        if (const auto* x = dynamic_cast<const QStandardItemEx*>(item)) {
+            count(x->info);
+            for (const MsgInfoPtr& e : x->events)
+                if (e)
+                    count(*e);
+        }
+        for (int r = 0; r < item->rowCount(); ++r)
+            pending.push_back(item->child(r));
+    }
+    return f;
 }
 
 void EventLogModel::CloseStreams()

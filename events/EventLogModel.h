@@ -71,6 +71,17 @@ public:
     // Closes the autosave streams (and flushes the .log).
     void CloseStreams();
 
+    // What the tree holds: its items and the capture records (samples and
+    // pulses for the wave view) behind the events they keep. A record shared
+    // by several events or items is counted once; its bytes are what its
+    // vectors have reserved.
+    struct Footprint {
+        size_t items = 0;
+        size_t records = 0;
+        size_t recordBytes = 0;
+    };
+    Footprint TreeFootprint() const;
+
     // The device's record as the markers copy it; empty fields until set.
     std::function<DeviceGroup()> deviceGroup;
     // Told when an event opens a phase group: the phase's name and the event

@@ -283,6 +283,52 @@ TEST(CliCapture, SigtermStopsDisconnectsAndExitsZero)
     EXPECT_NE(lines.back().find("] Stop Acquisition: Acquisition stoped at "), std::string::npos) << lines.back();
 }
 
+TEST(CliCapture, StatsTellWhatTheSessionHoldsOnSigusr1AndAtTheEnd)
+{
+    const std::string dir = Folder("capture-stats");
+    // Four times real speed: the script's first packets (after some ten
+    // seconds of pings) come within the first seconds.
+    Sim sim(dir, {"--speed", "4"});
+    ASSERT_TRUE(sim.ok);
+    const std::string err = dir + "/err.txt";
+    const Result r = Shell(sim.Env() + "sh -c " +
+                           Quote(Cli() + "capture --stats > /dev/null 2> " + err +
+                                 " & p=$!; sleep 7; kill -USR1 $p; sleep 2; kill -TERM $p; wait $p"));
+    EXPECT_EQ(r.status, 0);
+    std::vector<std::string> stats;
+    for (const std::string& line : Lines(ReadFile(err)))
+        if (line.rfind("stats: ", 0) == 0)
+            stats.push_back(line);
+    ASSERT_EQ(stats.size(), 3u) << ReadFile(err);
+    long long lines[2] = {0, 0};
+    size_t items[2] = {0, 0}, records[2] = {0, 0};
+    for (int k = 0; k < 2; ++k) {
+        double seconds = 0, recordMb = 0;
+        ASSERT_EQ(std::sscanf(stats[k].c_str(), "stats: %lf s, %lld log lines, %zu tree items, %zu capture records of %lf MB",
+                              &seconds, &lines[k], &items[k], &records[k], &recordMb),
+                  5)
+            << stats[k];
+    }
+    // Pings, then the first packets, each with its capture record kept in the
+    // tree.
+    EXPECT_GT(records[0], 0u) << stats[0];
+    EXPECT_GT(items[0], records[0] / 2) << stats[0];
+    EXPECT_GE(lines[1], lines[0]);
+    EXPECT_GT(records[1], records[0]) << stats[1];
+    // The last line: the heap once the tree and the log are cleared gives
+    // back what the session had grown by.
+    auto sinceStart = [](const std::string& line) {
+        double mb = 1e9;
+        const size_t open = line.rfind('(');
+        if (open != std::string::npos)
+            std::sscanf(line.c_str() + open, "(%lf MB since the start)", &mb);
+        return mb;
+    };
+    EXPECT_EQ(stats[2].rfind("stats: tree and log cleared: heap in use ", 0), 0u) << stats[2];
+    EXPECT_GT(sinceStart(stats[1]), 0.0) << stats[1];
+    EXPECT_LT(sinceStart(stats[2]), sinceStart(stats[1])) << stats[2];
+}
+
 TEST(CliCapture, NoDeviceIsStatusOneWithItsMessage)
 {
     const std::string dir = Folder("capture-none");

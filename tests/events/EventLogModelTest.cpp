@@ -312,3 +312,41 @@ TEST_F(EventLogModelTest, LimitBelowTwoRowsDropsTheOpenSubGroupAndTheNextControl
     EXPECT_EQ(static_cast<QStandardItemEx*>(group)->info.eventG.eventCount, 4);
     EXPECT_EQ(m.NextEventNumber(), 6);
 }
+
+TEST_F(EventLogModelTest, TreeFootprintCountsEachCaptureRecordOnceWithWhatItReserved)
+{
+    auto record = [](size_t samples, size_t raw, std::vector<size_t> pulses) {
+        auto c = std::make_shared<TriggerData>();
+        c->samples = std::vector<int32_t>(samples);
+        c->rawSamples = std::vector<int32_t>(raw);
+        c->pulses.resize(pulses.size());
+        c->pulses.shrink_to_fit();
+        for (size_t i = 0; i < pulses.size(); ++i)
+            c->pulses[i].samples = std::vector<int32_t>(pulses[i]);
+        return c;
+    };
+    auto power = Event(4, 2, "ReceivedPower");
+    power->capture = record(1000, 440, {300, 200});
+    auto ce1 = Event(3, 2, "CE a", 1.0f, 128000);
+    auto ce2 = Event(3, 2, "CE b", 2.0f, 128000);
+    ce1->capture = record(800, 0, {});
+    ce2->capture = ce1->capture;  // one burst, two events
+
+    EventLogModel m;
+    EventLogModel::Footprint empty = m.TreeFootprint();
+    EXPECT_EQ(empty.items, 1u);  // the root
+    EXPECT_EQ(empty.records, 0u);
+    EXPECT_EQ(empty.recordBytes, 0u);
+
+    m.AddEvents({power, ce1, ce2});
+    const EventLogModel::Footprint f = m.TreeFootprint();
+    // Root, phase group, the received power, the sub-group and its two events.
+    EXPECT_EQ(f.items, 6u);
+    EXPECT_EQ(f.records, 2u);
+    const size_t expected = 2 * sizeof(TriggerData) + 4 * (1000 + 440) + 2 * sizeof(PulseRecord) + 4 * (300 + 200) +
+                            4 * 800;
+    EXPECT_EQ(f.recordBytes, expected);
+
+    m.ClearAll();
+    EXPECT_EQ(m.TreeFootprint().records, 0u);
+}
