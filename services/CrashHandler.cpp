@@ -69,10 +69,8 @@ void OnFault(int sig, siginfo_t* info, void*)
     std::snprintf(folder, sizeof folder, "%s%s", g_tempFolder, "Sniffer");
     ::mkdir(folder, 0755);
     char path[1400];
-    // The doubled slash is part of the name, and harmless.
-    std::snprintf(path, sizeof path, "%s%s//%s-%04d%02d%02d-%02d%02d%02d-%ld-%ld.dmp", g_tempFolder, "Sniffer",
-                  "v0.1-2017.9.23", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec,
-                  static_cast<long>(::getpid()), static_cast<long>(::syscall(SYS_gettid)));
+    CrashReportPath(path, sizeof path, g_tempFolder, t, static_cast<long>(::getpid()),
+                    static_cast<long>(::syscall(SYS_gettid)));
     Log::Printf("crash %s", path);
     const int fd = ::open(path, O_CREAT | O_TRUNC | O_RDWR, 0644);
     if (fd >= 0) {
@@ -99,6 +97,13 @@ void OnFault(int sig, siginfo_t* info, void*)
 }
 
 }  // namespace
+
+void CrashReportPath(char* out, size_t size, const char* tempFolder, const std::tm& t, long pid, long tid)
+{
+    // The doubled slash is part of the name, and harmless.
+    std::snprintf(out, size, "%s%s//%s-%04d%02d%02d-%02d%02d%02d-%ld-%ld.dmp", tempFolder, "Sniffer", "v0.1-2017.9.23",
+                  t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, pid, tid);
+}
 
 std::string CrashFolder()
 {

@@ -154,6 +154,45 @@ TEST_F(DeviceTest, BootModeIsRecognised)
     EXPECT_EQ(view.messages[0], "information: Device is in boot mode, Please UpdateFireware under sniffer menu.");
 }
 
+TEST_F(DeviceTest, BootModeOnALaterPortEndsTheScanWhatEverWasFoundBefore)
+{
+    // A working sniffer's ASK port comes first, then a sniffer in boot mode,
+    // then the working one's command and FSK ports, which the scan never
+    // reaches.
+    Emulator working;
+    ASSERT_TRUE(working.ok);
+    coilsim::EmulatorOptions o;
+    o.bootMode = true;
+    Emulator boot(o, 5);
+    ASSERT_TRUE(boot.ok);
+    QTemporaryDir links;
+    const std::string base = links.path().toStdString();
+    auto link = [&](const Emulator& emu, coilsim::PortRole role, int n) {
+        const std::string to = base + "/ttyACM" + std::to_string(n);
+        ASSERT_EQ(::symlink(emu.device->SlavePath(role).c_str(), to.c_str()), 0);
+    };
+    link(working, coilsim::PortRole::Ask, 0);
+    link(boot, coilsim::PortRole::Command, 1);
+    link(working, coilsim::PortRole::Command, 2);
+    link(working, coilsim::PortRole::Fsk, 3);
+
+    DiscoveryResult r = Discover(base + "/ttyACM%d");
+    EXPECT_TRUE(r.bootMode);
+    EXPECT_FALSE(r.found);
+    EXPECT_EQ(r.askPort, base + "/ttyACM0");
+    EXPECT_EQ(r.commandPort, "");
+    EXPECT_EQ(r.fskPort, "");
+    EXPECT_FALSE(r.command);
+
+    NullView view;
+    AcquisitionController c(view, base + "/ttyACM%d");
+    c.Connect();
+    EXPECT_FALSE(c.Found());
+    EXPECT_TRUE(c.BootMode());
+    ASSERT_EQ(view.messages.size(), 1u);
+    EXPECT_EQ(view.messages[0], "information: Device is in boot mode, Please UpdateFireware under sniffer menu.");
+}
+
 TEST_F(DeviceTest, NoDeviceIsNotFound)
 {
     QTemporaryDir empty;
@@ -221,11 +260,21 @@ TEST_F(DeviceTest, StopTwiceSendsTheStopCommandTwiceAndStopsThreadsOnce)
     c.Connect();
     ASSERT_TRUE(c.IsRunning());
     const int before = c.StopCommandsSent();
+    const int whileRunning = ThreadCount();
     c.Stop();
     EXPECT_FALSE(c.IsRunning());
+    // The first Stop ends the decoding threads; the second finds none to end
+    // and starts none. (The pause lets the emulator, in this process too,
+    // settle after the stop command.)
+    std::this_thread::sleep_for(200ms);
+    const int afterFirst = ThreadCount();
+    EXPECT_LT(afterFirst, whileRunning);
     c.Stop();
     EXPECT_EQ(c.StopCommandsSent(), before + 2);
     EXPECT_FALSE(emu.device->Streaming());
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(ThreadCount(), afterFirst);
+    EXPECT_FALSE(c.IsRunning());
 }
 
 TEST_F(DeviceTest, RejectedFirmwareIsRecognised)

@@ -63,6 +63,13 @@ TEST(SessionFile, EmptyDocumentBetweenTwoZerosGivesDefaultFields)
     EXPECT_EQ(events[1]->type, 0);
     EXPECT_EQ(events[1]->id, 2);
     EXPECT_EQ(events[2]->id, 3);
+    // Every field is the default: the record writes out as a fresh event does,
+    // but for the number the reader gives it (its id and its first and last
+    // event numbers).
+    MsgInfo fresh;
+    fresh.id = 2;
+    fresh.eventG.FirstEventNumber = fresh.eventG.lastEventNumber = 2;
+    EXPECT_EQ(events[1]->ToJson(), fresh.ToJson());
 }
 
 TEST(SessionFile, DamagedRecordKeepsDefaultsAndTheRestGoesOn)

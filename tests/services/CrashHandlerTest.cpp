@@ -5,11 +5,18 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
+#include <sys/wait.h>
+
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
+#include <string>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -19,7 +26,149 @@ QStringList Reports(const QString& folder)
     return QDir(folder).entryList({"v0.1-2017.9.23-*.dmp"}, QDir::Files);
 }
 
+// A child process with the handler installed (reports under folder) that
+// faults when told to.
+class FaultingChild {
+public:
+    explicit FaultingChild(const std::string& folder)
+    {
+        int fds[2];
+        if (::pipe(fds) != 0)
+            return;
+        pid = ::fork();
+        if (pid == 0) {
+            ::close(fds[1]);
+            ::setenv("TMPDIR", folder.c_str(), 1);
+            InstallCrashHandler();
+            char c;
+            (void)!::read(fds[0], &c, 1);
+            std::raise(SIGSEGV);
+            ::_exit(0);
+        }
+        ::close(fds[0]);
+        m_go = fds[1];
+    }
+    void Fault()
+    {
+        (void)!::write(m_go, "x", 1);
+        ::close(m_go);
+    }
+    // True when the child ended by the fault.
+    bool EndedByTheFault() const
+    {
+        int status = 0;
+        return ::waitpid(pid, &status, 0) == pid && WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV;
+    }
+    pid_t pid = -1;
+
+private:
+    int m_go = -1;
+};
+
+// Waits for the start of a wall-clock second, so that what follows within
+// some hundred milliseconds falls in one second.
+void WaitForTheTopOfASecond()
+{
+    using namespace std::chrono;
+    const auto now = system_clock::now().time_since_epoch();
+    const auto intoSecond = duration_cast<microseconds>(now) % seconds(1);
+    std::this_thread::sleep_for(seconds(1) - intoSecond + milliseconds(5));
+}
+
+std::string PathFor(const std::string& folder, std::time_t when, long pid, long tid)
+{
+    std::tm t{};
+    localtime_r(&when, &t);
+    char path[1400];
+    CrashReportPath(path, sizeof path, (folder + "/").c_str(), t, pid, tid);
+    return path;
+}
+
+QByteArray ReadAll(const QString& path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
 }  // namespace
+
+TEST(CrashHandler, ReportNameIsVersionDateTimeProcessAndThread)
+{
+    std::tm t{};
+    t.tm_year = 2026 - 1900;
+    t.tm_mon = 10;
+    t.tm_mday = 22;
+    t.tm_hour = 9;
+    t.tm_min = 5;
+    t.tm_sec = 7;
+    char path[1400];
+    CrashReportPath(path, sizeof path, "/tmp/x/", t, 4242, 4250);
+    EXPECT_STREQ(path, "/tmp/x/Sniffer//v0.1-2017.9.23-20261122-090507-4242-4250.dmp");
+}
+
+TEST(CrashHandler, TwoProcessesFaultingInTheSameSecondWriteTwoReports)
+{
+    const QString temp = QStringLiteral("/tmp/coilscope-crash-two-%1").arg(::getpid());
+    QDir(temp).removeRecursively();
+    QDir().mkpath(temp);
+    FaultingChild a(temp.toStdString()), b(temp.toStdString());
+    ASSERT_GT(a.pid, 0);
+    ASSERT_GT(b.pid, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // both installed and waiting
+    WaitForTheTopOfASecond();
+    a.Fault();
+    b.Fault();
+    EXPECT_TRUE(a.EndedByTheFault());
+    EXPECT_TRUE(b.EndedByTheFault());
+    const QStringList reports = Reports(temp + "/Sniffer");
+    ASSERT_EQ(reports.size(), 2) << reports.join(' ').toStdString();
+    // Same second, different processes: <version>-<date>-<time>-<pid>-<tid>.dmp
+    const QStringList x = reports[0].split('-'), y = reports[1].split('-');
+    ASSERT_EQ(x.size(), 6);
+    ASSERT_EQ(y.size(), 6);
+    EXPECT_EQ(x[2] + x[3], y[2] + y[3]);
+    QStringList pids = {x[4], y[4]};
+    pids.sort();
+    QStringList expected = {QString::number(a.pid), QString::number(b.pid)};
+    expected.sort();
+    EXPECT_EQ(pids, expected);
+    QDir(temp).removeRecursively();
+}
+
+TEST(CrashHandler, AFaultInTheSameSecondProcessAndThreadReplacesTheEarlierReport)
+{
+    const QString temp = QStringLiteral("/tmp/coilscope-crash-same-%1").arg(::getpid());
+    QDir(temp).removeRecursively();
+    QDir().mkpath(temp + "/Sniffer");
+    FaultingChild child(temp.toStdString());
+    ASSERT_GT(child.pid, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    // Earlier reports of this process and thread (a single-threaded child's
+    // thread id is its process id) for every second the fault can fall in.
+    const std::time_t now = std::time(nullptr);
+    QStringList earlier;
+    for (std::time_t when = now - 1; when <= now + 3; ++when) {
+        const QString path = QString::fromStdString(PathFor(temp.toStdString(), when, child.pid, child.pid));
+        QFile f(path);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly)) << path.toStdString();
+        f.write(QByteArray("an earlier report\n").repeated(2000));
+        earlier << QFileInfo(path).fileName();
+    }
+    child.Fault();
+    EXPECT_TRUE(child.EndedByTheFault());
+    const QStringList reports = Reports(temp + "/Sniffer");
+    EXPECT_EQ(reports.size(), earlier.size()) << "the report must take the earlier one's name";
+    int replaced = 0;
+    for (const QString& name : reports) {
+        const QByteArray text = ReadAll(temp + "/Sniffer/" + name);
+        if (text.startsWith("Coilscope crash report")) {
+            replaced += 1;
+            EXPECT_FALSE(text.contains("an earlier report")) << "not truncated: " << name.toStdString();
+        }
+    }
+    EXPECT_EQ(replaced, 1);
+    QDir(temp).removeRecursively();
+}
 
 TEST(CrashHandlerDeathTest, FaultWritesAReportWithABacktraceAndALogLine)
 {
