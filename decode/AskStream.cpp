@@ -174,11 +174,7 @@ void CutPulses(AskEdgeDetector& det, const std::vector<int32_t>& y, uint64_t sta
 {
     size_t waiting = 0;
     offsets.clear();
-    for (size_t i = 0; i < y.size(); ++i) {
-        const int r = det.tracker.Step(y[i], det.index);
-        det.index += 1;
-        if (r == 0)
-            continue;
+    det.tracker.Feed(y.data(), y.size(), det.index, [&](int r, size_t i) {
         PulseRecord pulse;
         const int32_t edge = det.tracker.edgePosition;
         pulse.duration = static_cast<int64_t>(edge) - det.lastEdge;
@@ -190,7 +186,8 @@ void CutPulses(AskEdgeDetector& det, const std::vector<int32_t>& y, uint64_t sta
         waiting += take;
         pulses.push_back(std::move(pulse));
         det.lastEdge = edge;
-    }
+    });
+    det.index += static_cast<int32_t>(y.size());
     offsets.push_back(static_cast<uint32_t>(waiting));
 }
 

@@ -87,9 +87,21 @@ public:
     SlopeRun rising;
     int32_t refine = 0;  // 1: crossings are taken at the foot of the edge
 
-    // Feeds value v at position p. Returns 1 for a rising edge, -1 for a falling
-    // edge, 0 for none; edgePosition tells where the edge is.
-    int Step(int32_t v, int32_t p);
+    // Feeds y[0 .. n) at positions position, position + 1, ... For every edge
+    // it reports, calls onEdge(edge, i): edge is 1 for a rising edge and -1 for
+    // a falling one, i the index in y of the sample that made it report, and
+    // edgePosition tells where the edge is.
+    template <class OnEdge>
+    void Feed(const int32_t* y, size_t n, int32_t position, OnEdge&& onEdge);
+
+    // Feeds one value v at position p. Returns 1 for a rising edge, -1 for a
+    // falling edge, 0 for none.
+    int Step(int32_t v, int32_t p)
+    {
+        int edge = 0;
+        Feed(&v, 1, p, [&edge](int e, size_t) { edge = e; });
+        return edge;
+    }
 
     int32_t RisingCrossing() const;
     int32_t FallingCrossing() const;
@@ -100,20 +112,23 @@ public:
     }
 
 private:
-    void Update(SlopeRun& run, int32_t d, int32_t drop, int32_t v, int32_t p);
+    struct Limits {
+        int32_t step, swing, minSteps;
+    };
+    static void Update(SlopeRun& run, int32_t d, int32_t drop, int32_t v, int32_t p, const Limits& limits);
     void TrimBelow(int64_t limit);
-    // The rare part of Step, kept out of line so that the per-sample part
-    // inlines into the loops that feed the tracker.
+    // The rare part of a step, kept out of line so that the per-sample part
+    // inlines into the caller's loop.
     int ReportEdge();
 };
 
-inline void SlopeTracker::Update(SlopeRun& run, int32_t d, int32_t drop, int32_t v, int32_t p)
+inline void SlopeTracker::Update(SlopeRun& run, int32_t d, int32_t drop, int32_t v, int32_t p, const Limits& limits)
 {
     if (run.confirmed)
         return;
-    if (run.startPosition != 0 && d > stepThreshold) {
-        const bool enough = run.count >= minSteps && p - run.startPosition >= 6;
-        if (!enough && drop <= swingThreshold) {
+    if (run.startPosition != 0 && d > limits.step) {
+        const bool enough = run.count >= limits.minSteps && p - run.startPosition >= 6;
+        if (!enough && drop <= limits.swing) {
             run.count += 1;
             run.lastValue = v;
         } else {
@@ -139,24 +154,41 @@ inline void SlopeTracker::TrimBelow(int64_t limit)
         recent.pop_front();
 }
 
-inline int SlopeTracker::Step(int32_t v, int32_t p)
+template <class OnEdge>
+inline void SlopeTracker::Feed(const int32_t* y, size_t n, int32_t position, OnEdge&& onEdge)
 {
-    recent.push_back(v, p);
-    Update(falling, falling.lastValue - v, falling.startValue - v, v, p);
-    Update(rising, v - rising.lastValue, v - rising.startValue, v, p);
+    // The runs and the limits live in locals for the loop: the recent list's
+    // entries are int32 stores too, and the compiler would otherwise reload
+    // every field from memory after each sample.
+    SlopeRun fall = falling, rise = rising;
+    const Limits limits{stepThreshold, swingThreshold, minSteps};
+    for (size_t i = 0; i < n; ++i, ++position) {
+        const int32_t v = y[i];
+        const int32_t p = position;
+        recent.push_back(v, p);
+        Update(fall, fall.lastValue - v, fall.startValue - v, v, p, limits);
+        Update(rise, v - rise.lastValue, v - rise.startValue, v, p, limits);
 
-    const bool f = falling.confirmed != 0;
-    const bool r = rising.confirmed != 0;
-    const bool due = (r && (f || p - rising.startPosition >= 201)) ||
-                     (f && !r && p - falling.startPosition >= 201);
-    if (due)
-        return ReportEdge();
-    // The 50 samples of margin apply to the falling side only.
-    if (falling.startPosition <= rising.startPosition)
-        TrimBelow(static_cast<int64_t>(falling.startPosition) - 50);
-    else
-        TrimBelow(rising.startPosition);
-    return 0;
+        const bool f = fall.confirmed != 0;
+        const bool r = rise.confirmed != 0;
+        const bool due = (r && (f || p - rise.startPosition >= 201)) || (f && !r && p - fall.startPosition >= 201);
+        if (due) {
+            falling = fall;
+            rising = rise;
+            const int edge = ReportEdge();
+            fall = falling;
+            rise = rising;
+            onEdge(edge, i);
+            continue;
+        }
+        // The 50 samples of margin apply to the falling side only.
+        if (fall.startPosition <= rise.startPosition)
+            TrimBelow(static_cast<int64_t>(fall.startPosition) - 50);
+        else
+            TrimBelow(rise.startPosition);
+    }
+    falling = fall;
+    rising = rise;
 }
 
 // One pass of edge detection over a block of samples; a fresh one per pass.
