@@ -32,21 +32,28 @@ class FaultingChild {
 public:
     explicit FaultingChild(const std::string& folder)
     {
-        int fds[2];
-        if (::pipe(fds) != 0)
+        int go[2], ready[2];
+        if (::pipe(go) != 0 || ::pipe(ready) != 0)
             return;
         pid = ::fork();
         if (pid == 0) {
-            ::close(fds[1]);
+            ::close(go[1]);
+            ::close(ready[0]);
             ::setenv("TMPDIR", folder.c_str(), 1);
             InstallCrashHandler();
+            (void)!::write(ready[1], "r", 1);
             char c;
-            (void)!::read(fds[0], &c, 1);
+            (void)!::read(go[0], &c, 1);
             std::raise(SIGSEGV);
             ::_exit(0);
         }
-        ::close(fds[0]);
-        m_go = fds[1];
+        ::close(go[0]);
+        ::close(ready[1]);
+        m_go = go[1];
+        // Installed and waiting once it says so.
+        char c;
+        installed = ::read(ready[0], &c, 1) == 1;
+        ::close(ready[0]);
     }
     void Fault()
     {
@@ -60,19 +67,21 @@ public:
         return ::waitpid(pid, &status, 0) == pid && WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV;
     }
     pid_t pid = -1;
+    bool installed = false;
 
 private:
     int m_go = -1;
 };
 
-// Waits for the start of a wall-clock second, so that what follows within
-// some hundred milliseconds falls in one second.
+// Waits until just after the start of a wall-clock second, so that what
+// follows within some hundred milliseconds falls in one second. (The margin
+// covers time(), which reads a coarser clock and can lag a few milliseconds.)
 void WaitForTheTopOfASecond()
 {
     using namespace std::chrono;
     const auto now = system_clock::now().time_since_epoch();
     const auto intoSecond = duration_cast<microseconds>(now) % seconds(1);
-    std::this_thread::sleep_for(seconds(1) - intoSecond + milliseconds(5));
+    std::this_thread::sleep_for(seconds(1) - intoSecond + milliseconds(100));
 }
 
 std::string PathFor(const std::string& folder, std::time_t when, long pid, long tid)
@@ -112,9 +121,8 @@ TEST(CrashHandler, TwoProcessesFaultingInTheSameSecondWriteTwoReports)
     QDir(temp).removeRecursively();
     QDir().mkpath(temp);
     FaultingChild a(temp.toStdString()), b(temp.toStdString());
-    ASSERT_GT(a.pid, 0);
-    ASSERT_GT(b.pid, 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // both installed and waiting
+    ASSERT_TRUE(a.installed);
+    ASSERT_TRUE(b.installed);
     WaitForTheTopOfASecond();
     a.Fault();
     b.Fault();
@@ -141,8 +149,7 @@ TEST(CrashHandler, AFaultInTheSameSecondProcessAndThreadReplacesTheEarlierReport
     QDir(temp).removeRecursively();
     QDir().mkpath(temp + "/Sniffer");
     FaultingChild child(temp.toStdString());
-    ASSERT_GT(child.pid, 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ASSERT_TRUE(child.installed);
     // Earlier reports of this process and thread (a single-threaded child's
     // thread id is its process id) for every second the fault can fall in.
     const std::time_t now = std::time(nullptr);
