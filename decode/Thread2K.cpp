@@ -25,7 +25,7 @@ int CThread2K::OpenWithoutLoop(const std::string& portName, bool writeHeader, in
 {
     m_bytesSeen = 0;
     m_sampleCounter = 0;
-    const SettingParams& settings = m_settings ? *m_settings : SettingParams::Instance();
+    const SettingParams& settings = SettingParams::Or(m_settings);
     if (settings.m_ask_capture_data) {
         if (m_captureFile)
             std::fclose(m_captureFile);

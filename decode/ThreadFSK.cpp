@@ -7,17 +7,8 @@
 #include <chrono>
 #include <thread>
 
-namespace {
-
-SettingParams& SettingsOf(SettingParams* s)
-{
-    return s ? *s : SettingParams::Instance();
-}
-
-}  // namespace
-
 CThreadFSK::CThreadFSK(PortFactory factory, SettingParams* settings)
-    : m_tracker(SettingsOf(settings).m_min_freq, SettingsOf(settings).m_max_freq),
+    : m_tracker(SettingParams::Or(settings).m_min_freq, SettingParams::Or(settings).m_max_freq),
       m_factory(std::move(factory)),
       m_settings(settings)
 {
@@ -42,7 +33,7 @@ int CThreadFSK::Open(const std::string& portName, bool writeHeader, int baud, in
 
 int CThreadFSK::OpenWithoutLoop(const std::string& portName, bool writeHeader, int baud)
 {
-    const SettingParams& settings = SettingsOf(m_settings);
+    const SettingParams& settings = SettingParams::Or(m_settings);
     if (settings.m_fsk_capture_data) {
         // A file of an earlier run is complete (every chunk was flushed); it is
         // closed here rather than left open behind an overwritten handle.

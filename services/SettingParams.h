@@ -36,4 +36,7 @@ struct SettingParams {
     // The one record of the process, created with these construction values at
     // first use without touching the file.
     static SettingParams& Instance();
+    // The given record, or the process record when none is given (threads and
+    // chains built by tests and replay carry their own).
+    static SettingParams& Or(SettingParams* settings) { return settings ? *settings : Instance(); }
 };
