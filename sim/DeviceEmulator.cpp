@@ -133,7 +133,10 @@ std::vector<uint8_t> ReplyTo(const std::vector<uint8_t>& command, PortRole role,
 }
 
 DeviceEmulator::DeviceEmulator(EmulatorOptions options) : options_(std::move(options)) {
-    for (auto& p : ports_) p = std::make_unique<PseudoTerminal>();
+    for (auto& p : ports_) {
+        p = std::make_unique<PseudoTerminal>();
+        p->SetFrameQueueLimit(options_.frameQueueBytes);
+    }
 }
 
 DeviceEmulator::~DeviceEmulator() { Stop(); }
@@ -150,6 +153,8 @@ EmulatorCounters DeviceEmulator::Counters() const {
     c.fskFramesSent = fskSent_.load();
     c.askFramesDropped = askDropped_.load();
     c.fskFramesDropped = fskDropped_.load();
+    c.askFramesDroppedAtStop = askDroppedAtStop_.load();
+    c.fskFramesDroppedAtStop = fskDroppedAtStop_.load();
     c.commands = commands_.load();
     c.unknownCommands = unknown_.load();
     c.replies = replies_.load();
@@ -447,8 +452,10 @@ void DeviceEmulator::StopStreaming() {
     const size_t fskDropped = ports_[static_cast<int>(PortRole::Fsk)]->DropQueuedFrames();
     askSent_.fetch_sub(askDropped);
     askDropped_.fetch_add(askDropped);
+    askDroppedAtStop_.fetch_add(askDropped);
     fskSent_.fetch_sub(fskDropped);
     fskDropped_.fetch_add(fskDropped);
+    fskDroppedAtStop_.fetch_add(fskDropped);
     if (recordAsk_) std::fflush(recordAsk_);
     if (recordFsk_) std::fflush(recordFsk_);
     if (expected_) std::fflush(expected_);

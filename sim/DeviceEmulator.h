@@ -36,6 +36,9 @@ struct EmulatorOptions {
     std::string scriptText;      // used when scriptFile is empty and this isn't
     std::string recordAsk;       // raw capture files of the streams as sent; both or neither
     std::string recordFsk;
+    // Stream bytes that may wait per data port while the host doesn't read,
+    // as in the host's driver behind a real device; beyond it frames are dropped.
+    size_t frameQueueBytes = 256 * 1024;
 };
 
 enum class PortRole { Command = 0, Ask = 1, Fsk = 2 };
@@ -47,6 +50,8 @@ struct EmulatorCounters {
     uint64_t fskFramesSent = 0;
     uint64_t askFramesDropped = 0;  // the host didn't read fast enough, or queued at a stop
     uint64_t fskFramesDropped = 0;
+    uint64_t askFramesDroppedAtStop = 0;  // of those, the ones still queued at a stop
+    uint64_t fskFramesDroppedAtStop = 0;  // (the end of the stream; what went out is whole)
     uint64_t commands = 0;          // commands taken, on any port
     uint64_t unknownCommands = 0;   // commands with a code the device doesn't know, or malformed
     uint64_t replies = 0;
@@ -149,7 +154,8 @@ private:
     std::atomic<int32_t> dac_{kDefaultDac};
     std::atomic<bool> streaming_{false};
     std::atomic<uint64_t> streamUs_{0};
-    std::atomic<uint64_t> askSent_{0}, fskSent_{0}, askDropped_{0}, fskDropped_{0};
+    std::atomic<uint64_t> askSent_{0}, fskSent_{0}, askDropped_{0}, fskDropped_{0},
+        askDroppedAtStop_{0}, fskDroppedAtStop_{0};
     std::atomic<uint64_t> commands_{0}, unknown_{0}, replies_{0}, starts_{0};
 };
 

@@ -105,7 +105,7 @@ bool PseudoTerminal::Flush() {
 bool PseudoTerminal::SendReply(const std::vector<uint8_t>& bytes) {
     if (master_ < 0) return false;
     Flush();
-    if (queuedBytes_ + bytes.size() > kMaxQueuedBytes) return false;
+    if (queuedBytes_ + bytes.size() > frameQueueLimit_ + kReplyHeadroomBytes) return false;
     queue_.push_back(Chunk{bytes, 0, false});
     queuedBytes_ += bytes.size();
     Flush();
@@ -115,7 +115,7 @@ bool PseudoTerminal::SendReply(const std::vector<uint8_t>& bytes) {
 bool PseudoTerminal::SendFrame(const std::vector<uint8_t>& bytes) {
     if (master_ < 0) return false;
     Flush();
-    if (queuedBytes_ + bytes.size() > kMaxQueuedFrameBytes) return false;
+    if (queuedBytes_ + bytes.size() > frameQueueLimit_) return false;
     queue_.push_back(Chunk{bytes, 0, true});
     queuedBytes_ += bytes.size();
     Flush();

@@ -19,10 +19,10 @@ namespace coilsim {
 
 class PseudoTerminal {
 public:
-    // Bytes of stream frames queued at most, per port.
+    // Bytes of stream frames queued at most, per port, unless set otherwise.
     static constexpr size_t kMaxQueuedFrameBytes = 256 * 1024;
-    // Replies may queue a little beyond that.
-    static constexpr size_t kMaxQueuedBytes = kMaxQueuedFrameBytes + 64 * 1024;
+    // Replies may queue a little beyond the frames.
+    static constexpr size_t kReplyHeadroomBytes = 64 * 1024;
 
     PseudoTerminal() = default;
     ~PseudoTerminal();
@@ -53,6 +53,10 @@ public:
     bool Flush();
     bool HasQueued() const { return !queue_.empty(); }
 
+    // How many bytes of stream frames may wait; a larger queue lets a host
+    // that stalls for a moment catch up without losing frames.
+    void SetFrameQueueLimit(size_t bytes) { frameQueueLimit_ = bytes; }
+
     // Called with the bytes of stream frames as they go out to the terminal.
     void SetFrameSink(std::function<void(const uint8_t*, size_t)> sink) { frameSink_ = std::move(sink); }
 
@@ -71,6 +75,7 @@ private:
     std::string slavePath_;
     std::deque<Chunk> queue_;
     size_t queuedBytes_ = 0;
+    size_t frameQueueLimit_ = kMaxQueuedFrameBytes;
     std::function<void(const uint8_t*, size_t)> frameSink_;
 };
 

@@ -82,12 +82,16 @@ int main(int argc, char** argv) {
     }
     emulator.Stop();
     // What went out, and what the host did not read in time: frames are
-    // dropped whole when the host-side queue of a port is full.
+    // dropped whole when the host-side queue of a port is full, and those
+    // still queued when streaming stops are not sent.
     const EmulatorCounters c = emulator.Counters();
-    std::printf("frames sent: ASK %llu, FSK %llu; dropped (host too slow): ASK %llu, FSK %llu\n",
+    std::printf("frames sent: ASK %llu, FSK %llu; dropped (host too slow): ASK %llu, FSK %llu; "
+                "not sent after the stop: ASK %llu, FSK %llu\n",
                 static_cast<unsigned long long>(c.askFramesSent), static_cast<unsigned long long>(c.fskFramesSent),
-                static_cast<unsigned long long>(c.askFramesDropped),
-                static_cast<unsigned long long>(c.fskFramesDropped));
+                static_cast<unsigned long long>(c.askFramesDropped - c.askFramesDroppedAtStop),
+                static_cast<unsigned long long>(c.fskFramesDropped - c.fskFramesDroppedAtStop),
+                static_cast<unsigned long long>(c.askFramesDroppedAtStop),
+                static_cast<unsigned long long>(c.fskFramesDroppedAtStop));
     std::fflush(stdout);
     return 0;
 }

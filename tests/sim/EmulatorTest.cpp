@@ -877,6 +877,33 @@ TEST(EmulatorStreams, HostThatDoesNotReadGetsWholeFramesAndDropsAreCounted) {
     EXPECT_EQ(c.askFramesSent, a.size() / 408);
 }
 
+TEST(EmulatorStreams, FramesStillQueuedAtTheStopAreCountedApartFromTheOnesTheQueueRefused) {
+    EmulatorOptions o;
+    o.speed = 20;
+    o.frameQueueBytes = 64 * 1024;
+    Running r(o);
+    ASSERT_TRUE(r.started) << r.error;
+    HostPort cmd = r.Open(PortRole::Command), ask = r.Open(PortRole::Ask), fsk = r.Open(PortRole::Fsk);
+    cmd.Write(Command({0x05, 0x00}));
+    EXPECT_EQ(cmd.ReadReply(), (Bytes{0x05, 0x00}));
+    const auto t0 = SteadyClock::now();
+    while (r.emulator->Counters().askFramesDropped == 0 && MsSince(t0) < 10000)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    // The stop, then a query whose answer says the stop has been taken.
+    cmd.Write(Command({0x07, 0x00, 0x09, 0x00}));
+    EXPECT_EQ(cmd.ReadReply(), (Bytes{0x09, 0x11, '9', '0', '1', 0x00}));
+    const auto c = r.emulator->Counters();
+    // The full queue of the ASK port held 64 kB of frames not begun: they are
+    // not sent after the stop, and are counted as dropped there.
+    EXPECT_GE(c.askFramesDroppedAtStop, 64u * 1024 / 408 - 2);
+    EXPECT_GT(c.askFramesDropped, c.askFramesDroppedAtStop);  // refused by the full queue before
+    Bytes a, f;
+    DrainStreams(ask, fsk, a, f);
+    EXPECT_EQ(c.askFramesSent, a.size() / 408);
+    EXPECT_EQ(ParseFrames(a).size() * 408, a.size());
+    EXPECT_LT(a.size(), 2 * o.frameQueueBytes);
+}
+
 TEST(EmulatorStreams, SpeedBeyondTheMachineSlipsButKeepsStreaming) {
     // At the highest speed the machine can't synthesize in time: stream time
     // slips, frames keep coming and commands are still answered at once.
