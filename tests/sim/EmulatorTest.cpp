@@ -845,20 +845,30 @@ TEST(EmulatorStreams, DisconnectStopsAndStartResumesTheStreamTime) {
     EXPECT_EQ(r.emulator->Counters().streamStarts, 2u);
 }
 
+namespace {
+
+// Starts streaming with nobody reading the data ports, and waits until the
+// ASK port's queue has refused a frame.
+void StreamUntilTheQueueIsFull(Running& r, HostPort& cmd) {
+    cmd.Write(Command({0x05, 0x00}));
+    EXPECT_EQ(cmd.ReadReply(), (Bytes{0x05, 0x00}));
+    const auto t0 = SteadyClock::now();
+    while (r.emulator->Counters().askFramesDropped == 0 && MsSince(t0) < 10000)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_GT(r.emulator->Counters().askFramesDropped, 0u);
+}
+
+}  // namespace
+
 TEST(EmulatorStreams, HostThatDoesNotReadGetsWholeFramesAndDropsAreCounted) {
     EmulatorOptions o;
     o.speed = 20;
     Running r(o);
     ASSERT_TRUE(r.started) << r.error;
     HostPort cmd = r.Open(PortRole::Command), ask = r.Open(PortRole::Ask), fsk = r.Open(PortRole::Fsk);
-    cmd.Write(Command({0x05, 0x00}));
-    EXPECT_EQ(cmd.ReadReply(), (Bytes{0x05, 0x00}));
     // Nobody reads the data ports: the queues fill and frames are dropped,
     // while the command port stays as quick as ever.
-    const auto t0 = SteadyClock::now();
-    while (r.emulator->Counters().askFramesDropped == 0 && MsSince(t0) < 10000)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_GT(r.emulator->Counters().askFramesDropped, 0u);
+    StreamUntilTheQueueIsFull(r, cmd);
     const auto asked = SteadyClock::now();
     cmd.Write(Command({0x09, 0x00}));
     EXPECT_EQ(cmd.ReadReply(), (Bytes{0x09, 0x11, '9', '0', '1', 0x00}));
@@ -884,11 +894,7 @@ TEST(EmulatorStreams, FramesStillQueuedAtTheStopAreCountedApartFromTheOnesTheQue
     Running r(o);
     ASSERT_TRUE(r.started) << r.error;
     HostPort cmd = r.Open(PortRole::Command), ask = r.Open(PortRole::Ask), fsk = r.Open(PortRole::Fsk);
-    cmd.Write(Command({0x05, 0x00}));
-    EXPECT_EQ(cmd.ReadReply(), (Bytes{0x05, 0x00}));
-    const auto t0 = SteadyClock::now();
-    while (r.emulator->Counters().askFramesDropped == 0 && MsSince(t0) < 10000)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    StreamUntilTheQueueIsFull(r, cmd);
     // The stop, then a query whose answer says the stop has been taken.
     cmd.Write(Command({0x07, 0x00, 0x09, 0x00}));
     EXPECT_EQ(cmd.ReadReply(), (Bytes{0x09, 0x11, '9', '0', '1', 0x00}));
