@@ -400,9 +400,9 @@ TEST(QSerialThread, ReplyAt20msWithWaits150And300ReturnsALittleAfter150ms)
         pty.WriteFar({0x05, 0x00});
     });
     std::list<DataPtr> out;
-    const auto t0 = SteadyClock_::now();
+    const int64_t t0 = TickMs();  // the tick WaitReplies counts
     t.WaitReplies(out, 150, 300);
-    const int64_t ms = MsSince(t0);
+    const int64_t ms = TickMs() - t0;
     device.join();
     EXPECT_GE(ms, 150);
     EXPECT_LE(ms, 260);
@@ -418,9 +418,9 @@ TEST(QSerialThread, WaitRepliesWithNothingArrivingReturnsAtTheTotalWait)
     QSerialThread t;
     ASSERT_TRUE(t.OpenPort(pty.SlavePath(), 1024000, 1, true));
     std::list<DataPtr> out;
-    const auto t0 = SteadyClock_::now();
+    const int64_t t0 = TickMs();  // the tick WaitReplies counts
     t.WaitReplies(out, 150, 300);
-    const int64_t ms = MsSince(t0);
+    const int64_t ms = TickMs() - t0;
     EXPECT_GE(ms, 300);
     EXPECT_LE(ms, 420);
     EXPECT_TRUE(out.empty());
@@ -484,9 +484,11 @@ TEST(QSerialThread, DrainForThrowsAwayEverythingAndEmptiesTheAssembler)
         SleepMs(20);
         pty.WriteFar({0x07, 0x00, 0x43});
     });
-    const auto t0 = SteadyClock_::now();
+    // Measured on the tick DrainFor counts: a millisecond tick read partway
+    // through a millisecond, so wall time may fall short of it by under one.
+    const int64_t t0 = TickMs();
     t.DrainFor(100);
-    const int64_t ms = MsSince(t0);
+    const int64_t ms = TickMs() - t0;
     device.join();
     EXPECT_GE(ms, 100);
     EXPECT_LE(ms, 250);
