@@ -20,7 +20,8 @@ const char* kReplayHelp =
     "usage: coilscope-cli replay ASKFILE [FSKFILE] [--sid OUT] [--json]\n"
     "       coilscope-cli replay SESSION.sid [--json]\n"
     "\n"
-    "Raw capture files (.2k.bin, .fsk.bin; a capture header is skipped) go\n"
+    "Raw capture files (.2k.bin, .fsk.bin; a capture header is skipped, and so\n"
+    "is a frame cut by the start of the file, told on stderr) go\n"
     "through the same decoders and data manager as a live capture, in capture\n"
     "time order, and the session's log is printed (--json: one JSON object per\n"
     "event). --sid OUT also writes the events as a session file.\n"
@@ -114,6 +115,14 @@ int RunReplay(int argc, char** argv)
         }
     }
     StreamReplay replay(std::move(ask), std::move(fsk));
+    // A capture begins where the port was when streaming started, often inside
+    // a frame: what lies before the first whole frame is not played.
+    if (replay.SkippedAsk() > 0)
+        std::fprintf(stderr, "replay: skipped %zu bytes before the first whole frame of %s\n", replay.SkippedAsk(),
+                     files[0].c_str());
+    if (replay.SkippedFsk() > 0)
+        std::fprintf(stderr, "replay: skipped %zu bytes before the first whole frame of %s\n", replay.SkippedFsk(),
+                     files[1].c_str());
     const bool showProgress = isatty(2) && replay.DurationMs() > 60000.0;
     int shown = -1;  // the percentage on the terminal; written again only when it changes
     replay.Run(

@@ -1,5 +1,7 @@
 #include "decode/CaptureFile.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 
@@ -31,4 +33,55 @@ std::FILE* OpenCaptureFile(const std::string& capturePath, const char* suffix, b
 bool HasCaptureHeader(const unsigned char* bytes, size_t size)
 {
     return size >= kCaptureHeaderBytes && std::memcmp(bytes, "kestro\0\0", 8) == 0;
+}
+
+namespace {
+
+// A stream frame carries 5 ms of samples or periods; anything above this is
+// not a length the device sends.
+constexpr uint32_t kMaxFramePayloadBytes = 1u << 16;
+// Frames in a row that must chain, and the largest step of the device's
+// millisecond stamp between two frames.
+constexpr int kFramesToChain = 4;
+constexpr uint32_t kMaxStampStepMs = 10000;
+
+uint32_t DwordAt(const unsigned char* p)
+{
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
+           static_cast<uint32_t>(p[3]) << 24;
+}
+
+bool ChainsFrom(const unsigned char* bytes, size_t size, size_t at)
+{
+    int whole = 0;
+    uint32_t lastStamp = 0;
+    while (whole < kFramesToChain) {
+        if (at == size)
+            return whole > 0;
+        if (size - at < 8)
+            return false;  // a header cut short is no proof
+        const uint32_t length = DwordAt(bytes + at);
+        const uint32_t stamp = DwordAt(bytes + at + 4);
+        if (length < 2 || length > kMaxFramePayloadBytes || length % 2 != 0)
+            return false;
+        if (whole > 0 && (stamp < lastStamp || stamp - lastStamp > kMaxStampStepMs))
+            return false;
+        lastStamp = stamp;
+        if (size - at - 8 < length)
+            return whole > 0;  // the file ends inside this frame
+        at += 8 + length;
+        ++whole;
+    }
+    return true;
+}
+
+}  // namespace
+
+size_t FirstChainedFrame(const unsigned char* bytes, size_t size)
+{
+    const size_t last = std::min<size_t>(size, kMaxFramePayloadBytes + 8);
+    for (size_t at = 0; at < last; ++at)
+        if (ChainsFrom(bytes, size, at))
+            return at;
+    return 0;
 }

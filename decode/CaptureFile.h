@@ -16,3 +16,14 @@ constexpr size_t kCaptureHeaderBytes = 40;
 
 // True when the bytes begin with the capture header's magic.
 bool HasCaptureHeader(const unsigned char* bytes, size_t size);
+
+// Where the stream frames begin in a capture file's stream bytes (the header
+// already skipped). A file may begin inside a frame, and the frame parser takes
+// whatever comes first as a length: fed from a wrong offset it stays off the
+// frame grid. The reader therefore looks for the first byte offset from which
+// frames chain: payload lengths that are even and fit a stream frame, time
+// stamps that never go backwards, each header exactly where the one before
+// ends, for several frames in a row (or up to the end of a short file, with at
+// least one whole frame). Returns 0 when no offset chains, so the bytes are fed
+// as they are.
+size_t FirstChainedFrame(const unsigned char* bytes, size_t size);

@@ -10,18 +10,23 @@
 
 namespace {
 
-std::vector<uint8_t> WithoutHeader(std::vector<uint8_t> bytes)
+// The stream bytes of a capture file from its first whole frame: the header,
+// if present, and a frame cut by the start of the capture are dropped. Adds the
+// bytes dropped before the first frame (the header aside) to `skipped`.
+std::vector<uint8_t> FromFirstFrame(std::vector<uint8_t> bytes, size_t& skipped)
 {
     if (HasCaptureHeader(bytes.data(), bytes.size()))
         bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(kCaptureHeaderBytes));
+    skipped = FirstChainedFrame(bytes.data(), bytes.size());
+    bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(skipped));
     return bytes;
 }
 
 }  // namespace
 
 StreamReplay::StreamReplay(std::vector<uint8_t> askBytes, std::vector<uint8_t> fskBytes, SettingParams* settings)
-    : m_ask(WithoutHeader(std::move(askBytes))),
-      m_fsk(WithoutHeader(std::move(fskBytes))),
+    : m_ask(FromFirstFrame(std::move(askBytes), m_askSkipped)),
+      m_fsk(FromFirstFrame(std::move(fskBytes), m_fskSkipped)),
       m_fskThread(nullptr, settings),
       m_link(m_manager)
 {

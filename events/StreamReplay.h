@@ -15,7 +15,8 @@
 class StreamReplay {
 public:
     // The bytes of the two files (either may be empty); a capture header, if
-    // present, is skipped.
+    // present, is skipped, and so is a frame cut by the start of the file
+    // (SkippedAsk/SkippedFsk tell how many bytes that was).
     StreamReplay(std::vector<uint8_t> askBytes, std::vector<uint8_t> fskBytes, SettingParams* settings = nullptr);
 
     // Runs the whole replay. `batch` receives each refresh's released events
@@ -28,10 +29,17 @@ public:
 
     CDataManager& Manager() { return m_manager; }
 
+    // Bytes before the first whole frame of each stream, the header aside.
+    size_t SkippedAsk() const { return m_askSkipped; }
+    size_t SkippedFsk() const { return m_fskSkipped; }
+
     // Frame boundaries of a stream: the byte offsets where each frame begins.
     static std::vector<size_t> FrameStarts(const std::vector<uint8_t>& bytes);
 
 private:
+    // Declared before the streams: the constructor fills them while it trims
+    // the streams.
+    size_t m_askSkipped = 0, m_fskSkipped = 0;
     std::vector<uint8_t> m_ask, m_fsk;
     std::vector<size_t> m_askFrames, m_fskFrames;
     CThread2K m_askThread;

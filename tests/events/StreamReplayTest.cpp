@@ -1,0 +1,188 @@
+// Replay of raw capture files that begin inside a frame: the reader finds the
+// frame grid before it feeds the parsers, so every packet after the cut comes
+// back, with or without the capture header.
+#include "decode/CaptureFile.h"
+#include "events/StreamReplay.h"
+#include "services/SettingParams.h"
+#include "sim/AskSynth.h"
+#include "sim/FskSynth.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::vector<uint8_t> AskBytes()
+{
+    qisim::AskWaveWriter w(qisim::AskWaveParams{}, 5);
+    w.Idle(2000);
+    w.Packet(qisim::WithChecksum({0x01, 0xA0}), 11);
+    w.Idle(1500);
+    for (int k = 0; k < 3; ++k) {
+        w.Packet(qisim::WithChecksum({0x03, static_cast<uint8_t>(k + 4)}), 11);
+        w.Idle(1500);
+    }
+    w.Packet(qisim::WithChecksum({0x51, 0x0A, 0x00, 0x00, 0x0A, 0x00}), 11);
+    w.Idle(1500);
+    return qisim::AskStreamFrames(w.Samples());
+}
+
+std::vector<uint8_t> FskBytes()
+{
+    qisim::FskWaveParams p;
+    p.polarity = -1;
+    qisim::FskWaveWriter w(p, 9);
+    w.OffMs(20);
+    w.CarrierMs(100);
+    w.Packet(qisim::WithChecksum({0x1F, 0x64}), 0);
+    w.CarrierMs(150);
+    w.Packet(qisim::WithChecksum({0x30, 0x13, 0x00, 0x2A}), 0);
+    w.CarrierMs(150);
+    return qisim::FskStreamFrames(w.Words());
+}
+
+std::vector<uint8_t> Header()
+{
+    std::vector<uint8_t> h(kCaptureHeaderBytes, 0);
+    std::memcpy(h.data(), "kestro", 6);
+    std::memcpy(h.data() + 8, "2026-11-23 10:00:00", 19);
+    return h;
+}
+
+// The packets of a replay, in order.
+std::vector<std::string> Packets(const std::vector<uint8_t>& ask, const std::vector<uint8_t>& fsk,
+                                 size_t* skippedAsk = nullptr, size_t* skippedFsk = nullptr)
+{
+    SettingParams settings;
+    settings.m_min_freq = 110000;
+    settings.m_max_freq = 210000;
+    SettingParams::Instance().detectedPolarity.store(-1);
+    StreamReplay replay(ask, fsk, &settings);
+    std::vector<std::string> packets;
+    replay.Run([&](std::vector<MsgInfoPtr>& events) {
+        for (const auto& e : events)
+            if (!e->packet.PacketData.empty())
+                packets.push_back(e->packet.PacketData);
+    });
+    SettingParams::Instance().detectedPolarity.store(0);
+    if (skippedAsk)
+        *skippedAsk = replay.SkippedAsk();
+    if (skippedFsk)
+        *skippedFsk = replay.SkippedFsk();
+    return packets;
+}
+
+// The bytes of the first frame: its header and payload.
+size_t FirstFrameBytes(const std::vector<uint8_t>& stream)
+{
+    return 8 + (stream[0] | stream[1] << 8 | stream[2] << 16 | static_cast<size_t>(stream[3]) << 24);
+}
+
+std::vector<uint8_t> Cut(const std::vector<uint8_t>& stream, size_t at, bool header)
+{
+    std::vector<uint8_t> bytes(stream.begin() + static_cast<std::ptrdiff_t>(at), stream.end());
+    if (header) {
+        const std::vector<uint8_t> h = Header();
+        bytes.insert(bytes.begin(), h.begin(), h.end());
+    }
+    return bytes;
+}
+
+}  // namespace
+
+TEST(FirstChainedFrame, WholeStreamsBeginAtZero)
+{
+    for (const auto& stream : {AskBytes(), FskBytes()})
+        EXPECT_EQ(FirstChainedFrame(stream.data(), stream.size()), 0u);
+}
+
+TEST(FirstChainedFrame, CutAnywhereInTheFirstFrameFindsTheSecond)
+{
+    for (const auto& stream : {AskBytes(), FskBytes()}) {
+        const size_t first = FirstFrameBytes(stream);
+        ASSERT_LT(first, stream.size());
+        for (size_t at = 1; at <= first; ++at)
+            EXPECT_EQ(FirstChainedFrame(stream.data() + at, stream.size() - at), first - at) << at;
+    }
+}
+
+TEST(FirstChainedFrame, NothingThatChainsGivesZero)
+{
+    EXPECT_EQ(FirstChainedFrame(nullptr, 0), 0u);
+    const std::vector<uint8_t> zeros(4096, 0);
+    EXPECT_EQ(FirstChainedFrame(zeros.data(), zeros.size()), 0u);
+    std::vector<uint8_t> noise(4096);
+    uint32_t x = 12345;
+    for (auto& b : noise) {
+        x = x * 1103515245u + 12345u;
+        b = static_cast<uint8_t>(x >> 23);
+    }
+    EXPECT_EQ(FirstChainedFrame(noise.data(), noise.size()), 0u);
+    // A header with nothing after it proves nothing.
+    const std::vector<uint8_t> lone{0x90, 0x01, 0, 0, 5, 0, 0, 0};
+    EXPECT_EQ(FirstChainedFrame(lone.data(), lone.size()), 0u);
+}
+
+TEST(FirstChainedFrame, ShortFileWithOneWholeFrameAndATruncatedOne)
+{
+    const auto stream = AskBytes();
+    const size_t first = FirstFrameBytes(stream);
+    // Cut 3 bytes into the first frame, end 100 bytes into the third.
+    const std::vector<uint8_t> bytes(stream.begin() + 3, stream.begin() + static_cast<std::ptrdiff_t>(2 * first + 100));
+    EXPECT_EQ(FirstChainedFrame(bytes.data(), bytes.size()), first - 3);
+}
+
+TEST(FirstChainedFrame, StampsThatGoBackDoNotChain)
+{
+    auto stream = AskBytes();
+    const size_t first = FirstFrameBytes(stream);
+    // The second frame's stamp goes back below the first's: the grid can only
+    // begin at the second frame.
+    stream[4] = 0xFF;
+    stream[5] = 0xFF;
+    EXPECT_EQ(FirstChainedFrame(stream.data(), stream.size()), first);
+}
+
+TEST(StreamReplay, AskFileCutAtEveryOffsetOfItsFirstFrameGivesEveryPacketBack)
+{
+    const auto stream = AskBytes();
+    const std::vector<std::string> whole = Packets(stream, {});
+    ASSERT_EQ(whole.size(), 5u);
+    EXPECT_EQ(whole[0], "01 A0 A1 ");
+    EXPECT_EQ(whole[4].substr(0, 3), "51 ");
+    const size_t first = FirstFrameBytes(stream);
+    for (bool header : {false, true})
+        for (size_t at = 1; at <= first; ++at) {
+            size_t skipped = 99;
+            EXPECT_EQ(Packets(Cut(stream, at, header), {}, &skipped), whole) << at << (header ? " header" : "");
+            EXPECT_EQ(skipped, first - at) << at;
+        }
+}
+
+TEST(StreamReplay, FskFileCutAtEveryOffsetOfItsFirstFrameGivesEveryPacketBack)
+{
+    const auto stream = FskBytes();
+    const std::vector<std::string> whole = Packets({}, stream);
+    ASSERT_EQ(whole.size(), 2u);
+    EXPECT_EQ(whole[0], "1F 64 7B ");
+    const size_t first = FirstFrameBytes(stream);
+    for (bool header : {false, true})
+        for (size_t at = 1; at <= first; ++at) {
+            size_t skipped = 99;
+            EXPECT_EQ(Packets({}, Cut(stream, at, header), nullptr, &skipped), whole) << at << (header ? " header" : "");
+            EXPECT_EQ(skipped, first - at) << at;
+        }
+}
+
+TEST(StreamReplay, BothFilesCutTogether)
+{
+    const auto ask = AskBytes();
+    const auto fsk = FskBytes();
+    std::vector<std::string> whole = Packets(ask, fsk);
+    ASSERT_EQ(whole.size(), 7u);
+    std::vector<std::string> cut = Packets(Cut(ask, 5, true), Cut(fsk, 3, false));
+    EXPECT_EQ(cut, whole);
+}
