@@ -174,11 +174,12 @@ int RunCapture(int argc, char** argv)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     if (ok) {
-        controller.DevStop();
+        // As the window closes: stop and disconnect a capture the device
+        // confirmed; after a start it never confirmed, send it nothing.
+        controller.Close();
         printer.Before();
         model.StopAcquisition();
         printer.After({});
-        controller.Disconnect();
     }
     model.CloseStreams();
     if (stats) {

@@ -27,9 +27,42 @@ AcquisitionController::AcquisitionController(AcquisitionView& view, std::string 
 
 AcquisitionController::~AcquisitionController()
 {
-    if (Acquiring() || IsRunning())
+    Close();
+}
+
+void AcquisitionController::Close()
+{
+    if (Acquiring()) {
         DevStop();
-    Disconnect();
+        Disconnect();
+    }
+    // A start the device never confirmed still runs the decoding threads; they
+    // end here, and the ports close without a word to the device.
+    JoinWorkers(false);
+    {
+        std::lock_guard<std::mutex> lock(m_commandMutex);
+        ReplaceCommandPort(nullptr);
+    }
+    m_found = false;
+    m_ask.Close();
+    m_fsk.Close();
+}
+
+void AcquisitionController::JoinWorkers(bool logSteps)
+{
+    if (!IsRunning())
+        return;
+    MyThread::Stop();
+    if (logSteps)
+        Log::Printf("DevStop 4");
+    if (m_extraRun1.joinable())
+        m_extraRun1.join();
+    if (logSteps)
+        Log::Printf("DevStop 5");
+    if (m_pacing.joinable())
+        m_pacing.join();
+    if (logSteps)
+        Log::Printf("DevStop 6");
 }
 
 void AcquisitionController::SendCommand(const std::vector<uint8_t>& bytes)
@@ -154,18 +187,8 @@ void AcquisitionController::DevStop()
     Log::Printf("DevStop 1");
     m_link.SetAcquiring(false);
     Log::Printf("DevStop 2");
-    const bool wasRunning = IsRunning();
     Log::Printf("DevStop 3");
-    if (wasRunning) {
-        MyThread::Stop();
-        Log::Printf("DevStop 4");
-        if (m_extraRun1.joinable())
-            m_extraRun1.join();
-        Log::Printf("DevStop 5");
-        if (m_pacing.joinable())
-            m_pacing.join();
-        Log::Printf("DevStop 6");
-    }
+    JoinWorkers(true);
     Log::Printf("DevStop 7");
     m_manager.ResetCounters();
     Log::Printf("DevStop 8");

@@ -57,6 +57,13 @@ public:
     void DevStart();
     void DevStop();
 
+    // Leaving (the window's close, the end of a terminal capture): a confirmed
+    // capture is stopped and the device disconnected; otherwise no command
+    // goes out. Either way the decoding threads are joined and the ports
+    // closed. The destructor does the same, so a controller that was
+    // disconnected before it goes away disconnects once.
+    void Close();
+
     // The ASK and the FSK decoding threads.
     void Run() override;
     void Run1() override;
@@ -93,6 +100,9 @@ private:
     void ReplaceCommandPort(std::unique_ptr<QSerialThread> port);
     void ReadDeviceRecordLocked();
     void PacingLoop();
+    // Ends the decoding loops, the extra FSK loop and the pacing thread if
+    // they run; with logSteps, DevStop's step lines mark the joins.
+    void JoinWorkers(bool logSteps);
     void SetActions(bool connected, bool acquiring);
 
     AcquisitionView& m_view;

@@ -277,6 +277,15 @@ bool DeviceEmulator::Start(std::string& error) {
             [this](const uint8_t* bytes, size_t n) { std::fwrite(bytes, 1, n, recordFsk_); });
     }
 
+    if (!options_.commandLog.empty()) {
+        commandLog_ = std::fopen(options_.commandLog.c_str(), "w");
+        if (!commandLog_) {
+            error = "cannot write the command log " + options_.commandLog;
+            Cleanup();
+            return false;
+        }
+    }
+
     if (::pipe2(wake_, O_NONBLOCK | O_CLOEXEC) != 0) {
         error = std::string("pipe: ") + std::strerror(errno);
         Cleanup();
@@ -311,7 +320,7 @@ void DeviceEmulator::Cleanup() {
     }
     if (madeDir_ && !dir_.empty()) ::rmdir(dir_.c_str());  // only if nothing else is in it
     madeDir_ = false;
-    for (FILE** f : {&recordAsk_, &recordFsk_, &expected_}) {
+    for (FILE** f : {&recordAsk_, &recordFsk_, &expected_, &commandLog_}) {
         if (*f) std::fclose(*f);
         *f = nullptr;
     }
@@ -399,6 +408,12 @@ void DeviceEmulator::HandleCommand(int port, const std::vector<uint8_t>& command
     commands_.fetch_add(1);
     const uint8_t code = command[0];
     const PortRole role = static_cast<PortRole>(port);
+    if (commandLog_) {
+        std::fputs(RoleName(role), commandLog_);
+        for (uint8_t b : command) std::fprintf(commandLog_, " %02X", b);
+        std::fputc('\n', commandLog_);
+        std::fflush(commandLog_);
+    }
     if (!options_.bootMode) {
         switch (code) {
         case kStop:
@@ -431,7 +446,8 @@ void DeviceEmulator::HandleCommand(int port, const std::vector<uint8_t>& command
             break;
         }
     }
-    const std::vector<uint8_t> reply = ReplyTo(command, role, options_);
+    const bool lostReply = options_.silentStart && code == kStart;
+    const std::vector<uint8_t> reply = lostReply ? std::vector<uint8_t>() : ReplyTo(command, role, options_);
     if (!reply.empty() && ports_[port]->SendReply(reply)) replies_.fetch_add(1);
     if (!options_.bootMode && code == kStart) StartStreaming();
 }

@@ -36,6 +36,12 @@ struct EmulatorOptions {
     std::string scriptText;      // used when scriptFile is empty and this isn't
     std::string recordAsk;       // raw capture files of the streams as sent; both or neither
     std::string recordFsk;
+    // A text file that gets one line per command taken: the port's role and the
+    // command's bytes in hex ("command 05"); empty: none.
+    std::string commandLog;
+    // The start command starts the streams but gets no reply, as when the
+    // device's confirmation is lost: the host is left not acquiring.
+    bool silentStart = false;
     // Stream bytes that may wait per data port while the host doesn't read,
     // as in the host's driver behind a real device; beyond it frames are dropped.
     size_t frameQueueBytes = 256 * 1024;
@@ -141,6 +147,7 @@ private:
     FILE* recordAsk_ = nullptr;
     FILE* recordFsk_ = nullptr;
     FILE* expected_ = nullptr;
+    FILE* commandLog_ = nullptr;
 
     int wake_[2] = {-1, -1};
     std::thread worker_;

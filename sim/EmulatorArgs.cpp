@@ -97,6 +97,14 @@ bool ParseEmulatorArgs(const std::vector<std::string>& args, EmulatorArgs& out, 
                 error = "--script needs a file";
                 return false;
             }
+        } else if (opt == "--commands") {
+            if (!value(a.options.commandLog)) return false;
+            if (a.options.commandLog.empty()) {
+                error = "--commands needs a file";
+                return false;
+            }
+        } else if (opt == "--silent-start") {
+            a.options.silentStart = true;
         } else if (opt == "--record") {
             if (i + 2 >= args.size() || args[i + 1].empty() || args[i + 2].empty()) {
                 error = "--record needs two files: ASKFILE FSKFILE";
@@ -154,6 +162,10 @@ std::string EmulatorHelp() {
         "  --reject-firmware      answer the firmware query with \"$!\"\n"
         "  --build-date TEXT      firmware build date in the device record\n"
         "                         (default 2023.05.20)\n"
+        "  --silent-start         start streaming on command 05 but send no reply,\n"
+        "                         as when the confirmation is lost\n"
+        "  --commands FILE        write one line per command taken: the port's\n"
+        "                         role and the bytes in hex (\"command 05\")\n"
         "  --script FILE          play FILE instead of the built-in session (below)\n"
         "  --record ASKFILE FSKFILE\n"
         "                         also write both streams as raw capture files,\n"

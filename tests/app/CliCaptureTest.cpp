@@ -283,6 +283,130 @@ TEST(CliCapture, SigtermStopsDisconnectsAndExitsZero)
     EXPECT_NE(lines.back().find("] Stop Acquisition: Acquisition stoped at "), std::string::npos) << lines.back();
 }
 
+// The application log of a run whose data home is `home`, and the commands
+// the emulator took.
+std::string AppLogIn(const std::string& home)
+{
+    std::string text;
+    for (const auto& entry : fs::directory_iterator(home + "/Coilscope"))
+        if (entry.path().filename().string().rfind("log_", 0) == 0)
+            text += ReadFile(entry.path().string());
+    return text;
+}
+
+size_t Count(const std::string& text, const std::string& what)
+{
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+TEST(CliCapture, EndOfACaptureDisconnectsOnce)
+{
+    const std::string dir = Folder("capture-disconnect-once");
+    const std::string commands = dir + "/commands.txt";
+    Sim sim(dir, {"--commands", commands});
+    ASSERT_TRUE(sim.ok);
+    const std::string home = dir + "/home";
+    fs::create_directories(home);
+    const Result r = Shell(sim.Env() + "XDG_DATA_HOME=" + Quote(home) + " " + Cli() + "capture --seconds 2 >/dev/null 2>&1");
+    sim.Stop();
+    EXPECT_EQ(r.status, 0);
+    const std::string log = AppLogIn(home);
+    for (int step = 1; step <= 6; ++step)
+        EXPECT_EQ(Count(log, "DevDisconnect " + std::to_string(step) + "\r\n"), 1u) << step << "\n" << log;
+    EXPECT_EQ(Count(log, "DevStop 10\r\n"), 1u) << log;
+    // Discovery sends 07 to every port; from the start on, one stop and one
+    // disconnect.
+    const std::string taken = ReadFile(commands);
+    const std::string fromStart = taken.substr(std::min(taken.size(), taken.find("command 05\n")));
+    EXPECT_EQ(Count(fromStart, "command 05\n"), 1u) << taken;
+    EXPECT_EQ(Count(fromStart, "command 07\n"), 1u) << taken;
+    EXPECT_EQ(Count(taken, "command 03\n"), 1u) << taken;
+}
+
+TEST(CliCapture, StartNeverConfirmedEndsWithoutStopOrDisconnectCommands)
+{
+    const std::string dir = Folder("capture-silent-start");
+    const std::string commands = dir + "/commands.txt";
+    Sim sim(dir, {"--commands", commands, "--silent-start"});
+    ASSERT_TRUE(sim.ok);
+    const std::string home = dir + "/home";
+    fs::create_directories(home);
+    const std::string out = dir + "/out.txt";
+    const Result r = Shell(sim.Env() + "XDG_DATA_HOME=" + Quote(home) + " " + Cli() + "capture --seconds 2 >" +
+                           Quote(out) + " 2>&1");
+    sim.Stop();
+    EXPECT_EQ(r.status, 0);
+    const std::string taken = ReadFile(commands);
+    const std::string fromStart = taken.substr(std::min(taken.size(), taken.find("command 05\n")));
+    // The start went out, the device kept quiet: no stop, no disconnect.
+    EXPECT_EQ(Count(fromStart, "command 05\n"), 1u) << taken;
+    EXPECT_EQ(Count(fromStart, "command 07\n"), 0u) << taken;
+    EXPECT_EQ(Count(taken, "command 03\n"), 0u) << taken;
+    const std::string log = AppLogIn(home);
+    EXPECT_NE(log.find("DevStart t1="), std::string::npos) << log;
+    EXPECT_EQ(log.find("DevStop 1\r\n"), std::string::npos) << log;
+    EXPECT_EQ(log.find("DevDisconnect 1\r\n"), std::string::npos) << log;
+    // The session still ends with its marker.
+    const std::vector<std::string> lines = Lines(ReadFile(out));
+    ASSERT_FALSE(lines.empty());
+    EXPECT_NE(lines.back().find("] Stop Acquisition: Acquisition stoped at "), std::string::npos) << lines.back();
+}
+
+TEST(CliReplay, CaptureFilesThatBeginInsideAFrameAreReadFromTheFirstWholeFrame)
+{
+    const std::string dir = Folder("replay-cut");
+    Sim sim(dir, {"--record", dir + "/ask.bin", dir + "/fsk.bin", "--speed", "4"});
+    ASSERT_TRUE(sim.ok);
+    const Result r = Shell(sim.Env() + Cli() + "capture --seconds 6 >/dev/null 2>&1");
+    sim.Stop();
+    ASSERT_EQ(r.status, 0);
+    // The same files cut 5 and 3 bytes into their first frames.
+    const std::string ask = ReadFile(dir + "/ask.bin"), fsk = ReadFile(dir + "/fsk.bin");
+    ASSERT_GT(ask.size(), 10000u);
+    ASSERT_GT(fsk.size(), 1000u);
+    std::ofstream(dir + "/ask-cut.bin", std::ios::binary) << ask.substr(5);
+    std::ofstream(dir + "/fsk-cut.bin", std::ios::binary) << fsk.substr(3);
+    // The texts, without the wall-clock time that a 24-bit Received Power
+    // is told with ("... 10.08W 15:35:42.923").
+    auto texts = [](const std::string& out) {
+        std::vector<std::string> t;
+        for (const std::string& line : Lines(out))
+            if (IsEventLine(line)) {
+                std::string text = TextOf(line);
+                const size_t blank = text.rfind(' ');
+                if (text.rfind("ReceivedPower ", 0) == 0 && blank != std::string::npos && text.size() - blank == 13 &&
+                    text[blank + 3] == ':' && text[blank + 6] == ':' && text[blank + 9] == '.')
+                    text.erase(blank);
+                t.push_back(text);
+            }
+        return t;
+    };
+    const Result whole = Shell(Cli() + "replay " + Quote(dir + "/ask.bin") + " " + Quote(dir + "/fsk.bin") + " 2>&1");
+    ASSERT_EQ(whole.status, 0);
+    EXPECT_EQ(whole.out.find("skipped"), std::string::npos) << whole.out;
+    const Result cut =
+        Shell(Cli() + "replay " + Quote(dir + "/ask-cut.bin") + " " + Quote(dir + "/fsk-cut.bin") + " 2>&1");
+    ASSERT_EQ(cut.status, 0);
+    const size_t askFirst = static_cast<uint8_t>(ask[0]) | static_cast<uint8_t>(ask[1]) << 8;
+    const size_t fskFirst = static_cast<uint8_t>(fsk[0]) | static_cast<uint8_t>(fsk[1]) << 8;
+    EXPECT_NE(cut.out.find("replay: skipped " + std::to_string(8 + askFirst - 5) +
+                           " bytes before the first whole frame of " + dir + "/ask-cut.bin\n"),
+              std::string::npos)
+        << cut.out.substr(0, 400);
+    EXPECT_NE(cut.out.find("replay: skipped " + std::to_string(8 + fskFirst - 3) +
+                           " bytes before the first whole frame of " + dir + "/fsk-cut.bin\n"),
+              std::string::npos)
+        << cut.out.substr(0, 400);
+    const std::vector<std::string> all = texts(whole.out), fromCut = texts(cut.out);
+    ASSERT_GT(all.size(), 20u);
+    // The first frame of each stream holds no packet (the emulator starts
+    // with the carrier off), so the cut files give every event back.
+    EXPECT_EQ(fromCut, all);
+}
+
 TEST(CliCapture, StatsTellWhatTheSessionHoldsOnSigusr1AndAtTheEnd)
 {
     const std::string dir = Folder("capture-stats");
