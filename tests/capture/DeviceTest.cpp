@@ -239,12 +239,20 @@ TEST_F(DeviceTest, ConnectStartsStreamingAndSendsTheDacValue)
     EXPECT_EQ(emu.device->DacValue(), 1700);
     EXPECT_EQ(c.LastDacSent(), 1700);
     EXPECT_TRUE(emu.device->Streaming());
-    // The pacing thread asks for refreshes, one at a time.
-    std::this_thread::sleep_for(100ms);
+    // The pacing thread asks for refreshes, one at a time: the first comes
+    // (however late a loaded machine runs the thread), no second one while it
+    // is pending, and the next once it is done.
+    auto waitTicks = [&view](int n) {
+        const auto until = std::chrono::steady_clock::now() + 10s;
+        while (view.ticks.load() < n && std::chrono::steady_clock::now() < until)
+            std::this_thread::sleep_for(5ms);
+        return view.ticks.load();
+    };
+    EXPECT_EQ(waitTicks(1), 1);
+    std::this_thread::sleep_for(150ms);  // five pacing periods
     EXPECT_EQ(view.ticks.load(), 1);
     c.TickDone();
-    std::this_thread::sleep_for(100ms);
-    EXPECT_EQ(view.ticks.load(), 2);
+    EXPECT_EQ(waitTicks(2), 2);
     EXPECT_TRUE(c.CheckReplies());  // "$ " and the right build date
     c.Disconnect();
     EXPECT_FALSE(c.Acquiring());
