@@ -1,0 +1,324 @@
+#include "events/ui/QEventWindow.h"
+
+#include "events/ui/UserSeams.h"
+#include "icons/Icons.h"
+#include "services/SettingParams.h"
+
+#include <QFontDatabase>
+#include <QHBoxLayout>
+#include <QHeaderView>
+#include <QIdentityProxyModel>
+#include <QMenu>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QScrollBar>
+#include <QTabBar>
+#include <QTabWidget>
+#include <QTextBlock>
+#include <QTextCursor>
+#include <QTextDocument>
+#include <QTreeView>
+#include <QVBoxLayout>
+
+namespace {
+
+const char* const kIconFiles[][2] = {
+    {"Project", "catalog.ico"},
+    {"event", "event_2_24x24.ico"},
+    {"folder-ansys", "event_2_24x24.ico"},
+    {"group", "multi_windows_24x24.ico"},
+    {"start", "go.ico"},
+    {"stop", "stop_24x24.ico"},
+    {"ept", "warning_24x24.ico"},
+    {"expand", "right.ico"},
+    {"expand_close", "down.ico"},
+    {"info", "info_24x24.ico"},
+};
+
+// The tree as the model holds it, with the icon of each item's kind.
+class IconProxy : public QIdentityProxyModel {
+public:
+    IconProxy(const QEventWindow& window, QStandardItemModel& source, QObject* parent)
+        : QIdentityProxyModel(parent), m_window(window), m_source(source)
+    {
+        setSourceModel(&source);
+    }
+
+    QVariant data(const QModelIndex& index, int role) const override
+    {
+        if (role == Qt::DecorationRole) {
+            const auto* item = static_cast<const QStandardItemEx*>(m_source.itemFromIndex(mapToSource(index)));
+            return item ? QVariant(m_window.IconOf(*item)) : QVariant();
+        }
+        return QIdentityProxyModel::data(index, role);
+    }
+
+private:
+    const QEventWindow& m_window;
+    QStandardItemModel& m_source;
+};
+
+}  // namespace
+
+QEventWindow::QEventWindow(QWidget* parent) : QDialog(parent)
+{
+    for (const auto& entry : kIconFiles)
+        m_icons.insert(QString::fromLatin1(entry[0]), IconAt(QStringLiteral(":/icons/icons/") + entry[1]));
+    BuildForm();
+    m_proxy = new IconProxy(*this, m_model.Model(), this);
+    m_eventView->setModel(m_proxy);
+    m_eventView->expand(m_proxy->index(0, 0));
+    RebuildLogText();
+}
+
+QEventWindow::~QEventWindow()
+{
+    m_eventView->setModel(nullptr);
+}
+
+void QEventWindow::BuildForm()
+{
+    setObjectName(QStringLiteral("QEventWindow"));
+    resize(496, 524);
+    setMinimumSize(10, 10);
+    setWindowTitle(QStringLiteral("Event Window"));
+    auto* layout = new QVBoxLayout(this);
+    layout->setContentsMargins(2, 2, 2, 2);
+    m_tabWidget = new QTabWidget(this);
+    m_tabWidget->setObjectName(QStringLiteral("tabWidget"));
+    layout->addWidget(m_tabWidget);
+
+    const QIcon scroll = IconAt(QStringLiteral(":/icons/icons/scroll.ico"));
+
+    // "Sniffer Events": the tree, with its follow and expand buttons.
+    m_tab = new QWidget();
+    m_tab->setObjectName(QStringLiteral("tab"));
+    auto* treeLayout = new QVBoxLayout(m_tab);
+    treeLayout->setContentsMargins(2, 2, 2, 2);
+    auto* treeButtons = new QHBoxLayout();
+    m_eventScrollButton = new QPushButton(scroll, QStringLiteral("Follow"), m_tab);
+    m_eventScrollButton->setObjectName(QStringLiteral("pushButton_eventScroll"));
+    m_eventScrollButton->setToolTip(QStringLiteral("Keep the newest event in view"));
+    m_eventExpandButton = new QPushButton(m_icons.value(QStringLiteral("expand_close")), QStringLiteral("Expand"), m_tab);
+    m_eventExpandButton->setObjectName(QStringLiteral("pushButton_eventExpand"));
+    m_eventExpandButton->setToolTip(QStringLiteral("Keep every group expanded"));
+    for (QPushButton* b : {m_eventScrollButton, m_eventExpandButton}) {
+        b->setCheckable(true);
+        b->setChecked(true);
+        treeButtons->addWidget(b);
+    }
+    treeButtons->addStretch(1);
+    treeLayout->addLayout(treeButtons);
+    m_eventView = new QTreeView(m_tab);
+    m_eventView->setObjectName(QStringLiteral("eventView"));
+    m_eventView->setHeaderHidden(true);
+    m_eventView->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    m_eventView->setSelectionMode(QAbstractItemView::SingleSelection);
+    m_eventView->setUniformRowHeights(true);
+    treeLayout->addWidget(m_eventView);
+    m_tabWidget->addTab(m_tab, IconAt(QStringLiteral(":/icons/icons/list_log_16x16.ico")),
+                        QStringLiteral("Sniffer Events"));
+
+    // "Log Window": the numbered lines, as the .log file has them.
+    m_tab2 = new QWidget();
+    m_tab2->setObjectName(QStringLiteral("tab_2"));
+    auto* logLayout = new QVBoxLayout(m_tab2);
+    logLayout->setContentsMargins(2, 2, 2, 2);
+    auto* logButtons = new QHBoxLayout();
+    m_logScrollButton = new QPushButton(scroll, QStringLiteral("Follow"), m_tab2);
+    m_logScrollButton->setObjectName(QStringLiteral("pushButton_logScroll"));
+    m_logScrollButton->setToolTip(QStringLiteral("Keep the newest line in view"));
+    m_logScrollButton->setCheckable(true);
+    m_logScrollButton->setChecked(true);
+    logButtons->addWidget(m_logScrollButton);
+    logButtons->addStretch(1);
+    logLayout->addLayout(logButtons);
+    m_plainTextEdit = new QPlainTextEdit(m_tab2);
+    m_plainTextEdit->setObjectName(QStringLiteral("plainTextEdit"));
+    m_plainTextEdit->setLineWrapMode(QPlainTextEdit::NoWrap);
+    m_plainTextEdit->setReadOnly(true);
+    m_plainTextEdit->setUndoRedoEnabled(false);
+    m_plainTextEdit->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
+    m_plainTextEdit->setContextMenuPolicy(Qt::CustomContextMenu);
+    logLayout->addWidget(m_plainTextEdit);
+    m_tabWidget->addTab(m_tab2, QStringLiteral("Log Window"));
+
+    connect(m_logScrollButton, &QPushButton::clicked, this, &QEventWindow::logScroll);
+    connect(m_eventScrollButton, &QPushButton::clicked, this, &QEventWindow::eventScroll);
+    connect(m_eventExpandButton, &QPushButton::clicked, this, &QEventWindow::eventExpand);
+    connect(m_eventView, &QTreeView::clicked, this, &QEventWindow::eventClidked);
+    connect(m_eventView, &QTreeView::doubleClicked, this, &QEventWindow::on_listView_doubleClicked);
+    connect(m_plainTextEdit, &QPlainTextEdit::customContextMenuRequested, this, &QEventWindow::slot_textmenu);
+}
+
+QIcon QEventWindow::IconOf(const QStandardItemEx& item) const
+{
+    switch (item.mode) {
+    case kItemEvent:
+        return m_icons.value(item.info.type == kTypeDeviceStatus ? QStringLiteral("info") : QStringLiteral("event"));
+    case kItemControlError:
+    case kItemDigitalPing:
+    case kItemPhase:
+        return m_icons.value(QStringLiteral("group"));
+    case kItemRoot:
+        return m_icons.value(QStringLiteral("Project"));
+    case kItemStart:
+        return m_icons.value(QStringLiteral("start"));
+    case kItemStop:
+        return m_icons.value(QStringLiteral("stop"));
+    case kItemNotice:
+        return m_icons.value(item.info.type == kTypeContract ? QStringLiteral("info") : QStringLiteral("ept"));
+    }
+    return QIcon();
+}
+
+void QEventWindow::AddEvents(const std::vector<MsgInfoPtr>& events)
+{
+    m_model.AddEvents(events);
+    AfterTreeChange();
+}
+
+void QEventWindow::StartAcquisition(const std::string& text)
+{
+    m_model.StartAcquisition(text);
+    AfterTreeChange();
+}
+
+void QEventWindow::StopAcquisition(const std::string& text)
+{
+    m_model.StopAcquisition(text);
+    AfterTreeChange();
+}
+
+void QEventWindow::ClearAll()
+{
+    m_model.ClearAll();
+    m_eventView->expand(m_proxy->index(0, 0));
+    RebuildLogText();
+}
+
+// What a batch changes on the screen. A tree that isn't shown (the window
+// hidden, or the log tab in front) is neither expanded nor scrolled: that is
+// the costly part, and it catches up with the next batch once shown.
+void QEventWindow::AfterTreeChange()
+{
+    const bool shown = m_eventView->isVisible();
+    if (shown && m_eventExpand && m_model.PhaseGroup())
+        m_eventView->expandAll();
+    if (shown && m_eventScroll) {
+        m_eventView->scrollToBottom();
+        m_eventView->resizeColumnToContents(0);
+    }
+    SyncLogText();
+}
+
+// The log text is the model's lines, each ended by a line feed. Rather than
+// set the whole text again at every batch, the lines the model trimmed from
+// the front are removed and the new ones appended: the text stays exactly the
+// one a rebuild would give (tested), at a cost that does not grow with the
+// line limit.
+void QEventWindow::SyncLogText()
+{
+    const QStringList& lines = m_model.LogLines();
+    const int64_t added = m_model.LinesWritten() - m_shownWritten;
+    const int64_t trimmed = m_shownLines + added - lines.size();
+    if (added < 0 || added > lines.size() || trimmed < 0 || trimmed > m_shownLines) {
+        RebuildLogText();
+        return;
+    }
+    QTextCursor cursor(m_plainTextEdit->document());
+    if (trimmed > 0) {
+        cursor.movePosition(QTextCursor::Start);
+        cursor.movePosition(QTextCursor::NextBlock, QTextCursor::KeepAnchor, static_cast<int>(trimmed));
+        cursor.removeSelectedText();
+    }
+    if (added > 0) {
+        QString text;
+        for (int i = lines.size() - static_cast<int>(added); i < lines.size(); ++i)
+            text += lines[i] + QLatin1Char('\n');
+        cursor.movePosition(QTextCursor::End);
+        cursor.insertText(text);
+    }
+    m_shownWritten = m_model.LinesWritten();
+    m_shownLines = lines.size();
+    if (m_logScroll)
+        m_plainTextEdit->verticalScrollBar()->setValue(m_plainTextEdit->verticalScrollBar()->maximum());
+}
+
+void QEventWindow::RebuildLogText()
+{
+    m_plainTextEdit->setPlainText(m_model.LogText());
+    m_shownWritten = m_model.LinesWritten();
+    m_shownLines = m_model.LogLines().size();
+    ++m_logRebuilds;
+    if (m_logScroll)
+        m_plainTextEdit->verticalScrollBar()->setValue(m_plainTextEdit->verticalScrollBar()->maximum());
+}
+
+bool QEventWindow::HasFocus()
+{
+    const bool focus = hasFocus() || m_tabWidget->hasFocus() || m_tabWidget->tabBar()->hasFocus() ||
+                       m_eventView->hasFocus() || m_plainTextEdit->hasFocus();
+    QFont font = m_tabWidget->tabBar()->font();
+    font.setWeight(focus ? 75 : 50);
+    m_tabWidget->tabBar()->setFont(font);
+    return focus;
+}
+
+void QEventWindow::logScroll()
+{
+    m_logScroll = m_logScrollButton->isChecked();
+}
+
+void QEventWindow::eventScroll()
+{
+    m_eventScroll = m_eventScrollButton->isChecked();
+}
+
+void QEventWindow::eventExpand()
+{
+    m_eventExpand = m_eventExpandButton->isChecked();
+    if (m_eventExpand) {
+        // The tree follows with the next batch.
+        m_eventExpandButton->setIcon(m_icons.value(QStringLiteral("expand_close")));
+    } else {
+        m_eventExpandButton->setIcon(m_icons.value(QStringLiteral("expand")));
+        m_eventView->collapseAll();
+        m_eventView->expand(m_proxy->index(0, 0));
+    }
+}
+
+void QEventWindow::eventClidked(const QModelIndex& index)
+{
+    const QModelIndex source = m_proxy->mapToSource(index);
+    auto* item = static_cast<QStandardItemEx*>(m_model.Model().itemFromIndex(source));
+    if (!item)
+        return;
+    // A "Digital Ping" sub-group selects nothing.
+    if (item->mode >= 0 && item->mode <= 8 && item->mode != kItemDigitalPing)
+        emit EventWindowSelect_Signal(item->info, item->mode);
+}
+
+void QEventWindow::on_listView_doubleClicked(const QModelIndex&)
+{
+}
+
+void QEventWindow::slot_textmenu(const QPoint& at)
+{
+    QMenu* menu = m_plainTextEdit->createStandardContextMenu();
+    QAction* open = menu->addAction(QStringLiteral("Open Saved Dir"));
+    connect(open, &QAction::triggered, this, &QEventWindow::slot_openDir);
+    menu->exec(m_plainTextEdit->mapToGlobal(at));
+    delete menu;
+}
+
+void QEventWindow::slot_openDir(bool)
+{
+    const std::string& path = SettingParams::Instance().logPath;
+    if (path.empty()) {
+        ShowUserMessage(this, MessageKind::Information, QStringLiteral("Information"),
+                        QStringLiteral("Support After Start Capture."));
+        return;
+    }
+    OpenWithDesktop(QUrl::fromLocalFile(QString::fromStdString(path)));
+}

@@ -1,0 +1,88 @@
+// The event window: the session as a tree of phases and groups ("Sniffer
+// Events") and as a flat numbered log ("Log Window"). The event log model does
+// the numbering, the autosave, the phases and the trimming; this dialog shows
+// it and adds what is visual: icons, expanding and following the newest event
+// while shown, the log text, clicks that select an event for the property
+// views, and the log's "Open Saved Dir".
+#pragma once
+
+#include "events/EventLogModel.h"
+
+#include <QDialog>
+#include <QIcon>
+#include <QMap>
+
+class QIdentityProxyModel;
+class QModelIndex;
+class QPlainTextEdit;
+class QPushButton;
+class QTabWidget;
+class QTreeView;
+class QWidget;
+
+class QEventWindow : public QDialog {
+    Q_OBJECT
+public:
+    explicit QEventWindow(QWidget* parent = nullptr);
+    ~QEventWindow() override;
+
+    // The batch of a refresh, in order.
+    void AddEvents(const std::vector<MsgInfoPtr>& events);
+    void StartAcquisition(const std::string& text = std::string());
+    void StopAcquisition(const std::string& text = std::string());
+    void ClearAll();
+    // True when the window, its tabs, the tree or the log has the focus; the
+    // tab bar's text turns bold then, normal otherwise.
+    bool HasFocus();
+
+    EventLogModel& Model() { return m_model; }
+    QTreeView* EventView() const { return m_eventView; }
+    QPlainTextEdit* LogView() const { return m_plainTextEdit; }
+    QTabWidget* Tabs() const { return m_tabWidget; }
+    // The icon a tree item is shown with.
+    QIcon IconOf(const QStandardItemEx& item) const;
+    // The icons by name ("Project", "event", "group", ...).
+    const QMap<QString, QIcon>& Icons() const { return m_icons; }
+    // Rebuilds of the whole log text so far (the rest were appended in place).
+    int LogRebuilds() const { return m_logRebuilds; }
+
+signals:
+    void EventWindowSelect_Signal(MsgInfo& info, StandardItemMode mode);
+
+public slots:
+    void logScroll();
+    void eventScroll();
+    void eventExpand();
+    void eventClidked(const QModelIndex& index);
+    void on_listView_doubleClicked(const QModelIndex& index);
+    void slot_textmenu(const QPoint& at);
+    void slot_openDir(bool checked = false);
+
+private:
+    void BuildForm();
+    void AfterTreeChange();
+    void SyncLogText();
+    void RebuildLogText();
+
+    EventLogModel m_model;
+    QIdentityProxyModel* m_proxy = nullptr;
+    QMap<QString, QIcon> m_icons;
+    bool m_logScroll = true;
+    bool m_eventScroll = true;
+    bool m_eventExpand = true;
+
+    QTabWidget* m_tabWidget = nullptr;
+    QWidget* m_tab = nullptr;
+    QWidget* m_tab2 = nullptr;
+    QTreeView* m_eventView = nullptr;
+    QPushButton* m_eventScrollButton = nullptr;
+    QPushButton* m_eventExpandButton = nullptr;
+    QPushButton* m_logScrollButton = nullptr;
+    QPlainTextEdit* m_plainTextEdit = nullptr;
+
+    // The log text shown: the lines written up to m_shownWritten, of which
+    // m_shownLines are still in the text.
+    int64_t m_shownWritten = 0;
+    int m_shownLines = 0;
+    int m_logRebuilds = 0;
+};

@@ -1,0 +1,32 @@
+// What a window says to the user and opens on the desktop goes through these
+// two seams: a message box with one button, and the desktop's handler for a
+// folder or a web address. Tests install a recorder instead, so every path is
+// checked without a person clicking and without starting a file manager.
+#pragma once
+
+#include <QString>
+#include <QUrl>
+
+#include <functional>
+
+class QWidget;
+
+enum class MessageKind { Information, Warning, Critical };
+
+struct UserMessage {
+    MessageKind kind;
+    QString title;
+    QString text;
+};
+
+// Shows a modal box with one OK button, or hands it to the recorder.
+void ShowUserMessage(QWidget* parent, MessageKind kind, const QString& title, const QString& text);
+// Opens a folder or an address with the desktop's handler (QDesktopServices),
+// or hands it to the recorder. Returns what the desktop answered (true when
+// recorded).
+bool OpenWithDesktop(const QUrl& url);
+
+// Installing a recorder replaces the real action until it is removed (an empty
+// function). For tests only.
+void SetUserMessageRecorder(std::function<void(const UserMessage&)> recorder);
+void SetDesktopRecorder(std::function<void(const QUrl&)> recorder);

@@ -1,0 +1,218 @@
+#include "views/QWindowReal.h"
+
+#include "events/ui/QEventWindow.h"
+#include "services/SettingParams.h"
+#include "views/Properties.h"
+#include "views/QEventInfo.h"
+#include "views/QwtChart.h"
+
+#include <QAction>
+#include <QSplitter>
+#include <QVBoxLayout>
+
+QWindowReal::QWindowReal(QWidget* parent) : QDialog(parent)
+{
+    setObjectName(QStringLiteral("QWindowReal"));
+    auto* layout = new QVBoxLayout(this);
+    layout->setContentsMargins(0, 0, 0, 0);
+    m_eventInfo = new QEventInfo();
+    m_properties = new Properties();
+    m_frequencyChart = new QwtChart(kChartFrequency, static_cast<int>(kHistorySeconds));
+    m_percentChart = new QwtChart(kChartPercent, static_cast<int>(kHistorySeconds));
+    m_eventWindow = new QEventWindow();
+
+    m_top = new QSplitter(Qt::Horizontal, this);
+    m_top->setLineWidth(1);
+    m_top->setAutoFillBackground(true);
+    m_left = new QSplitter(m_top);
+    m_middle = new QSplitter(Qt::Vertical, m_top);
+    m_right = new QSplitter(Qt::Vertical, m_top);
+    for (QSplitter* s : {m_middle, m_right})
+        s->setLineWidth(1);
+    m_left->addWidget(m_eventWindow);
+    m_middle->addWidget(m_frequencyChart);
+    m_middle->addWidget(m_percentChart);
+    m_middle->setStretchFactor(0, 1);
+    m_middle->setStretchFactor(1, 1);
+    m_right->addWidget(m_properties);
+    m_right->addWidget(m_eventInfo);
+    m_right->setStretchFactor(0, 1);
+    m_right->setStretchFactor(1, 1);
+    layout->addWidget(m_top);
+    installEventFilter(this);
+    setAutoFillBackground(true);
+
+    connect(m_eventWindow, &QEventWindow::EventWindowSelect_Signal, this, &QWindowReal::EventWindowSelected);
+}
+
+QWindowReal::~QWindowReal()
+{
+    removeEventFilter(this);
+}
+
+void QWindowReal::ApplyFlags()
+{
+    std::lock_guard<std::mutex> lock(m_viewMutex);
+    m_eventWindow->setVisible(showEvents);
+    m_frequencyChart->setVisible(showFrequency);
+    m_percentChart->setVisible(showPercent);
+    m_properties->setVisible(showProperties);
+    m_eventInfo->setVisible(showInfo);
+}
+
+bool QWindowReal::TakeAction(QAction* action)
+{
+    if (!action)
+        return false;
+    const QString name = action->iconText();
+    bool* flag = nullptr;
+    if (name == QLatin1String("Sniffer Events"))
+        flag = &showEvents;
+    else if (name == QLatin1String("EventInfo"))
+        flag = &showInfo;
+    else if (name == QLatin1String("FrequencyChart"))
+        flag = &showFrequency;
+    else if (name == QLatin1String("PercentageChart"))
+        flag = &showPercent;
+    else if (name == QLatin1String("EventPropertyChart"))
+        flag = &showProperties;
+    if (!flag)
+        return false;
+    *flag = !*flag;
+    ApplyFlags();
+    return true;
+}
+
+void QWindowReal::PushSample(const RealTimeSample& sample)
+{
+    m_pending.insert(m_pending.end(), sample.events.begin(), sample.events.end());
+    const double t = sample.time;
+    while (!m_time.isEmpty() && t - m_time.first() > kHistorySeconds) {
+        m_time.removeFirst();
+        m_firstValue.removeFirst();
+        m_frequency.removeFirst();
+        m_percent.removeFirst();
+        m_controlError.removeFirst();
+        m_packets.removeFirst();
+    }
+    m_time.append(t);
+    m_firstValue.append(sample.firstValue);
+    m_frequency.append(sample.frequencyHz / 1000.0);
+    m_percent.append(sample.percent);
+    m_controlError.append(sample.controlError);
+    m_packets.append(sample.packets);
+}
+
+void QWindowReal::Redraw()
+{
+    if (showInfo) {
+        if (m_time.isEmpty()) {
+            m_eventInfo->SetControlError(0.0);
+            m_eventInfo->SetFrequency(0.0);
+            m_eventInfo->SetPower(0.0);
+        } else {
+            m_eventInfo->SetControlError(m_controlError.last());
+            m_eventInfo->SetFrequency(m_frequency.last());
+            m_eventInfo->SetPackets(m_packets.last());
+            m_eventInfo->SetPower(m_percent.last());
+        }
+    }
+    std::vector<MsgInfoPtr> batch(m_pending.begin(), m_pending.end());
+    m_pending.clear();
+    // A hidden event window is not handed the batch: those events leave the
+    // live view (the session file has them all the same).
+    if (showEvents && !batch.empty())
+        m_eventWindow->AddEvents(batch);
+    if (!m_time.isEmpty()) {
+        QVector<double> axis(m_time.size());
+        const double first = m_time.first();
+        for (int i = 0; i < m_time.size(); ++i)
+            axis[i] = m_time[i] - first;
+        if (showFrequency)
+            m_frequencyChart->SetPoints(axis, m_frequency);
+        if (showPercent)
+            m_percentChart->SetPoints(axis, m_percent);
+    }
+}
+
+void QWindowReal::Clear()
+{
+    m_pending.clear();
+    m_time.clear();
+    m_firstValue.clear();
+    m_frequency.clear();
+    m_percent.clear();
+    m_controlError.clear();
+    m_packets.clear();
+    if (showEvents)
+        m_eventWindow->ClearAll();
+    if (showFrequency)
+        m_frequencyChart->Clear();
+    if (showPercent)
+        m_percentChart->Clear();
+    if (showInfo)
+        m_eventInfo->Clear();
+}
+
+void QWindowReal::NewFrequencyLimits()
+{
+    const SettingParams& s = SettingParams::Instance();
+    if (showFrequency)
+        m_frequencyChart->SetYRange(s.m_min_freq / 1000, s.m_max_freq / 1000);
+    if (showInfo)
+        m_eventInfo->SetLimits(s.m_min_freq, s.m_max_freq);
+}
+
+void QWindowReal::StartMark()
+{
+    if (showEvents)
+        m_eventWindow->StartAcquisition(std::string());
+}
+
+void QWindowReal::EndMark()
+{
+    if (showEvents)
+        m_eventWindow->StopAcquisition(std::string());
+}
+
+QWidget* QWindowReal::FocusedView()
+{
+    if (showEvents && m_eventWindow->HasFocus())
+        return m_eventWindow;
+    if (showInfo && m_eventInfo->FocusTest())
+        return m_eventInfo;
+    if (showProperties && m_properties->FocusTest())
+        return m_properties;
+    for (QwtChart* chart : {m_frequencyChart, m_percentChart}) {
+        const bool shown = chart == m_frequencyChart ? showFrequency : showPercent;
+        if (!shown)
+            continue;
+        bool focus = chart->hasFocus();
+        for (QWidget* w : chart->findChildren<QWidget*>())
+            focus = focus || w->hasFocus();
+        if (focus)
+            return chart;
+    }
+    return nullptr;
+}
+
+void QWindowReal::EventWindowSelected(MsgInfo& info, StandardItemMode mode)
+{
+    // Nothing but the property tree follows a selection; hidden, it drops it.
+    if (showProperties)
+        m_properties->Fill(info, mode);
+}
+
+bool QWindowReal::eventFilter(QObject* watched, QEvent* event)
+{
+    // The focus tests make the gauges' and the event window's tab titles bold.
+    // A show or hide in progress holds the mutex: then the test is skipped.
+    std::unique_lock<std::mutex> lock(m_viewMutex, std::try_to_lock);
+    if (lock.owns_lock()) {
+        if (showEvents)
+            m_eventWindow->HasFocus();
+        if (showInfo)
+            m_eventInfo->FocusTest();
+    }
+    return QDialog::eventFilter(watched, event);
+}

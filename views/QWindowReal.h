@@ -1,0 +1,97 @@
+// The real-time dock: the five live views (event tree and log, frequency
+// chart, percent chart, property tree, gauges) in nested splitters, the
+// twenty-second history that the charts and gauges draw from, which views are
+// shown, and the route of a selected event to the property tree. The refresh
+// pushes a sample and asks for a redraw; only shown views are handed data.
+#pragma once
+
+#include "events/EventLogModel.h"
+
+#include <QDialog>
+#include <QList>
+#include <QVector>
+
+#include <list>
+#include <mutex>
+
+class QAction;
+class QEventInfo;
+class QEventWindow;
+class QSplitter;
+class Properties;
+class QwtChart;
+
+// What the refresh pushes once per cycle.
+struct RealTimeSample {
+    std::vector<MsgInfoPtr> events;
+    double firstValue = 0.0;
+    double frequencyHz = 0.0;
+    double percent = 0.0;
+    double controlError = 0.0;
+    float time = 0.0f;       // seconds
+    int64_t packets = 0;     // errors in the high 32 bits, total in the low 32
+};
+
+class QWindowReal : public QDialog {
+    Q_OBJECT
+public:
+    // The charts and the gauges keep this many seconds.
+    static constexpr double kHistorySeconds = 20.0;
+
+    explicit QWindowReal(QWidget* parent = nullptr);
+    ~QWindowReal() override;
+
+    void PushSample(const RealTimeSample& sample);
+    void Redraw();
+    void Clear();
+    // Flips the show flag of the view the action names by its icon text
+    // ("Sniffer Events", "EventInfo", "FrequencyChart", "PercentageChart",
+    // "EventPropertyChart") and applies the flags; false for any other action.
+    bool TakeAction(QAction* action);
+    // The frequency range of the settings, after the configuration was saved.
+    void NewFrequencyLimits();
+    void StartMark();
+    void EndMark();
+    // The first shown view with the keyboard focus, in the order event window,
+    // gauges, properties, frequency chart, percent chart; null if none.
+    QWidget* FocusedView();
+
+    QEventWindow* EventWindow() const { return m_eventWindow; }
+    QEventInfo* EventInfo() const { return m_eventInfo; }
+    Properties* PropertyView() const { return m_properties; }
+    QwtChart* FrequencyChart() const { return m_frequencyChart; }
+    QwtChart* PercentChart() const { return m_percentChart; }
+    const QVector<double>& TimeAxis() const { return m_time; }
+    const QVector<double>& FrequencyHistory() const { return m_frequency; }
+    const QVector<double>& PercentHistory() const { return m_percent; }
+    size_t PendingEvents() const { return m_pending.size(); }
+
+    bool showInfo = true, showProperties = true, showFrequency = true, showPercent = true, showEvents = true;
+
+public slots:
+    void EventWindowSelected(MsgInfo& info, StandardItemMode mode);
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
+private:
+    void ApplyFlags();
+
+    QEventInfo* m_eventInfo = nullptr;
+    Properties* m_properties = nullptr;
+    QwtChart* m_frequencyChart = nullptr;
+    QwtChart* m_percentChart = nullptr;
+    QEventWindow* m_eventWindow = nullptr;
+    std::list<MsgInfoPtr> m_pending;
+    QVector<double> m_time;
+    QVector<double> m_frequency;
+    QList<double> m_firstValue;  // kept in step with the others; shown nowhere
+    QVector<double> m_percent;
+    QList<double> m_controlError;
+    QList<int64_t> m_packets;
+    QSplitter* m_top = nullptr;
+    QSplitter* m_left = nullptr;
+    QSplitter* m_middle = nullptr;
+    QSplitter* m_right = nullptr;
+    std::mutex m_viewMutex;
+};

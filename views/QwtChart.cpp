@@ -1,0 +1,234 @@
+#include "views/QwtChart.h"
+
+#include "services/SettingParams.h"
+
+#include <QGridLayout>
+#include <QGuiApplication>
+#include <QOffscreenSurface>
+#include <QOpenGLContext>
+#include <QtCharts/QChart>
+#include <QtCharts/QChartView>
+#include <QtCharts/QSplineSeries>
+#include <QtCharts/QValueAxis>
+
+#include <cmath>
+
+using namespace QtCharts;
+
+namespace {
+
+struct KindRow {
+    const char* seriesName;
+    const char* title;  // null: no title
+    int yLow, yHigh;
+    bool xFromSpan;     // x range 0 .. x span (else the default axis)
+    const char* xTitle;
+};
+
+// The kinds 0 to 8; kind 1 takes its y range from the settings, kind 7 its x
+// range 0 .. 3.
+const KindRow kKinds[] = {
+    {"Duty (%)", "Duty Chart", 0, 100, true, nullptr},
+    {"Frequency (KHz)", "Frequecny (KHz)", 0, 0, true, nullptr},
+    {"Percentage (%)", "percent (%)", 0, 200, true, nullptr},
+    {"Wave", "Wave", 0, 1, false, "Time(sec)"},
+    {"DrawWare", "DrawWare", 0, 5000, false, "Time(sec)"},
+    {"2K", nullptr, 0, 4000, true, nullptr},
+    {"FSK (KHz)", nullptr, 100, 10000, true, nullptr},
+    {"Percent", nullptr, 0, 10, false, nullptr},
+    {"DrawWare", "DrawWare", 0, 6000, true, nullptr},
+};
+
+bool Finite(double v)
+{
+    return std::isfinite(v);
+}
+
+}  // namespace
+
+bool QwtChart::OpenGLAvailable()
+{
+    // The series draw through OpenGL where a context can be made. The
+    // offscreen platform (tests) and an X server without GLX have none: there
+    // the plain raster drawing of Qt Charts is taken instead.
+    static const bool available = [] {
+        const QString platform = QGuiApplication::platformName();
+        if (platform == QLatin1String("offscreen") || platform == QLatin1String("minimal"))
+            return false;
+        QOpenGLContext context;
+        if (!context.create())
+            return false;
+        QOffscreenSurface surface;
+        surface.setFormat(context.format());
+        surface.create();
+        if (!surface.isValid() || !context.makeCurrent(&surface))
+            return false;
+        context.doneCurrent();
+        return true;
+    }();
+    return available;
+}
+
+QwtChart::QwtChart(int kind, int xSpan, QWidget* parent) : QWidget(parent), m_kind(kind), m_xSpan(xSpan)
+{
+    setWindowTitle(QStringLiteral("Form"));
+    auto* layout = new QGridLayout(this);
+    layout->setContentsMargins(0, 0, 0, 0);
+    m_chartView = new QChartView(this);
+    layout->addWidget(m_chartView, 0, 0);
+
+    m_chart = new QChart();
+    m_chart->legend()->hide();
+    m_series = new QSplineSeries();
+    m_series2 = new QSplineSeries();
+    // Starter points, so that the default axes have something to go by.
+    for (QSplineSeries* s : {m_series, m_series2}) {
+        *s << QPointF(0, 0) << QPointF(1, 1) << QPointF(2, 0) << QPointF(3, 1) << QPointF(4, 0) << QPointF(5, 1);
+        s->setUseOpenGL(OpenGLAvailable());
+        m_chart->addSeries(s);
+    }
+    m_chart->createDefaultAxes();
+    m_series->removePoints(0, 6);
+    m_series2->removePoints(0, 6);
+
+    m_chartView->setChart(m_chart);
+    m_chartView->setRenderHint(QPainter::Antialiasing);
+    m_chartView->setRubberBand(QChartView::NoRubberBand);
+    ApplyKind();
+    m_chart->setAnimationOptions(QChart::NoAnimation);
+}
+
+QwtChart::~QwtChart() = default;
+
+QValueAxis* QwtChart::AxisX() const
+{
+    const auto axes = m_chart->axes(Qt::Horizontal);
+    return axes.isEmpty() ? nullptr : qobject_cast<QValueAxis*>(axes.first());
+}
+
+QValueAxis* QwtChart::AxisY() const
+{
+    const auto axes = m_chart->axes(Qt::Vertical);
+    return axes.isEmpty() ? nullptr : qobject_cast<QValueAxis*>(axes.first());
+}
+
+void QwtChart::ApplyKind()
+{
+    if (m_kind < 0 || m_kind > 8)
+        return;  // an unknown kind keeps the default axes
+    const KindRow& row = kKinds[m_kind];
+    m_seriesName = QString::fromLatin1(row.seriesName);
+    m_series->setName(m_seriesName);
+    if (row.title)
+        m_chart->setTitle(QString::fromLatin1(row.title));
+    QValueAxis* x = AxisX();
+    QValueAxis* y = AxisY();
+    if (!x || !y)
+        return;
+    if (m_kind == kChartFrequency) {
+        const SettingParams& s = SettingParams::Instance();
+        y->setRange(s.m_min_freq / 1000, s.m_max_freq / 1000);
+    } else {
+        y->setRange(row.yLow, row.yHigh);
+    }
+    if (row.xFromSpan)
+        x->setRange(0, m_xSpan);
+    if (row.xTitle)
+        x->setTitleText(QString::fromLatin1(row.xTitle));
+    if (m_kind == kChartPower) {
+        x->setRange(0, 3);
+        y->setTitleText(QStringLiteral("W"));
+        QFont font = y->titleFont();
+        font.setPointSizeF(font.pointSizeF() * 1.5);
+        y->setTitleFont(font);
+    }
+}
+
+void QwtChart::Clear()
+{
+    m_series->clear();
+    m_series2->clear();
+}
+
+void QwtChart::SetPoints(const QVector<double>& x, const QVector<double>& y)
+{
+    if (x.isEmpty() || !isVisible())
+        return;
+    QVector<QPointF> points;
+    const int n = std::min(x.size(), y.size());
+    points.reserve(n);
+    for (int i = 0; i < n; ++i)
+        if (Finite(x[i]) && Finite(y[i]))
+            points.append(QPointF(x[i], y[i]));
+    m_series->replace(points);
+    ++m_replacements;
+}
+
+void QwtChart::SetPointsByIndex(const QVector<double>& y)
+{
+    if (y.isEmpty() || !isVisible())
+        return;
+    QVector<QPointF> points;
+    points.reserve(y.size());
+    for (int i = 0; i < y.size(); ++i)
+        if (Finite(y[i]))
+            points.append(QPointF(i, y[i]));
+    m_series->replace(points);
+    ++m_replacements;
+}
+
+void QwtChart::AppendRoll(const QVector<double>& samples)
+{
+    if (samples.isEmpty() || !isVisible())
+        return;
+    QVector<QPointF> points = m_series->pointsVector();
+    for (double v : samples)
+        if (Finite(v))
+            points.append(QPointF(0, v));
+    if (points.size() > m_xSpan && m_xSpan >= 0)
+        points.remove(0, points.size() - m_xSpan);
+    for (int i = 0; i < points.size(); ++i)
+        points[i].setX(i);
+    m_series->replace(points);
+    ++m_replacements;
+}
+
+void QwtChart::AppendPower(const QList<QPointF>& points)
+{
+    if (points.isEmpty())
+        return;
+    if (points.size() >= 101) {
+        // Taken off the chart while it grows: one redraw, not one per point.
+        QList<QAbstractAxis*> axes = m_series->attachedAxes();
+        m_chart->removeSeries(m_series);
+        m_series->append(points);
+        m_chart->addSeries(m_series);
+        for (QAbstractAxis* axis : axes)
+            m_series->attachAxis(axis);
+    } else {
+        m_series->append(points);
+    }
+    const float count = static_cast<float>(m_series->count());
+    SetXRange(0, static_cast<int>(count * 1.1f + 1.0f));
+}
+
+void QwtChart::SetXRange(int low, int high)
+{
+    if (QValueAxis* x = AxisX())
+        x->setRange(low, high);
+}
+
+void QwtChart::SetYRange(int low, int high)
+{
+    m_yBottom = low;
+    m_yTop = high;
+    if (QValueAxis* y = AxisY())
+        y->setRange(low, high);
+}
+
+void QwtChart::SetYRangeLazy(int low, int high)
+{
+    if (!(m_yTop == 0 && m_yBottom == 0) && std::abs(low - m_yBottom) < 101 && std::abs(high - m_yTop) < 101)
+        return;
+    SetYRange(low, high);
+}

@@ -1,0 +1,89 @@
+// The one chart widget: a Qt Charts view told at construction which kind of
+// chart it is; the kind sets the series name, the title, the axes and their
+// ranges. The refresh hands it whole series, which replace the old in one
+// call; a hidden chart takes nothing.
+#pragma once
+
+#include <QList>
+#include <QPointF>
+#include <QString>
+#include <QVector>
+#include <QWidget>
+
+#include <cstdint>
+
+namespace QtCharts {
+class QChart;
+class QChartView;
+class QSplineSeries;
+class QValueAxis;
+}  // namespace QtCharts
+
+enum ChartKind : int32_t {
+    kChartDuty = 0,
+    kChartFrequency = 1,
+    kChartPercent = 2,
+    kChartWave = 3,
+    kChartDrawWave = 4,
+    kChartAsk = 5,
+    kChartFsk = 6,
+    kChartPower = 7,
+    kChartDrawWave8 = 8,
+};
+
+class QwtChart : public QWidget {
+    Q_OBJECT
+public:
+    QwtChart(int kind, int xSpan, QWidget* parent = nullptr);
+    ~QwtChart() override;
+
+    // Removes every point of both series.
+    void Clear();
+    // Replaces the series with the pairs (x[i], y[i]); nothing when x is empty
+    // or the chart isn't shown. Pairs that are not finite numbers are left out.
+    void SetPoints(const QVector<double>& x, const QVector<double>& y);
+    // Replaces the series with the pairs (i, y[i]); same rules.
+    void SetPointsByIndex(const QVector<double>& y);
+    // Free-running view: appends the samples, keeps the newest x span of them,
+    // numbered from 0.
+    void AppendRoll(const QVector<double>& samples);
+    // The power monitor's queued points: appended, and the x range follows the
+    // series' length.
+    void AppendPower(const QList<QPointF>& points);
+    void SetXRange(int low, int high);
+    void SetYRange(int low, int high);
+    // Takes a new range only when one end moves by 101 or more (or no range
+    // was set yet): the FSK panel's centre moves all the time.
+    void SetYRangeLazy(int low, int high);
+
+    // Whether the series draw through OpenGL here.
+    static bool OpenGLAvailable();
+
+    int Kind() const { return m_kind; }
+    int XSpan() const { return m_xSpan; }
+    int YTop() const { return m_yTop; }
+    int YBottom() const { return m_yBottom; }
+    const QString& SeriesName() const { return m_seriesName; }
+    QtCharts::QChart* Chart() const { return m_chart; }
+    QtCharts::QChartView* ChartView() const { return m_chartView; }
+    QtCharts::QSplineSeries* Series() const { return m_series; }
+    QtCharts::QSplineSeries* SecondSeries() const { return m_series2; }
+    QtCharts::QValueAxis* AxisX() const;
+    QtCharts::QValueAxis* AxisY() const;
+    // Replacements of the series so far (one per redraw that drew).
+    int Replacements() const { return m_replacements; }
+
+private:
+    void ApplyKind();
+
+    QtCharts::QChartView* m_chartView = nullptr;
+    QtCharts::QChart* m_chart = nullptr;
+    QtCharts::QSplineSeries* m_series = nullptr;
+    QtCharts::QSplineSeries* m_series2 = nullptr;
+    int32_t m_yTop = 0;
+    int32_t m_yBottom = 0;
+    QString m_seriesName;
+    int32_t m_kind = 0;
+    int32_t m_xSpan = 0;
+    int m_replacements = 0;
+};
