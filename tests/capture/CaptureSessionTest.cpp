@@ -213,9 +213,13 @@ TEST(CaptureSession, OneCycleOfTheScriptLiveThenPlayedBack)
     const std::set<std::string> marked = PhasesOpenedBy(liveEvents);
     for (const std::string& t : marked)
         EXPECT_TRUE(titles.count(t)) << t;
-    // Pings, negotiation and power transfer are told by many packets and by
-    // the transmitter's answers: one cycle always opens them.
-    for (const char* t : {"Power Ping Phase", "Negotiation Phase", "Power Transfer Phase"})
+    // Pings and negotiation are told by the transmitter too (digital pings,
+    // answers), whose packets all come back: one cycle always opens them.
+    // Power transfer is not certain: when the last Received Power of
+    // calibration ("Mode 2") is not heard, calibration never ends, and every
+    // Control Error after it stays in the calibration group (seen in one of
+    // six loaded runs).
+    for (const char* t : {"Power Ping Phase", "Negotiation Phase"})
         EXPECT_TRUE(marked.count(t)) << t;
     ASSERT_GT(live.size(), 300u);
     std::string opened;
