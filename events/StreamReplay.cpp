@@ -88,7 +88,7 @@ void StreamReplay::Run(const std::function<void(std::vector<MsgInfoPtr>&)>& batc
         if (nowMs >= nextRefresh) {
             std::vector<MsgInfoPtr> events;
             m_manager.GetEvents(events);
-            if (!events.empty() && batch)
+            if ((!events.empty() || everyRefresh) && batch)
                 batch(events);
             if (progress)
                 progress(nowMs / total);

@@ -29,6 +29,10 @@ public:
 
     CDataManager& Manager() { return m_manager; }
 
+    // With this set, `batch` is called at every refresh, with an empty batch
+    // when no event was released (the live refresh runs at that pace too).
+    bool everyRefresh = false;
+
     // Bytes before the first whole frame of each stream, the header aside.
     size_t SkippedAsk() const { return m_askSkipped; }
     size_t SkippedFsk() const { return m_fskSkipped; }

@@ -20,6 +20,8 @@
 #include <QTreeView>
 #include <QVBoxLayout>
 
+#include <algorithm>
+
 namespace {
 
 const char* const kIconFiles[][2] = {
@@ -115,6 +117,11 @@ void QEventWindow::BuildForm()
     m_eventView->setEditTriggers(QAbstractItemView::NoEditTriggers);
     m_eventView->setSelectionMode(QAbstractItemView::SingleSelection);
     m_eventView->setUniformRowHeights(true);
+    // Fitting the column to its contents measures the rows in view only: the
+    // tree follows the newest event when it fits the column at all, so those
+    // are the rows the user sees, and measuring a thousand more at every batch
+    // cost tens of milliseconds in a long session.
+    m_eventView->header()->setResizeContentsPrecision(0);
     treeLayout->addWidget(m_eventView);
     m_tabWidget->addTab(m_tab, IconAt(QStringLiteral(":/icons/icons/list_log_16x16.ico")),
                         QStringLiteral("Sniffer Events"));
@@ -148,6 +155,7 @@ void QEventWindow::BuildForm()
     connect(m_eventExpandButton, &QPushButton::clicked, this, &QEventWindow::eventExpand);
     connect(m_eventView, &QTreeView::clicked, this, &QEventWindow::eventClidked);
     connect(m_eventView, &QTreeView::doubleClicked, this, &QEventWindow::on_listView_doubleClicked);
+    connect(m_eventView, &QTreeView::collapsed, this, [this] { m_expandedAll = false; });
     connect(m_plainTextEdit, &QPlainTextEdit::customContextMenuRequested, this, &QEventWindow::slot_textmenu);
 }
 
@@ -174,25 +182,29 @@ QIcon QEventWindow::IconOf(const QStandardItemEx& item) const
 
 void QEventWindow::AddEvents(const std::vector<MsgInfoPtr>& events)
 {
+    const int rootRows = m_model.Root()->rowCount();
     m_model.AddEvents(events);
-    AfterTreeChange();
+    AfterTreeChange(rootRows);
 }
 
 void QEventWindow::StartAcquisition(const std::string& text)
 {
+    const int rootRows = m_model.Root()->rowCount();
     m_model.StartAcquisition(text);
-    AfterTreeChange();
+    AfterTreeChange(rootRows);
 }
 
 void QEventWindow::StopAcquisition(const std::string& text)
 {
+    const int rootRows = m_model.Root()->rowCount();
     m_model.StopAcquisition(text);
-    AfterTreeChange();
+    AfterTreeChange(rootRows);
 }
 
 void QEventWindow::ClearAll()
 {
     m_model.ClearAll();
+    m_expandedAll = false;
     m_eventView->expand(m_proxy->index(0, 0));
     RebuildLogText();
 }
@@ -200,16 +212,51 @@ void QEventWindow::ClearAll()
 // What a batch changes on the screen. A tree that isn't shown (the window
 // hidden, or the log tab in front) is neither expanded nor scrolled: that is
 // the costly part, and it catches up with the next batch once shown.
-void QEventWindow::AfterTreeChange()
+void QEventWindow::AfterTreeChange(int rootRowsBefore)
 {
     const bool shown = m_eventView->isVisible();
     if (shown && m_eventExpand && m_model.PhaseGroup())
-        m_eventView->expandAll();
+        ExpandAll(rootRowsBefore);
+    else
+        m_expandedAll = false;
     if (shown && m_eventScroll) {
         m_eventView->scrollToBottom();
         m_eventView->resizeColumnToContents(0);
     }
     SyncLogText();
+}
+
+// Every item expanded, as QTreeView::expandAll leaves the tree. expandAll lays
+// the whole tree out again, which grows with the session. Once the tree is all
+// expanded, only what a batch added can be collapsed: the items under the
+// root's rows from the last one before the batch on (a phase group takes
+// children only while it is the last row of the root; closed groups keep
+// theirs). So those are expanded, and the whole tree only when something may
+// be collapsed elsewhere: the first time, after the tree was hidden or not
+// expanded at a batch, after Clear, and after the user collapsed an item.
+void QEventWindow::ExpandAll(int rootRowsBefore)
+{
+    if (!m_expandedAll) {
+        m_eventView->expandAll();
+        m_expandedAll = true;
+        return;
+    }
+    auto expand = [this](QStandardItem* item) {
+        const QModelIndex i = m_proxy->mapFromSource(item->index());
+        if (!m_eventView->isExpanded(i))
+            m_eventView->expand(i);
+    };
+    QStandardItemEx* root = m_model.Root();
+    expand(root);
+    for (int r = std::max(0, rootRowsBefore - 1); r < root->rowCount(); ++r) {
+        QStandardItem* group = root->child(r);
+        if (!group->hasChildren())
+            continue;
+        expand(group);
+        for (int k = 0; k < group->rowCount(); ++k)
+            if (group->child(k)->hasChildren())
+                expand(group->child(k));
+    }
 }
 
 // The log text is the model's lines, each ended by a line feed. Rather than

@@ -60,7 +60,9 @@ public slots:
 
 private:
     void BuildForm();
-    void AfterTreeChange();
+    // What a change of the tree shows; the root had rootRowsBefore rows before.
+    void AfterTreeChange(int rootRowsBefore);
+    void ExpandAll(int rootRowsBefore);
     void SyncLogText();
     void RebuildLogText();
 
@@ -70,6 +72,8 @@ private:
     bool m_logScroll = true;
     bool m_eventScroll = true;
     bool m_eventExpand = true;
+    // Every item of the tree is expanded (nothing collapsed it since).
+    bool m_expandedAll = false;
 
     QTabWidget* m_tabWidget = nullptr;
     QWidget* m_tab = nullptr;

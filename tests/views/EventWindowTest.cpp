@@ -378,3 +378,38 @@ TEST_F(EventWindowTest, EventsWithEmptyOrUnknownFieldsAreShownNotFatal)
     EXPECT_EQ(w.Model().NextEventNumber(), 5);
     EXPECT_EQ(w.LogView()->toPlainText(), w.Model().LogText());
 }
+
+TEST_F(EventWindowTest, FollowingTreeIsExpandedAsExpandAllLeavesIt)
+{
+    // The tree expands only what a batch added once it is all expanded: the
+    // picture must stay the one expandAll gives, also after the user collapsed
+    // an older group by hand and after phases changed.
+    QEventWindow w;
+    w.show();
+    w.StartAcquisition();
+    QTreeView* tree = w.EventView();
+    QAbstractItemModel* m = tree->model();
+    std::function<int(const QModelIndex&)> collapsed = [&](const QModelIndex& parent) {
+        int n = 0;
+        for (int r = 0; r < m->rowCount(parent); ++r) {
+            const QModelIndex i = m->index(r, 0, parent);
+            if (m->hasChildren(i))
+                n += (tree->isExpanded(i) ? 0 : 1) + collapsed(i);
+        }
+        return n;
+    };
+    for (int k = 0; k < 12; ++k) {
+        w.AddEvents(Batch(k % 5 + 1));
+        w.AddEvents({MakeEvent(253, 1, "Digital Ping 64ms"), MakeEvent(7, 2, "Request", "07 30 37 "),
+                     MakeEvent(48, 1, "Power Transmitter Identification")});
+        ASSERT_EQ(collapsed(QModelIndex()), 0) << k;
+    }
+    const QModelIndex root = m->index(0, 0);
+    const QModelIndex oldGroup = m->index(2, 0, root);
+    ASSERT_TRUE(m->hasChildren(oldGroup));
+    tree->collapse(oldGroup);
+    EXPECT_EQ(collapsed(QModelIndex()), 1);
+    w.AddEvents(Batch(2));
+    EXPECT_EQ(collapsed(QModelIndex()), 0);
+    EXPECT_TRUE(tree->isExpanded(oldGroup));
+}

@@ -1,0 +1,46 @@
+// A live-like session for the views: the emulator's script synthesized into
+// its two streams and played through the chains and the data manager, with one
+// refresh per 30 ms of capture time, each turned into the sample that the
+// refresh cycle pushes into the dock.
+#pragma once
+
+#include "events/StreamReplay.h"
+#include "services/SettingParams.h"
+#include "sim/SessionScript.h"
+#include "sim/StreamSynth.h"
+#include "views/QWindowReal.h"
+
+#include <functional>
+
+inline void ReplaySessionIntoSamples(double seconds, uint32_t seed,
+                                     const std::function<void(RealTimeSample&)>& refresh)
+{
+    coilsim::SynthOptions o;
+    o.seed = seed;
+    coilsim::StreamSynth synth(coilsim::SessionScript::Default(seed), o);
+    std::vector<uint8_t> ask, fsk, a, f;
+    while (synth.StreamUs() < static_cast<uint64_t>(seconds * 1e6)) {
+        synth.NextFrames(a, f);
+        ask.insert(ask.end(), a.begin(), a.end());
+        fsk.insert(fsk.end(), f.begin(), f.end());
+    }
+    SettingParams settings;
+    settings.m_min_freq = 110000;
+    settings.m_max_freq = 210000;
+    StreamReplay replay(std::move(ask), std::move(fsk), &settings);
+    replay.everyRefresh = true;
+    double t = 0.0;
+    replay.Run([&](std::vector<MsgInfoPtr>& events) {
+        CDataManager& m = replay.Manager();
+        RealTimeSample s;
+        s.events = events;
+        s.firstValue = m.FirstHistoryValue();
+        s.frequencyHz = m.CarrierFrequency();
+        s.percent = m.ReceivedPowerPercent();
+        s.controlError = m.ControlErrorValue();
+        s.packets = static_cast<int64_t>(m.FilterCounters());
+        s.time = static_cast<float>(t);
+        t += 0.03;
+        refresh(s);
+    });
+}

@@ -1,0 +1,171 @@
+// The chart widget: its nine kinds, series replaced in one call, the rolling
+// and the power appends, the lazy range, and what a hidden chart is given.
+#include "services/SettingParams.h"
+#include "views/QwtChart.h"
+
+#include <gtest/gtest.h>
+
+#include <QtCharts/QChart>
+#include <QtCharts/QSplineSeries>
+#include <QtCharts/QValueAxis>
+
+#include <cmath>
+#include <limits>
+
+using namespace QtCharts;
+
+TEST(Chart, KindsSetNamesTitlesAndRanges)
+{
+    SettingParams::Instance().m_min_freq = 110000;
+    SettingParams::Instance().m_max_freq = 205500;
+    struct Row {
+        int kind;
+        const char* name;
+        const char* title;
+        double yLow, yHigh;
+        double xLow, xHigh;
+    };
+    const Row rows[] = {
+        {0, "Duty (%)", "Duty Chart", 0, 100, 0, 20},
+        {1, "Frequency (KHz)", "Frequecny (KHz)", 110, 205, 0, 20},
+        {2, "Percentage (%)", "percent (%)", 0, 200, 0, 20},
+        {5, "2K", "", 0, 4000, 0, 500},
+        {6, "FSK (KHz)", "", 100, 10000, 0, 500},
+        {7, "Percent", "", 0, 10, 0, 3},
+        {8, "DrawWare", "DrawWare", 0, 6000, 0, 20},
+    };
+    for (const Row& r : rows) {
+        const int span = r.kind == 5 || r.kind == 6 ? 500 : r.kind == 7 ? 256 : 20;
+        QwtChart c(r.kind, span);
+        EXPECT_EQ(c.SeriesName(), r.name) << r.kind;
+        EXPECT_EQ(c.Chart()->title(), r.title) << r.kind;
+        ASSERT_TRUE(c.AxisY() && c.AxisX()) << r.kind;
+        EXPECT_EQ(c.AxisY()->min(), r.yLow) << r.kind;
+        EXPECT_EQ(c.AxisY()->max(), r.yHigh) << r.kind;
+        EXPECT_EQ(c.AxisX()->min(), r.xLow) << r.kind;
+        EXPECT_EQ(c.AxisX()->max(), r.xHigh) << r.kind;
+        EXPECT_FALSE(c.Chart()->legend()->isVisible()) << r.kind;
+        EXPECT_EQ(c.Chart()->animationOptions(), QChart::NoAnimation) << r.kind;
+        EXPECT_EQ(c.Series()->count(), 0) << r.kind;
+        EXPECT_EQ(c.SecondSeries()->count(), 0) << r.kind;
+    }
+    for (int kind : {3, 4}) {
+        QwtChart c(kind, 20);
+        EXPECT_EQ(c.AxisX()->titleText(), "Time(sec)") << kind;
+        EXPECT_EQ(c.AxisY()->max(), kind == 3 ? 1 : 5000) << kind;
+    }
+    QwtChart power(7, 256);
+    EXPECT_EQ(power.AxisY()->titleText(), "W");
+    QwtChart plain(1, 20);
+    EXPECT_DOUBLE_EQ(power.AxisY()->titleFont().pointSizeF(), plain.AxisY()->titleFont().pointSizeF() * 1.5);
+}
+
+TEST(Chart, OffscreenDrawsWithoutOpenGL)
+{
+    // No GL context on the offscreen platform: the plain drawing is taken.
+    EXPECT_FALSE(QwtChart::OpenGLAvailable());
+    QwtChart c(1, 20);
+    EXPECT_FALSE(c.Series()->useOpenGL());
+}
+
+TEST(Chart, HiddenChartReceivesNothingAndShowsTheNewestWhenShown)
+{
+    QwtChart c(2, 20);
+    const QVector<double> x{0, 1, 2}, y{10, 20, 30};
+    c.SetPoints(x, y);
+    EXPECT_EQ(c.Series()->count(), 0);
+    EXPECT_EQ(c.Replacements(), 0);
+    c.show();
+    c.SetPoints(x, y);
+    ASSERT_EQ(c.Series()->count(), 3);
+    EXPECT_EQ(c.Series()->at(2), QPointF(2, 30));
+    EXPECT_EQ(c.Replacements(), 1);
+}
+
+TEST(Chart, RollKeepsTheLastSpanNumberedFromZero)
+{
+    QwtChart c(5, 500);
+    c.show();
+    QVector<double> samples;
+    for (int i = 0; i < 600; ++i)
+        samples.append(1000 + i);
+    c.AppendRoll(samples);
+    ASSERT_EQ(c.Series()->count(), 500);
+    EXPECT_EQ(c.Series()->at(0), QPointF(0, 1100));
+    EXPECT_EQ(c.Series()->at(499), QPointF(499, 1599));
+    c.AppendRoll({7, 8});
+    ASSERT_EQ(c.Series()->count(), 500);
+    EXPECT_EQ(c.Series()->at(0), QPointF(0, 1102));
+    EXPECT_EQ(c.Series()->at(499), QPointF(499, 8));
+    c.AppendRoll({});
+    EXPECT_EQ(c.Replacements(), 2);
+}
+
+TEST(Chart, LazyRangeKeepsWithin100AndMovesAt101)
+{
+    QwtChart c(6, 500);
+    c.SetYRangeLazy(1000, 1300);  // nothing stored yet: taken at once
+    EXPECT_EQ(c.YBottom(), 1000);
+    EXPECT_EQ(c.YTop(), 1300);
+    c.SetYRangeLazy(1100, 1200);
+    EXPECT_EQ(c.YBottom(), 1000);
+    EXPECT_EQ(c.YTop(), 1300);
+    c.SetYRangeLazy(900, 1400);
+    EXPECT_EQ(c.YBottom(), 1000);
+    c.SetYRangeLazy(1101, 1300);
+    EXPECT_EQ(c.YBottom(), 1101);
+    EXPECT_EQ(c.AxisY()->min(), 1101);
+    c.SetYRangeLazy(1101, 1199);
+    EXPECT_EQ(c.YTop(), 1199);
+    EXPECT_EQ(c.AxisY()->max(), 1199);
+}
+
+TEST(Chart, PowerAppendGrowsTheSeriesAndTheXRange)
+{
+    QwtChart c(7, 256);
+    c.AppendPower({});
+    EXPECT_EQ(c.Series()->count(), 0);
+    QList<QPointF> few;
+    for (int i = 0; i < 10; ++i)
+        few.append(QPointF(i, 1.5));
+    c.AppendPower(few);
+    EXPECT_EQ(c.Series()->count(), 10);
+    EXPECT_EQ(c.AxisX()->max(), 12);  // trunc(10 * 1.1 + 1)
+    QList<QPointF> many;
+    for (int i = 10; i < 150; ++i)
+        many.append(QPointF(i, 2.5));
+    c.AppendPower(many);  // taken off the chart while it grows, and put back
+    EXPECT_EQ(c.Series()->count(), 150);
+    EXPECT_EQ(c.AxisX()->max(), 166);  // trunc(150 * 1.1 + 1)
+    EXPECT_TRUE(c.Chart()->series().contains(c.Series()));
+    EXPECT_EQ(c.Series()->attachedAxes().size(), 2);
+}
+
+TEST(Chart, ClearEmptiesBothSeries)
+{
+    QwtChart c(1, 20);
+    c.show();
+    c.SetPoints({0, 1}, {120, 121});
+    c.Clear();
+    EXPECT_EQ(c.Series()->count(), 0);
+    EXPECT_EQ(c.SecondSeries()->count(), 0);
+}
+
+TEST(Chart, EmptyAxisAndNaNValuesAreNoCrash)
+{
+    QwtChart c(1, 20);
+    c.show();
+    c.SetPoints({}, {1, 2});
+    EXPECT_EQ(c.Series()->count(), 0);
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const double inf = std::numeric_limits<double>::infinity();
+    c.SetPoints({0, 1, nan, 3}, {120, nan, 5, 125});
+    ASSERT_EQ(c.Series()->count(), 2);
+    EXPECT_EQ(c.Series()->at(1), QPointF(3, 125));
+    c.SetPoints({0, 1, 2}, {1});  // y shorter than x: the pairs there are
+    EXPECT_EQ(c.Series()->count(), 1);
+    c.SetPointsByIndex({nan, inf, 7});
+    ASSERT_EQ(c.Series()->count(), 1);
+    EXPECT_EQ(c.Series()->at(0), QPointF(2, 7));
+    c.repaint();
+}
