@@ -282,13 +282,18 @@ TEST(CaptureSession, OneCycleOfTheScriptLiveThenPlayedBack)
     for (const std::string& m : missing)
         missingText += "\n  " + m;
     // The ASK chain misreads about 0.3 % of the frames it is given (measured
-    // over ten minutes of this script); a cycle plays some hundreds of them.
+    // over ten minutes of this script); a cycle plays some hundreds of them,
+    // and which ones it misreads live depends on where the 5 ms passes cut
+    // them. Measured over 22 runs of this test with two busy loops on both
+    // cores (8 of them in the sanitizer build): 0 distinct frames not heard in
+    // 7 runs, 1 in 6, 2 in 6, 3 in 3, never more. Taken as a Poisson count of
+    // mean 1.2, more than 6 comes about once in 3000 runs, and the bound is 6.
     // Every FSK frame comes back.
     size_t askMissing = 0;
     for (const std::string& m : missing)
         askMissing += m[0] == 'A';
     EXPECT_EQ(askMissing, missing.size()) << "an FSK frame never came back:" << missingText;
-    EXPECT_LE(askMissing, 3u) << missing.size() << " of " << played.size() << " frames never came back:" << missingText;
+    EXPECT_LE(askMissing, 6u) << missing.size() << " of " << played.size() << " frames never came back:" << missingText;
     std::printf("distinct frames played %zu (%zu of 9 bytes or more), not heard live %zu%s\n", played.size(),
                 longOnes.size(), missing.size(), missingText.c_str());
 
