@@ -50,6 +50,7 @@ bench: deps
 	@for b in build-release/bench/*_bench; do echo "== $$b"; $$b; done
 	@echo "== ASK decode rates"; ./build-release/bench/ask_decode_rates
 	@echo "== FSK decode rates"; ./build-release/bench/fsk_decode_rates
+	@echo "== real-time dock refresh"; ./build-release/bench/dock_refresh
 	@echo "== live capture at real speed (60 s)"; ./build-release/bench/live_capture cpu --seconds 60
 	@echo "== live capture, one hour of stream at --speed $(LIVE_SPEED)"; ./build-release/bench/live_capture memory --speed $(LIVE_SPEED)
 

@@ -38,6 +38,11 @@ QWindowReal::QWindowReal(QWidget* parent) : QDialog(parent)
     m_right->addWidget(m_eventInfo);
     m_right->setStretchFactor(0, 1);
     m_right->setStretchFactor(1, 1);
+    // Left to Qt the three columns start equal and the charts too narrow for
+    // their axis labels: the tree and the charts take a little more.
+    m_top->setStretchFactor(0, 4);
+    m_top->setStretchFactor(1, 4);
+    m_top->setStretchFactor(2, 3);
     layout->addWidget(m_top);
     installEventFilter(this);
     setAutoFillBackground(true);

@@ -1,0 +1,54 @@
+// Renders the real-time dock filled with a live-like session (the emulator's
+// script played through the chains for 28 s, one refresh per 30 ms) and saves
+// the window as a PNG: the picture a user sees in the middle of power
+// transfer. Run it under a real X server to look at it:
+//   xvfb-run -a -s "-screen 0 1600x900x24" build/tests/dock_shot dock.png
+#include "ReplayedSession.h"
+#include "events/ui/QEventWindow.h"
+#include "services/SettingParams.h"
+#include "views/QWindowReal.h"
+
+#include <QApplication>
+#include <QPixmap>
+#include <QTemporaryDir>
+
+#include <cstdio>
+
+int main(int argc, char** argv)
+{
+    QApplication app(argc, argv);
+    const QString out = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("dock.png");
+    QTemporaryDir home;
+    SettingParams& s = SettingParams::Instance();
+    s.m_window_time = 15;
+    s.m_min_freq = 110000;
+    s.m_max_freq = 205000;
+    s.eventPath = s.logPath = home.path().toStdString() + "/";
+
+    QWindowReal dock;
+    dock.setWindowTitle(QStringLiteral("Coilscope"));
+    dock.resize(1500, 850);
+    dock.show();
+    dock.StartMark();
+    ReplaySessionIntoSamples(28.0, 9, [&](RealTimeSample& sample) {
+        dock.PushSample(sample);
+        dock.Redraw();
+        app.processEvents();
+    });
+    // A packet selected, as a click would select it.
+    QStandardItem* root = dock.EventWindow()->Model().Root();
+    for (int r = root->rowCount() - 1; r >= 0; --r) {
+        auto* group = static_cast<QStandardItemEx*>(root->child(r));
+        if (group->mode == kItemPhase && group->rowCount() > 1) {
+            auto* item = static_cast<QStandardItemEx*>(group->child(group->rowCount() - 1));
+            dock.EventWindowSelected(item->info, item->mode);
+            break;
+        }
+    }
+    for (int k = 0; k < 20; ++k)
+        app.processEvents();
+    const bool ok = dock.grab().save(out);
+    std::printf("%s %s (%d events)\n", ok ? "saved" : "could not save", qPrintable(out),
+                dock.EventWindow()->Model().NextEventNumber() - 1);
+    return ok ? 0 : 1;
+}
