@@ -19,6 +19,7 @@
 #include <QLineEdit>
 #include <QPlainTextEdit>
 #include <QTemporaryDir>
+#include <QTreeView>
 #include <QtCharts/QSplineSeries>
 #include <QtCharts/QValueAxis>
 
@@ -248,4 +249,24 @@ TEST_F(WindowRealTest, ARecordedSessionFedAsTheRefreshFeedsIt)
     EXPECT_GE(points, 660);
     EXPECT_LE(points, 668);
     EXPECT_EQ(dock.PercentChart()->Series()->count(), points);
+}
+
+TEST_F(WindowRealTest, ClickOnADigitalPingGroupLeavesThePropertiesAsTheyWere)
+{
+    QWindowReal dock;
+    dock.show();
+    dock.StartMark();
+    RealTimeSample s = Sample(1.0f);
+    s.events = {MakeEvent(253, 1, "Digital Ping 64ms"), MakeEvent(253, 1, "Digital Ping 64ms"),
+                MakeEvent(1, 2, "SignalStrength 50", "01 80 81 ")};
+    dock.PushSample(s);
+    dock.Redraw();
+    QAbstractItemModel* m = dock.EventWindow()->EventView()->model();
+    const QModelIndex group = m->index(1, 0, m->index(0, 0));
+    dock.EventWindow()->eventClidked(m->index(1, 0, group));  // the signal strength event
+    const QStringList shown = dock.PropertyView()->Tree()->GroupTitles();
+    ASSERT_EQ(shown, (QStringList{"Common Properties", "Packet Properties", "Timing Properties"}));
+    dock.EventWindow()->eventClidked(m->index(0, 0, group));  // the "Digital Ping" group
+    EXPECT_EQ(dock.PropertyView()->Tree()->GroupTitles(), shown);
+    EXPECT_EQ(dock.PropertyView()->Tree()->Rows(1)[2], "PacketData=01 80 81 ");
 }
