@@ -176,6 +176,7 @@ void AcquisitionController::DevStart()
         m_extraRun1 = std::thread([this] { Run1(); });
     if (!m_pacing.joinable())
         m_pacing = std::thread([this] { PacingLoop(); });
+    m_view.StreamingStarted();
     if (settings.m_dac_locked == 0) {
         m_link.SetDacValue(settings.m_dac_value);
         SetDac(settings.m_dac_value);
@@ -198,7 +199,7 @@ void AcquisitionController::DevStop()
         std::list<DataPtr> ignored;
         m_command->WaitReplies(ignored, replyFirstWait, replyTotalWait);
     }
-    m_view.CaptureEnds();
+    m_view.StreamingStopped();
     Log::Printf("DevStop 9");
     SetActions(m_command != nullptr, false);
     Log::Printf("DevStop 10");

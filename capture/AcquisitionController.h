@@ -34,8 +34,14 @@ public:
     virtual void SetActions(const Actions& actions) = 0;
     // The device record arrived (the product test panel shows it).
     virtual void ShowDeviceRecord(const uint8_t* record) = 0;
+    // Connect has started the capture (the dock's Start marker) and
+    // Disconnect has ended it (the Stop marker).
     virtual void CaptureBegins() = 0;
     virtual void CaptureEnds() = 0;
+    // DevStart has asked the device to stream (the session clocks restart,
+    // the power monitor begins), and DevStop has asked it to stop.
+    virtual void StreamingStarted() {}
+    virtual void StreamingStopped() {}
     // The pacing thread asks for a refresh; it comes from that thread, and the
     // view runs its refresh on its own thread and then calls TickDone().
     virtual void Tick() = 0;

@@ -1,6 +1,7 @@
 #include "events/ui/UserSeams.h"
 
 #include <QDesktopServices>
+#include <QFileDialog>
 #include <QMessageBox>
 
 namespace {
@@ -17,7 +18,39 @@ std::function<void(const QUrl&)>& DesktopRecorder()
     return recorder;
 }
 
+std::function<QString(const QString&)>& FileAnswerer()
+{
+    static std::function<QString(const QString&)> answerer;
+    return answerer;
+}
+
 }  // namespace
+
+QString AskOpenFileName(QWidget* parent, const QString& title, const QString& folder, const QString& filter)
+{
+    if (FileAnswerer())
+        return FileAnswerer()(title);
+    return QFileDialog::getOpenFileName(parent, title, folder, filter);
+}
+
+QString AskSaveFileName(QWidget* parent, const QString& title, const QString& folder, const QString& filter)
+{
+    if (FileAnswerer())
+        return FileAnswerer()(title);
+    return QFileDialog::getSaveFileName(parent, title, folder, filter);
+}
+
+QString AskDirectory(QWidget* parent, const QString& title, const QString& folder)
+{
+    if (FileAnswerer())
+        return FileAnswerer()(title);
+    return QFileDialog::getExistingDirectory(parent, title, folder);
+}
+
+void SetFileAnswerer(std::function<QString(const QString&)> answerer)
+{
+    FileAnswerer() = std::move(answerer);
+}
 
 void ShowUserMessage(QWidget* parent, MessageKind kind, const QString& title, const QString& text)
 {

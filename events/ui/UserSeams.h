@@ -1,7 +1,8 @@
-// What a window says to the user and opens on the desktop goes through these
-// two seams: a message box with one button, and the desktop's handler for a
-// folder or a web address. Tests install a recorder instead, so every path is
-// checked without a person clicking and without starting a file manager.
+// What a window says to the user, asks of the user and opens on the desktop
+// goes through these seams: a message box with one button, the file and folder
+// dialogs, and the desktop's handler for a folder or a web address. Tests
+// install a recorder or an answer instead, so every path is checked without a
+// person clicking and without starting a file manager.
 #pragma once
 
 #include <QString>
@@ -26,7 +27,13 @@ void ShowUserMessage(QWidget* parent, MessageKind kind, const QString& title, co
 // recorded).
 bool OpenWithDesktop(const QUrl& url);
 
+// The file dialogs: the path chosen, empty when the user cancelled.
+QString AskOpenFileName(QWidget* parent, const QString& title, const QString& folder, const QString& filter);
+QString AskSaveFileName(QWidget* parent, const QString& title, const QString& folder, const QString& filter);
+QString AskDirectory(QWidget* parent, const QString& title, const QString& folder);
+
 // Installing a recorder replaces the real action until it is removed (an empty
-// function). For tests only.
+// function). For tests only. The file answerer gets the dialog's title.
+void SetFileAnswerer(std::function<QString(const QString& title)> answerer);
 void SetUserMessageRecorder(std::function<void(const UserMessage&)> recorder);
 void SetDesktopRecorder(std::function<void(const QUrl&)> recorder);

@@ -1,0 +1,499 @@
+#include "views/MainWindow.h"
+
+#include "events/SessionFile.h"
+#include "events/ui/QEventWindow.h"
+#include "events/ui/UserSeams.h"
+#include "icons/Icons.h"
+#include "services/AppSettings.h"
+#include "services/Log.h"
+#include "services/SettingParams.h"
+#include "views/QWindowReal.h"
+
+#include <QAction>
+#include <QCloseEvent>
+#include <QDir>
+#include <QGridLayout>
+#include <QLabel>
+#include <QMenu>
+#include <QMenuBar>
+#include <QStatusBar>
+#include <QTabWidget>
+#include <QToolBar>
+#include <QUrl>
+#include <QVBoxLayout>
+
+#include <cstdio>
+
+namespace {
+
+// The maker's web site, opened by "Sniffer Webset".
+const char* const kWebSite = "https://coilscope.org";
+
+MessageKind KindOfTitle(const std::string& title)
+{
+    if (title == "critical")
+        return MessageKind::Critical;
+    if (title == "information")
+        return MessageKind::Information;
+    return MessageKind::Warning;  // "Waring", "Error"
+}
+
+}  // namespace
+
+MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(parent)
+{
+    // The first use of the settings object loads the settings file.
+    AppSettings::Instance();
+    setObjectName(QStringLiteral("MainWindow"));
+    setWindowTitle(QStringLiteral("Coilscope"));
+    setWindowIcon(IconAt(QStringLiteral(":/icons/icons/coilscope.svg")));
+    resize(817, 524);
+    BuildActions();
+    BuildMenus();
+
+    auto* central = new QWidget(this);
+    auto* grid = new QGridLayout(central);
+    grid->setSpacing(6);
+    grid->setContentsMargins(11, 11, 11, 11);
+    auto* column = new QVBoxLayout();
+    grid->addLayout(column, 0, 0);
+    setCentralWidget(central);
+    m_tabWidget = new QTabWidget(central);
+    m_tabWidget->setObjectName(QStringLiteral("tabWidget"));
+    m_dock = new QWindowReal();
+    m_tabWidget->addTab(m_dock, QStringLiteral("Real Window"));
+    m_dock->setAutoFillBackground(true);
+    connect(m_tabWidget, &QTabWidget::currentChanged, this, &MainWindow::tabChanged);
+    column->addWidget(m_tabWidget);
+    setWindowState(Qt::WindowMaximized);
+
+    for (const char* name : {"actionDisconnect", "actionStart", "actionStop"})
+        Action(QLatin1String(name))->setEnabled(false);
+    m_eventClock.start();
+    m_monitorClock.start();
+    m_controller = std::make_unique<AcquisitionController>(*this, std::move(portPattern));
+    for (const char* name : {"actionLoadCfg", "actionSaveCfg", "actionSaveLog"})
+        Action(QLatin1String(name))->setEnabled(false);
+
+    connect(menuBar(), &QMenuBar::triggered, this, &MainWindow::actionBtns);
+    // Emitted on the pacing thread, run on this one.
+    connect(this, &MainWindow::timeout_signal, this, &MainWindow::TimeOut_slot, Qt::QueuedConnection);
+}
+
+MainWindow::~MainWindow()
+{
+    AppSettings::Instance().save();
+    // The controller's end joins whatever still runs and closes the ports.
+    m_controller.reset();
+}
+
+QAction* MainWindow::MakeAction(const char* objectName, const char* text, const char* toolTip, const char* shortcut,
+                                const char* icon, bool checkable, bool checked, bool hidden)
+{
+    auto* a = new QAction(this);
+    a->setObjectName(QLatin1String(objectName));
+    a->setText(QLatin1String(text));
+    a->setIconText(QLatin1String(text));
+    if (toolTip)
+        a->setToolTip(QLatin1String(toolTip));
+    if (shortcut)
+        a->setShortcut(QKeySequence(QLatin1String(shortcut)));
+    if (icon)
+        a->setIcon(IconAt(QStringLiteral(":/icons/") + QLatin1String(icon)));
+    a->setCheckable(checkable);
+    a->setChecked(checked);
+    a->setVisible(!hidden);
+    m_actions.insert(a->objectName(), a);
+    return a;
+}
+
+void MainWindow::BuildActions()
+{
+    struct Row {
+        const char* name;
+        const char* text;
+        const char* toolTip;  // null: the text; "": none
+        const char* shortcut;
+        const char* icon;
+        bool checkable, checked, hidden;
+    };
+    static const Row rows[] = {
+        {"actionPercentageChart", "PercentageChart", nullptr, nullptr, "tree/channel.png", true, true, false},
+        {"actionFrequencyChart", "FrequencyChart", nullptr, nullptr, "icons/real_time_information_windows_24x24.ico",
+         true, true, false},
+        {"actionEventPropertyChart", "EventPropertyChart", "Event Properties", nullptr,
+         "icons/event_properitary_24x24.ico", true, true, false},
+        {"actionEventInfo", "EventInfo", "", nullptr, "icons/event_24x24.ico", true, true, false},
+        {"actionEventWindow", "Sniffer Events", nullptr, nullptr, "icons/event_2_24x24.ico", true, true, false},
+        {"actionCut", "Cut", nullptr, nullptr, "icons/cut_24x24.ico", false, false, false},
+        {"actionPaste", "Paste", nullptr, nullptr, "icons/past_24x24.ico", false, false, false},
+        {"actionCopy", "Copy", nullptr, nullptr, "icons/copy_24x24.ico", false, false, false},
+        {"actionSave", "Save", nullptr, "Ctrl+S", "icons/save_24x24.ico", false, false, true},
+        {"actionOpen", "Open", nullptr, "Ctrl+O", "icons/open_24x24.ico", false, false, false},
+        {"actionPrint", "Print", nullptr, "Ctrl+P", "icons/print_1.ico", false, false, false},
+        {"actionClear", "Clear", "ClearAll", nullptr, "icons/erase_24x24.ico", false, false, false},
+        {"actionConnect", "Connect", nullptr, nullptr, "icons/usb_24x24.ico", true, false, false},
+        {"actionDisconnect", "Disconnect", nullptr, nullptr, "icons/usb_disconnect_24x24.ico", false, false, false},
+        {"actionStart", "Start", "Start Acqunsition", nullptr, "icons/start_24x24.ico", true, false, false},
+        {"actionStop", "Stop", "Stop Acqunsition", nullptr, "icons/stop_24x24.ico", false, false, false},
+        {"actionCoilscope_Webset", "Sniffer Webset", "", nullptr, "icons/kestro.bmp", false, false, false},
+        {"actionQuickStart", "QuickStart", "", nullptr, "icons/help_24x24.ico", false, false, false},
+        {"actionUpdate_Fireware", "UpdateFireware", "", nullptr, nullptr, false, false, false},
+        {"actionExit", "Exit", "", nullptr, nullptr, false, false, false},
+        {"actionPrintFreview", "Print Preview", "", nullptr, "icons/print_preview.ico", false, false, false},
+        {"actionAbout", "About", nullptr, nullptr, "icons/about_24x24.ico", false, false, false},
+        {"actionSaveExecl", "SaveExecl", nullptr, nullptr, "icons/excel_48x48.ico", false, false, false},
+        {"actionLoadCfg", "LoadCfg", "", nullptr, nullptr, false, false, false},
+        {"actionSaveCfg", "SaveCfg", "", nullptr, nullptr, false, false, false},
+        {"actionSaveLog", "AutoLog", "", nullptr, nullptr, true, false, false},
+        {"actionOpenLogDir", "OpenLogDir", "", nullptr, nullptr, false, false, false},
+        {"action2K_Ware", "ASK", "2KWare", nullptr, "icons/real_time_frequence_chart_24x24.ico", false, false, false},
+        {"actionFSKWare", "FSK", "", nullptr, "icons/special_symbol.ico", false, false, false},
+        {"actionSetting", "Setting", "", nullptr, "icons/setting.ico", false, false, false},
+        {"actionHelp", "Help", "", nullptr, "icons/help_24x24.ico", false, false, false},
+        {"actionSniffer", "Sniffer", nullptr, nullptr, "icons/sniffer.ico", false, false, false},
+        {"actionSetSavePath", "SetSavePath", "Set Auto Save Path", nullptr, "icons/save_24x24.ico", false, false,
+         false},
+        {"actionPercent", "PowerMonitor", "", nullptr, "tree/channel.png", false, false, false},
+        {"actionCheck_For_Updates", "Check For Updates", "", nullptr, nullptr, false, false, false},
+        {"actionProductTest", "ProductTest", "", nullptr, nullptr, false, false, false},
+    };
+    for (const Row& r : rows)
+        MakeAction(r.name, r.text, r.toolTip ? r.toolTip : r.text, r.shortcut, r.icon, r.checkable, r.checked,
+                   r.hidden);
+}
+
+void MainWindow::BuildMenus()
+{
+    auto add = [this](auto* target, std::initializer_list<const char*> names) {
+        for (const char* n : names) {
+            if (n[0] == '-')
+                target->addSeparator();
+            else
+                target->addAction(Action(QLatin1String(n)));
+        }
+    };
+    QMenu* file = menuBar()->addMenu(QStringLiteral("File"));
+    file->setObjectName(QStringLiteral("menuFile"));
+    add(file, {"actionOpen", "actionSave", "actionSetSavePath", "-", "actionPrint", "actionPrintFreview", "actionExit"});
+    QMenu* sniffer = menuBar()->addMenu(QStringLiteral("Sniffer"));
+    sniffer->setObjectName(QStringLiteral("menuSniffer"));
+    add(sniffer, {"actionConnect", "actionDisconnect", "-", "actionStart", "actionStop", "-", "actionEventWindow",
+                  "actionEventInfo", "actionEventPropertyChart", "actionFrequencyChart", "actionPercentageChart", "-",
+                  "actionClear", "-", "actionUpdate_Fireware"});
+    QMenu* scope = menuBar()->addMenu(QStringLiteral("Scope"));
+    scope->setObjectName(QStringLiteral("menuTester"));
+    add(scope, {"action2K_Ware", "actionFSKWare", "actionPercent"});
+    QMenu* options = menuBar()->addMenu(QStringLiteral("Options"));
+    options->setObjectName(QStringLiteral("menuOptions"));
+    add(options, {"actionSetting"});
+    QMenu* help = menuBar()->addMenu(QStringLiteral("Help"));
+    help->setObjectName(QStringLiteral("menuHelp"));
+    add(help, {"actionCoilscope_Webset", "actionQuickStart", "actionAbout", "actionCheck_For_Updates",
+               "actionProductTest"});
+
+    m_mainToolBar = new QToolBar(this);
+    m_mainToolBar->setObjectName(QStringLiteral("mainToolBar"));
+    addToolBar(Qt::TopToolBarArea, m_mainToolBar);
+    add(m_mainToolBar, {"actionOpen", "actionSave", "actionPrint", "-", "actionCut", "actionCopy", "actionPaste", "-",
+                        "actionHelp"});
+    m_toolBar = new QToolBar(QStringLiteral("toolBar"), this);
+    m_toolBar->setObjectName(QStringLiteral("toolBar"));
+    m_toolBar->setToolTip(QStringLiteral("Sniffer"));
+    m_toolBar->setStatusTip(QStringLiteral("Sniffer"));
+    m_toolBar->setToolButtonStyle(Qt::ToolButtonIconOnly);
+    addToolBar(Qt::TopToolBarArea, m_toolBar);
+    add(m_toolBar, {"actionConnect", "actionDisconnect", "-", "actionStart", "actionStop", "-", "actionEventWindow",
+                    "actionFrequencyChart", "actionPercentageChart", "actionEventPropertyChart", "actionEventInfo", "-",
+                    "actionClear", "-"});
+    m_snifferLabel = new QLabel(QStringLiteral("Sniffer"), m_toolBar);
+    m_toolBar->insertWidget(m_toolBar->actions().value(0), m_snifferLabel);
+    setStatusBar(new QStatusBar(this));
+}
+
+// ---- What the controller reports ----
+
+void MainWindow::ShowMessage(const std::string& title, const std::string& text)
+{
+    ShowUserMessage(this, KindOfTitle(title), QString::fromStdString(title), QString::fromStdString(text));
+}
+
+void MainWindow::SetActions(const Actions& a)
+{
+    const std::pair<const char*, std::pair<bool, bool>> states[] = {
+        {"actionConnect", {a.connectEnabled, a.connectChecked}},
+        {"actionDisconnect", {a.disconnectEnabled, a.disconnectChecked}},
+        {"actionStart", {a.startEnabled, a.startChecked}},
+        {"actionStop", {a.stopEnabled, a.stopChecked}},
+    };
+    for (const auto& s : states) {
+        QAction* action = Action(QLatin1String(s.first));
+        action->setEnabled(s.second.first);
+        action->setChecked(s.second.second);
+    }
+}
+
+void MainWindow::ShowDeviceRecord(const uint8_t*)
+{
+    // The product test panel shows the record once it exists; the ASK panel's
+    // slider follows the DAC value thirty seconds later.
+    m_deviceInfoClock.start();
+    m_deviceInfoPending = true;
+}
+
+void MainWindow::CaptureBegins()
+{
+    m_fileOpen = false;
+    m_dock->StartMark();
+}
+
+void MainWindow::CaptureEnds()
+{
+    m_dock->EndMark();
+}
+
+void MainWindow::StreamingStarted()
+{
+    m_eventClock.restart();
+    m_monitorClock.restart();
+}
+
+void MainWindow::StreamingStopped()
+{
+}
+
+void MainWindow::Tick()
+{
+    emit timeout_signal();
+}
+
+// ---- The dispatcher ----
+
+void MainWindow::actionBtns(QAction* action)
+{
+    if (!action)
+        return;
+    const QString name = action->iconText();
+    Log::Printf("action %s", name.toLocal8Bit().constData());
+    if (m_dock->TakeAction(action))
+        return;
+    if (name == QLatin1String("Open")) {
+        OpenSession();
+    } else if (name == QLatin1String("Save")) {
+        SaveSession();
+    } else if (name == QLatin1String("Clear")) {
+        ClearAll();
+    } else if (name == QLatin1String("Connect")) {
+        m_controller->Connect();
+    } else if (name == QLatin1String("Disconnect")) {
+        StopAndDisconnect();
+    } else if (name == QLatin1String("Start")) {
+        m_controller->DevStart();
+    } else if (name == QLatin1String("Stop")) {
+        m_controller->DevStop();
+    } else if (name == QLatin1String("Exit")) {
+        Exit();
+    } else if (name == QLatin1String("Print Preview") || name == QLatin1String("Print")) {
+        // Printing of the focused view plugs in here.
+    } else if (name == QLatin1String("SaveExecl")) {
+    } else if (name == QLatin1String("Sniffer Webset")) {
+        OpenWithDesktop(QUrl(QLatin1String(kWebSite)));
+    } else if (name == QLatin1String("QuickStart")) {
+        OpenWithDesktop(QUrl(QStringLiteral("file:///") + QDir::currentPath() +
+                             QStringLiteral("/coilscope quick start.pdf")));
+    } else if (name == QLatin1String("About")) {
+        if (m_panels.about)
+            m_panels.about->show();
+    } else if (name == QLatin1String("OpenLogDir")) {
+        OpenWithDesktop(QUrl::fromLocalFile(QDir::homePath() + QStringLiteral("/coilscope/")));
+    } else if (name == QLatin1String("ASK")) {
+        TogglePanel(m_panels.ask);
+    } else if (name == QLatin1String("FSK")) {
+        TogglePanel(m_panels.fsk);
+    } else if (name == QLatin1String("Setting")) {
+        TogglePanel(m_panels.config);
+    } else if (name == QLatin1String("UpdateFireware")) {
+        // The firmware tool plugs in here.
+    } else if (name == QLatin1String("SetSavePath")) {
+        SetSavePath();
+    } else if (name == QLatin1String("PowerMonitor")) {
+        TogglePanel(m_panels.powerMonitor);
+    } else if (name == QLatin1String("Check For Updates")) {
+        TogglePanel(m_panels.updater);
+    } else if (name == QLatin1String("ProductTest")) {
+        TogglePanel(m_panels.productTest);
+    } else {
+        ShowUserMessage(this, MessageKind::Information, QStringLiteral("information"), QStringLiteral("Support later."));
+    }
+}
+
+void MainWindow::TogglePanel(QWidget* panel)
+{
+    if (!panel)
+        return;
+    panel->setVisible(!panel->isVisible());
+}
+
+void MainWindow::StopAndDisconnect()
+{
+    m_controller->DevStop();
+    m_controller->Disconnect();
+}
+
+// ---- The refresh cycle ----
+
+void MainWindow::TimeOut_slot()
+{
+    if (!m_controller->Acquiring()) {
+        m_controller->TickDone();
+        return;
+    }
+    ++m_refreshes;
+    RealTimeSample sample;
+    if (m_tabWidget->currentIndex() == 0)
+        m_controller->Manager().GetEvents(sample.events);
+    // (The wave panels in AutoTrigger mode take a copy of the batch here.)
+    CDataManager& m = m_controller->Manager();
+    sample.firstValue = m.FirstHistoryValue();
+    sample.frequencyHz = m.CarrierFrequency();
+    sample.percent = m.ReceivedPowerPercent();
+    sample.controlError = m.ControlErrorValue();
+    sample.packets = static_cast<int64_t>(m.FilterCounters());
+    sample.time = static_cast<float>(static_cast<double>(m_eventClock.elapsed()) / 1000.0);
+    m_dock->PushSample(sample);
+    m_dock->Redraw();
+    // (The power monitor takes its values here.)
+    // The display queues of the two streams are emptied at every refresh; the
+    // free-running wave panels draw them.
+    m_controller->Ask().TakeDisplaySamples();
+    m_controller->Fsk().TakeDisplayWords();
+    if (m_controller->Acquiring() && !m_fileOpen)
+        m_controller->CheckReplies();
+    if (m_deviceInfoPending && m_deviceInfoClock.elapsed() >= 30000) {
+        m_deviceInfoPending = false;
+        // (The ASK panel's slider moves to the present DAC value here.)
+    }
+    m_controller->TickDone();
+}
+
+// ---- Sessions ----
+
+void MainWindow::OpenSession()
+{
+    if (m_controller->Acquiring()) {
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Stop first."));
+        return;
+    }
+    const QString path = AskOpenFileName(this, QStringLiteral("Open Sniffer File"),
+                                         QString::fromStdString(SettingParams::Instance().savePath),
+                                         QStringLiteral("Sniffer Files (*.sid)"));
+    if (path.isEmpty()) {
+        m_fileOpen = false;
+        return;
+    }
+    std::vector<MsgInfoPtr> events;
+    if (!ReadSessionFile(path.toStdString(), events)) {
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Can't open file."));
+        return;
+    }
+    m_fileOpen = true;
+    ClearAll();
+    // Played through the dock as a capture is: Start marker, the events in
+    // one batch, Stop marker. The Start marker saves the replay anew.
+    AppSettings::Instance().MakeSessionFolders();
+    m_dock->Clear();
+    m_dock->StartMark();
+    RealTimeSample sample;
+    sample.events = std::move(events);
+    m_dock->PushSample(sample);
+    m_dock->Redraw();
+    m_dock->EndMark();
+}
+
+void MainWindow::SaveSession()
+{
+    if (m_controller->Acquiring()) {
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Stop first."));
+        return;
+    }
+    const QString path =
+        AskSaveFileName(this, QStringLiteral("Save Sniffer File"), QString(), QStringLiteral("Sniffer Files (*.qbin)"));
+    if (path.isEmpty())
+        return;
+    // The session is on disk already (its autosave): the file is only made.
+    std::FILE* file = std::fopen(path.toLocal8Bit().constData(), "wb");
+    if (!file) {
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Can't open file."));
+        return;
+    }
+    std::fclose(file);
+    ShowUserMessage(this, MessageKind::Information, QStringLiteral("information"), QStringLiteral("Save Success."));
+}
+
+void MainWindow::SetSavePath()
+{
+    if (m_controller->Acquiring()) {
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Stop first."));
+        return;
+    }
+    const QString folder = AskDirectory(this, QStringLiteral("Set Auto Save Path"), QString());
+    if (folder.isEmpty())
+        return;
+    SettingParams::Instance().savePath = folder.toStdString();
+    AppSettings::Instance().save();
+}
+
+void MainWindow::ClearAll()
+{
+    m_eventClock.restart();
+    if (!m_controller->Acquiring())
+        m_monitorClock.restart();  // (and the power monitor is reset)
+    m_controller->Manager().Clear();
+    m_dock->Clear();
+    m_dock->Redraw();
+    m_controller->Ask().ClearDisplaySamples();
+    m_controller->Fsk().TakeDisplayWords();
+}
+
+void MainWindow::Exit()
+{
+    if (m_controller->Acquiring())
+        StopAndDisconnect();
+    close();
+}
+
+// ---- Slots ----
+
+void MainWindow::plotPic(QPrinter*)
+{
+}
+
+void MainWindow::tabChanged(int index)
+{
+    for (const char* name : {"actionLoadCfg", "actionSaveCfg", "actionSaveLog"})
+        Action(QLatin1String(name))->setEnabled(index == 2);
+}
+
+void MainWindow::slot_QAppSave()
+{
+    m_dock->NewFrequencyLimits();
+}
+
+void MainWindow::DAC_ValueChange(int value)
+{
+    m_dacValue = value;
+    m_controller->SetDac(value);
+}
+
+void MainWindow::closeEvent(QCloseEvent* event)
+{
+    Log::Printf("MainWindow::closeEvent");
+    for (QWidget* panel : {m_panels.powerMonitor, m_panels.ask, m_panels.fsk, m_panels.updater, m_panels.config,
+                           m_panels.productTest})
+        if (panel)
+            panel->hide();
+    // A confirmed capture is stopped and disconnected; the threads are
+    // joined in any case.
+    m_controller->Close();
+    QMainWindow::closeEvent(event);
+}

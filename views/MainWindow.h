@@ -1,0 +1,110 @@
+// The main window: menus, tool bars and the one tab that holds the real-time
+// dock. It owns the acquisition controller and drives it through the menu,
+// shows what the controller reports (message boxes, action states), runs the
+// refresh cycle on the interface thread when the pacing thread asks for it,
+// and opens and saves sessions. The wave panels, the power monitor and the
+// dialogs plug into the panel seam below as they come.
+#pragma once
+
+#include "capture/AcquisitionController.h"
+#include "events/EventLogModel.h"
+
+#include <QElapsedTimer>
+#include <QMainWindow>
+#include <QMap>
+
+#include <memory>
+#include <string>
+
+class QAction;
+class QLabel;
+class QMenu;
+class QPrinter;
+class QTabWidget;
+class QToolBar;
+class QWindowReal;
+
+// The windows that the menus show and hide and that the refresh feeds, once
+// they exist; a null one is left out.
+struct MainWindowPanels {
+    QWidget* ask = nullptr;           // "ASK" wave panel
+    QWidget* fsk = nullptr;           // "FSK" wave panel
+    QWidget* powerMonitor = nullptr;  // "PowerMonitor"
+    QWidget* config = nullptr;        // "Setting"
+    QWidget* updater = nullptr;       // "Check For Updates"
+    QWidget* productTest = nullptr;   // "ProductTest"
+    QWidget* about = nullptr;         // "About"
+};
+
+class MainWindow : public QMainWindow, public AcquisitionView {
+    Q_OBJECT
+public:
+    explicit MainWindow(std::string portPattern = PortPattern(), QWidget* parent = nullptr);
+    ~MainWindow() override;
+
+    // What the acquisition controller reports.
+    void ShowMessage(const std::string& title, const std::string& text) override;
+    void SetActions(const Actions& actions) override;
+    void ShowDeviceRecord(const uint8_t* record) override;
+    void CaptureBegins() override;
+    void CaptureEnds() override;
+    void StreamingStarted() override;
+    void StreamingStopped() override;
+    void Tick() override;
+
+    // The routines behind the menu.
+    void OpenSession();
+    void SaveSession();
+    void SetSavePath();
+    void ClearAll();
+    void Exit();
+
+    AcquisitionController& Controller() { return *m_controller; }
+    QWindowReal* Dock() const { return m_dock; }
+    QTabWidget* Tabs() const { return m_tabWidget; }
+    QAction* Action(const QString& objectName) const { return m_actions.value(objectName); }
+    MainWindowPanels& Panels() { return m_panels; }
+    // A session file is shown (Open), rather than a capture.
+    bool FileOpen() const { return m_fileOpen; }
+    // Refreshes run and their timing, for the benchmark.
+    int Refreshes() const { return m_refreshes; }
+
+signals:
+    void timeout_signal();
+
+public slots:
+    void actionBtns(QAction* action);
+    void TimeOut_slot();
+    void plotPic(QPrinter* printer);
+    void tabChanged(int index);
+    void slot_QAppSave();
+    void DAC_ValueChange(int value);
+
+protected:
+    void closeEvent(QCloseEvent* event) override;
+
+private:
+    void BuildActions();
+    void BuildMenus();
+    QAction* MakeAction(const char* objectName, const char* text, const char* toolTip, const char* shortcut,
+                        const char* icon, bool checkable, bool checked, bool hidden);
+    void TogglePanel(QWidget* panel);
+    void StopAndDisconnect();
+
+    std::unique_ptr<AcquisitionController> m_controller;
+    QMap<QString, QAction*> m_actions;
+    QTabWidget* m_tabWidget = nullptr;
+    QWindowReal* m_dock = nullptr;
+    QToolBar* m_mainToolBar = nullptr;
+    QToolBar* m_toolBar = nullptr;
+    QLabel* m_snifferLabel = nullptr;
+    MainWindowPanels m_panels;
+    QElapsedTimer m_eventClock;
+    QElapsedTimer m_monitorClock;
+    QElapsedTimer m_deviceInfoClock;  // since the device record came
+    bool m_deviceInfoPending = false;
+    bool m_fileOpen = false;
+    int m_dacValue = 0;
+    int m_refreshes = 0;
+    bool m_closing = false;
+};
