@@ -2,14 +2,13 @@
 // (plug-ins found beside the program wherever it is started from, the
 // application font), installs the crash handler and runs the main window.
 #include "services/CrashHandler.h"
+#include "services/Startup.h"
 #include "views/MainWindow.h"
 
 #include <QAction>
 #include <QApplication>
-#include <QFileInfo>
 #include <QFont>
 #include <QScreen>
-#include <QTextCodec>
 #include <QTimer>
 
 #include <cstdlib>
@@ -18,13 +17,7 @@
 int main(int argc, char* argv[])
 {
     // Qt's plug-ins beside the program, before the application object exists.
-    const QString folder =
-        QFileInfo(QTextCodec::codecForLocale()->toUnicode(argc > 0 ? argv[0] : "")).absolutePath();
-    QStringList paths = QCoreApplication::libraryPaths();
-    for (const char* sub : {"/plugins/iconengines", "/plugins/imageformats", "/plugins/platforms", "/plugins/plugins",
-                            "/plugins/printsupport", "/plugins/translations", "/plugins"})
-        paths.append(folder + QLatin1String(sub));
-    QCoreApplication::setLibraryPaths(paths);
+    AddPluginFoldersBeside(argc > 0 ? argv[0] : nullptr);
 
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Coilscope"));

@@ -133,7 +133,9 @@ void AcquisitionController::Connect()
         m_view.ShowMessage("information", "Device is in boot mode, Please UpdateFireware under sniffer menu.");
         return;
     }
+    // The four actions unchecked; Connect stays enabled for the next try.
     AcquisitionView::Actions none{};
+    none.connectEnabled = true;
     m_view.SetActions(none);
     m_view.ShowMessage("critical", "Not found Sniffer Device.");
 }

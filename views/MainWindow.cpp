@@ -294,7 +294,9 @@ void MainWindow::actionBtns(QAction* action)
     } else if (name == QLatin1String("Exit")) {
         Exit();
     } else if (name == QLatin1String("Print Preview") || name == QLatin1String("Print")) {
-        // Printing of the focused view plugs in here.
+        if (m_controller->Acquiring())
+            ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Stop first."));
+        // (Printing of the focused view plugs in here.)
     } else if (name == QLatin1String("SaveExecl")) {
     } else if (name == QLatin1String("Sniffer Webset")) {
         OpenWithDesktop(QUrl(QLatin1String(kWebSite)));

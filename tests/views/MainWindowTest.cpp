@@ -1,0 +1,562 @@
+// The main window as a user drives it: menus, tool bars and their actions, the
+// dispatcher, action states through connect, start, stop and disconnect, the
+// refresh cycle against the device emulator, sessions opened and saved, Exit
+// and close. Message boxes and file dialogs go through the seam, recorded.
+#include "ViewTestEvents.h"
+#include "events/SessionFile.h"
+#include "events/ui/QEventWindow.h"
+#include "events/ui/UserSeams.h"
+#include "services/AppSettings.h"
+#include "services/SettingParams.h"
+#include "services/Startup.h"
+#include "sim/DeviceEmulator.h"
+#include "views/MainWindow.h"
+#include "views/QWindowReal.h"
+
+#include <gtest/gtest.h>
+
+#include <QAction>
+#include <QApplication>
+#include <QDir>
+#include <QFile>
+#include <QLabel>
+#include <QMenu>
+#include <QMenuBar>
+#include <QPlainTextEdit>
+#include <QTabWidget>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QToolBar>
+#include <QToolButton>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <functional>
+
+namespace {
+
+struct Emulator {
+    explicit Emulator(coilsim::EmulatorOptions options = {})
+    {
+        options.dir = dir.path().toStdString() + "/ports";
+        options.haveSeed = true;
+        options.seed = 9;
+        options.commandLog = dir.path().toStdString() + "/commands.txt";
+        device = std::make_unique<coilsim::DeviceEmulator>(options);
+        std::string error;
+        ok = device->Start(error);
+        EXPECT_TRUE(ok) << error;
+    }
+    std::string Pattern() const { return device->Directory() + "/ttyACM%d"; }
+    std::string Commands() const
+    {
+        std::ifstream in(dir.path().toStdString() + "/commands.txt");
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+
+    QTemporaryDir dir;
+    std::unique_ptr<coilsim::DeviceEmulator> device;
+    bool ok = false;
+};
+
+class MainWindowTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        AppSettings::ReloadForTest();
+        SettingParams& s = SettingParams::Instance();
+        s.savePath = dir.path().toStdString() + "/sessions";
+        s.m_window_time = 15;
+        s.m_dac_locked = 0;
+        SetUserMessageRecorder([this](const UserMessage& m) { messages.push_back(m); });
+        SetDesktopRecorder([this](const QUrl& u) { opened.push_back(u); });
+        SetFileAnswerer([this](const QString& title) {
+            asked.push_back(title);
+            return answer;
+        });
+    }
+    void TearDown() override
+    {
+        SetUserMessageRecorder(nullptr);
+        SetDesktopRecorder(nullptr);
+        SetFileAnswerer(nullptr);
+    }
+    std::string Empty() const { return dir.path().toStdString() + "/none/ttyACM%d"; }
+    // Runs the event loop until the condition holds or the time is up.
+    static bool WaitFor(const std::function<bool()>& condition, int ms = 10000)
+    {
+        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        while (!condition() && std::chrono::steady_clock::now() < until)
+            QTest::qWait(10);
+        return condition();
+    }
+    struct States {
+        bool connectEnabled, connectChecked, disconnectEnabled, startEnabled, startChecked, stopEnabled;
+        bool operator==(const States& o) const
+        {
+            return connectEnabled == o.connectEnabled && connectChecked == o.connectChecked &&
+                   disconnectEnabled == o.disconnectEnabled && startEnabled == o.startEnabled &&
+                   startChecked == o.startChecked && stopEnabled == o.stopEnabled;
+        }
+    };
+    static States StatesOf(MainWindow& w)
+    {
+        return {w.Action("actionConnect")->isEnabled(),    w.Action("actionConnect")->isChecked(),
+                w.Action("actionDisconnect")->isEnabled(), w.Action("actionStart")->isEnabled(),
+                w.Action("actionStart")->isChecked(),      w.Action("actionStop")->isEnabled()};
+    }
+
+    QTemporaryDir dir;
+    std::vector<UserMessage> messages;
+    std::vector<QUrl> opened;
+    std::vector<QString> asked;
+    QString answer;
+};
+
+QStringList Entries(const QWidget* menu)
+{
+    QStringList names;
+    for (QAction* a : menu->actions())
+        names << (a->isSeparator() ? QStringLiteral("-") : a->objectName());
+    return names;
+}
+
+}  // namespace
+
+TEST_F(MainWindowTest, WindowMenusAndToolBarsAsTheFormHasThem)
+{
+    MainWindow w(Empty());
+    EXPECT_EQ(w.objectName(), "MainWindow");
+    EXPECT_EQ(w.windowTitle(), "Coilscope");
+    EXPECT_FALSE(w.windowIcon().isNull());
+    EXPECT_TRUE(w.windowState() & Qt::WindowMaximized);
+    ASSERT_EQ(w.Tabs()->count(), 1);
+    EXPECT_EQ(w.Tabs()->tabText(0), "Real Window");
+    EXPECT_EQ(w.Tabs()->widget(0), w.Dock());
+    QStringList titles;
+    for (QAction* a : w.menuBar()->actions())
+        titles << a->text();
+    EXPECT_EQ(titles, (QStringList{"File", "Sniffer", "Scope", "Options", "Help"}));
+    EXPECT_EQ(Entries(w.findChild<QMenu*>("menuFile")),
+              (QStringList{"actionOpen", "actionSave", "actionSetSavePath", "-", "actionPrint", "actionPrintFreview",
+                           "actionExit"}));
+    EXPECT_EQ(Entries(w.findChild<QMenu*>("menuSniffer")),
+              (QStringList{"actionConnect", "actionDisconnect", "-", "actionStart", "actionStop", "-",
+                           "actionEventWindow", "actionEventInfo", "actionEventPropertyChart", "actionFrequencyChart",
+                           "actionPercentageChart", "-", "actionClear", "-", "actionUpdate_Fireware"}));
+    EXPECT_EQ(Entries(w.findChild<QMenu*>("menuTester")),
+              (QStringList{"action2K_Ware", "actionFSKWare", "actionPercent"}));
+    EXPECT_EQ(Entries(w.findChild<QMenu*>("menuOptions")), (QStringList{"actionSetting"}));
+    EXPECT_EQ(Entries(w.findChild<QMenu*>("menuHelp")),
+              (QStringList{"actionCoilscope_Webset", "actionQuickStart", "actionAbout", "actionCheck_For_Updates",
+                           "actionProductTest"}));
+    EXPECT_EQ(Entries(w.findChild<QToolBar*>("mainToolBar")),
+              (QStringList{"actionOpen", "actionSave", "actionPrint", "-", "actionCut", "actionCopy", "actionPaste",
+                           "-", "actionHelp"}));
+    QStringList bar = Entries(w.findChild<QToolBar*>("toolBar"));
+    ASSERT_FALSE(bar.isEmpty());
+    bar.removeFirst();  // the "Sniffer" label's place
+    EXPECT_EQ(bar, (QStringList{"actionConnect", "actionDisconnect", "-", "actionStart", "actionStop", "-",
+                                "actionEventWindow", "actionFrequencyChart", "actionPercentageChart",
+                                "actionEventPropertyChart", "actionEventInfo", "-", "actionClear", "-"}));
+    auto* toolBar = w.findChild<QToolBar*>("toolBar");
+    EXPECT_EQ(toolBar->windowTitle(), "toolBar");
+    EXPECT_EQ(toolBar->toolTip(), "Sniffer");
+    EXPECT_EQ(toolBar->toolButtonStyle(), Qt::ToolButtonIconOnly);
+    auto* label = qobject_cast<QLabel*>(toolBar->widgetForAction(toolBar->actions().value(0)));
+    ASSERT_TRUE(label);
+    EXPECT_EQ(label->text(), "Sniffer");
+}
+
+TEST_F(MainWindowTest, ActionsAreCreatedAsTheTableSays)
+{
+    MainWindow w(Empty());
+    struct Row {
+        const char* name;
+        const char* text;
+        const char* toolTip;
+        const char* shortcut;
+        bool checkable, checked, visible;
+    } rows[] = {
+        {"actionPercentageChart", "PercentageChart", "PercentageChart", "", true, true, true},
+        {"actionEventPropertyChart", "EventPropertyChart", "Event Properties", "", true, true, true},
+        {"actionEventWindow", "Sniffer Events", "Sniffer Events", "", true, true, true},
+        {"actionSave", "Save", "Save", "Ctrl+S", false, false, false},
+        {"actionOpen", "Open", "Open", "Ctrl+O", false, false, true},
+        {"actionPrint", "Print", "Print", "Ctrl+P", false, false, true},
+        {"actionClear", "Clear", "ClearAll", "", false, false, true},
+        {"actionConnect", "Connect", "Connect", "", true, false, true},
+        {"actionStart", "Start", "Start Acqunsition", "", true, false, true},
+        {"actionStop", "Stop", "Stop Acqunsition", "", false, false, true},
+        {"action2K_Ware", "ASK", "2KWare", "", false, false, true},
+        {"actionSaveLog", "AutoLog", "", "", true, false, true},
+        {"actionPercent", "PowerMonitor", "", "", false, false, true},
+        {"actionSetSavePath", "SetSavePath", "Set Auto Save Path", "", false, false, true},
+    };
+    for (const Row& r : rows) {
+        QAction* a = w.Action(r.name);
+        ASSERT_TRUE(a) << r.name;
+        EXPECT_EQ(a->text(), r.text) << r.name;
+        EXPECT_EQ(a->iconText(), r.text) << r.name;
+        if (r.toolTip[0]) {
+            EXPECT_EQ(a->toolTip(), r.toolTip) << r.name;
+        }
+        EXPECT_EQ(a->shortcut().toString(), r.shortcut) << r.name;
+        EXPECT_EQ(a->isCheckable(), r.checkable) << r.name;
+        EXPECT_EQ(a->isChecked(), r.checked) << r.name;
+        EXPECT_EQ(a->isVisible(), r.visible) << r.name;
+        EXPECT_EQ(a->parent(), &w) << r.name;
+    }
+    for (const char* name : {"actionSaveExecl", "actionLoadCfg", "actionSaveCfg", "actionOpenLogDir", "actionSniffer"})
+        EXPECT_TRUE(w.Action(name)) << name;
+    // Every icon the table names is drawn.
+    for (const char* name : {"actionOpen", "actionSave", "actionPrint", "actionCut", "actionCopy", "actionPaste",
+                             "actionHelp", "actionConnect", "actionDisconnect", "actionStart", "actionStop",
+                             "actionEventWindow", "actionFrequencyChart", "actionPercentageChart",
+                             "actionEventPropertyChart", "actionEventInfo", "actionClear"})
+        EXPECT_FALSE(w.Action(name)->icon().isNull()) << name;
+}
+
+TEST_F(MainWindowTest, AtStartOnlyConnectIsEnabledAndTheConfigActionsOnlyOnTabTwo)
+{
+    MainWindow w(Empty());
+    EXPECT_EQ(StatesOf(w), (States{true, false, false, false, false, false}));
+    for (const char* name : {"actionLoadCfg", "actionSaveCfg", "actionSaveLog"})
+        EXPECT_FALSE(w.Action(name)->isEnabled()) << name;
+    w.tabChanged(2);
+    for (const char* name : {"actionLoadCfg", "actionSaveCfg", "actionSaveLog"})
+        EXPECT_TRUE(w.Action(name)->isEnabled()) << name;
+    w.tabChanged(0);
+    EXPECT_FALSE(w.Action("actionSaveLog")->isEnabled());
+}
+
+TEST_F(MainWindowTest, ConnectWithNoDeviceSaysSoAndLeavesConnectToTryAgain)
+{
+    MainWindow w(Empty());
+    w.Action("actionConnect")->trigger();
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0].kind, MessageKind::Critical);
+    EXPECT_EQ(messages[0].title, "critical");
+    EXPECT_EQ(messages[0].text, "Not found Sniffer Device.");
+    EXPECT_EQ(StatesOf(w), (States{true, false, false, false, false, false}));
+}
+
+TEST_F(MainWindowTest, DeviceInBootModeSaysSo)
+{
+    coilsim::EmulatorOptions o;
+    o.bootMode = true;
+    Emulator emu(o);
+    ASSERT_TRUE(emu.ok);
+    MainWindow w(emu.Pattern());
+    w.Action("actionConnect")->trigger();
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0].title, "information");
+    EXPECT_EQ(messages[0].text, "Device is in boot mode, Please UpdateFireware under sniffer menu.");
+}
+
+TEST_F(MainWindowTest, ActionStatesFollowConnectStopStartAndDisconnect)
+{
+    Emulator emu;
+    ASSERT_TRUE(emu.ok);
+    MainWindow w(emu.Pattern());
+    w.Action("actionConnect")->trigger();
+    ASSERT_TRUE(w.Controller().Acquiring());
+    EXPECT_EQ(StatesOf(w), (States{false, true, true, false, true, true}));
+    w.Action("actionStop")->trigger();
+    EXPECT_FALSE(w.Controller().Acquiring());
+    EXPECT_EQ(StatesOf(w), (States{false, true, true, true, false, false}));
+    w.Action("actionStart")->trigger();
+    EXPECT_TRUE(w.Controller().Acquiring());
+    EXPECT_EQ(StatesOf(w), (States{false, true, true, false, true, true}));
+    w.Action("actionDisconnect")->trigger();
+    EXPECT_FALSE(w.Controller().IsRunning());
+    EXPECT_EQ(StatesOf(w), (States{true, false, false, false, false, false}));
+    EXPECT_FALSE(w.Action("actionDisconnect")->isChecked());
+    EXPECT_FALSE(w.Action("actionStop")->isChecked());
+    EXPECT_TRUE(messages.empty());
+}
+
+TEST_F(MainWindowTest, ToolBarOpenReachesTheDispatcherAsTheMenuDoesAndCutDoesNothing)
+{
+    MainWindow w(Empty());
+    w.show();
+    auto* bar = w.findChild<QToolBar*>("mainToolBar");
+    auto* open = qobject_cast<QToolButton*>(bar->widgetForAction(w.Action("actionOpen")));
+    ASSERT_TRUE(open);
+    open->click();
+    EXPECT_EQ(asked, (std::vector<QString>{"Open Sniffer File"}));
+    w.findChild<QMenu*>("menuFile")->actions().value(0)->trigger();
+    EXPECT_EQ(asked.size(), 2u);
+    for (const char* name : {"actionCut", "actionCopy", "actionPaste", "actionHelp"})
+        qobject_cast<QToolButton*>(bar->widgetForAction(w.Action(name)))->click();
+    EXPECT_EQ(asked.size(), 2u);
+    EXPECT_TRUE(messages.empty());
+    EXPECT_TRUE(opened.empty());
+}
+
+TEST_F(MainWindowTest, SaveIsHiddenAndNothingReachesIt)
+{
+    MainWindow w(Empty());
+    w.show();
+    QApplication::setActiveWindow(&w);
+    EXPECT_FALSE(w.Action("actionSave")->isVisible());
+    auto* bar = w.findChild<QToolBar*>("mainToolBar");
+    QWidget* button = bar->widgetForAction(w.Action("actionSave"));
+    EXPECT_TRUE(!button || !button->isVisible());
+    QTest::keyClick(&w, Qt::Key_S, Qt::ControlModifier);
+    QApplication::processEvents();
+    EXPECT_TRUE(asked.empty());
+    EXPECT_TRUE(messages.empty());
+}
+
+TEST_F(MainWindowTest, UnknownActionSaysSupportLater)
+{
+    MainWindow w(Empty());
+    QAction other(QStringLiteral("Something"));
+    w.actionBtns(&other);
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0].title, "information");
+    EXPECT_EQ(messages[0].text, "Support later.");
+    // The actions made without effect do nothing.
+    w.actionBtns(w.Action("actionSaveExecl"));
+    EXPECT_EQ(messages.size(), 1u);
+}
+
+TEST_F(MainWindowTest, FileActionsWhileRunningSayStopFirst)
+{
+    Emulator emu;
+    ASSERT_TRUE(emu.ok);
+    MainWindow w(emu.Pattern());
+    w.Action("actionConnect")->trigger();
+    ASSERT_TRUE(w.Controller().Acquiring());
+    for (const char* name : {"actionOpen", "actionSave", "actionPrint", "actionPrintFreview", "actionSetSavePath"})
+        w.actionBtns(w.Action(name));
+    ASSERT_EQ(messages.size(), 5u);
+    for (const UserMessage& m : messages) {
+        EXPECT_EQ(m.title, "Waring");
+        EXPECT_EQ(m.text, "Stop first.");
+    }
+    EXPECT_TRUE(asked.empty());
+    w.Action("actionDisconnect")->trigger();
+}
+
+TEST_F(MainWindowTest, SaveMakesAnEmptyQbinAndSaysSo)
+{
+    MainWindow w(Empty());
+    answer = dir.path() + "/saved.qbin";
+    w.actionBtns(w.Action("actionSave"));
+    EXPECT_EQ(asked, (std::vector<QString>{"Save Sniffer File"}));
+    ASSERT_TRUE(QFile::exists(answer));
+    EXPECT_EQ(QFile(answer).size(), 0);
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0].title, "information");
+    EXPECT_EQ(messages[0].text, "Save Success.");
+    answer = dir.path() + "/no/such/folder/saved.qbin";
+    w.actionBtns(w.Action("actionSave"));
+    ASSERT_EQ(messages.size(), 2u);
+    EXPECT_EQ(messages[1].title, "Waring");
+    EXPECT_EQ(messages[1].text, "Can't open file.");
+    answer.clear();  // cancelled: nothing
+    w.actionBtns(w.Action("actionSave"));
+    EXPECT_EQ(messages.size(), 2u);
+}
+
+TEST_F(MainWindowTest, OpenOfAMissingFileSaysSoAndCancelDoesNothing)
+{
+    MainWindow w(Empty());
+    w.actionBtns(w.Action("actionOpen"));
+    EXPECT_TRUE(messages.empty());
+    EXPECT_FALSE(w.FileOpen());
+    answer = dir.path() + "/missing.sid";
+    w.actionBtns(w.Action("actionOpen"));
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0].title, "Waring");
+    EXPECT_EQ(messages[0].text, "Can't open file.");
+}
+
+TEST_F(MainWindowTest, EmptySessionFilePlaysTheTwoMarkersOnly)
+{
+    MainWindow w(Empty());
+    answer = dir.path() + "/empty.sid";
+    QFile f(answer);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.close();
+    w.actionBtns(w.Action("actionOpen"));
+    EXPECT_TRUE(messages.empty());
+    EXPECT_TRUE(w.FileOpen());
+    const QStringList lines = w.Dock()->EventWindow()->Model().LogLines();
+    ASSERT_EQ(lines.size(), 2);
+    EXPECT_TRUE(lines[0].startsWith("   [1] Start Acquisition: "));
+    EXPECT_TRUE(lines[1].startsWith("   [2] Stop Acquisition: "));
+}
+
+TEST_F(MainWindowTest, SetSavePathTakesTheChosenFolderAndSavesTheSettings)
+{
+    MainWindow w(Empty());
+    answer = dir.path() + "/elsewhere";
+    w.actionBtns(w.Action("actionSetSavePath"));
+    EXPECT_EQ(asked, (std::vector<QString>{"Set Auto Save Path"}));
+    EXPECT_EQ(SettingParams::Instance().savePath, answer.toStdString());
+    std::ifstream settings(AppSettings::Instance().FilePath());
+    const std::string text((std::istreambuf_iterator<char>(settings)), std::istreambuf_iterator<char>());
+    EXPECT_NE(text.find(answer.toStdString()), std::string::npos);
+}
+
+TEST_F(MainWindowTest, HelpActionsOpenTheWebSiteAndTheQuickStart)
+{
+    MainWindow w(Empty());
+    w.actionBtns(w.Action("actionCoilscope_Webset"));
+    w.actionBtns(w.Action("actionQuickStart"));
+    ASSERT_EQ(opened.size(), 2u);
+    EXPECT_TRUE(opened[0].scheme().startsWith("http"));
+    EXPECT_TRUE(opened[1].toString().endsWith("/coilscope quick start.pdf") ||
+                opened[1].toString().endsWith("/coilscope%20quick%20start.pdf"))
+        << opened[1].toString().toStdString();
+}
+
+TEST_F(MainWindowTest, LiveSessionIsRefreshedThenPlayedBackTheSame)
+{
+    coilsim::EmulatorOptions o;
+    o.speed = 4;  // the script's first packets within seconds
+    Emulator emu(o);
+    ASSERT_TRUE(emu.ok);
+    QStringList live;
+    std::string sid;
+    {
+        MainWindow w(emu.Pattern());
+        w.show();
+        w.Action("actionConnect")->trigger();
+        ASSERT_TRUE(w.Controller().Acquiring());
+        EventLogModel& model = w.Dock()->EventWindow()->Model();
+        // The refresh cycle runs on the event loop, paced by the controller.
+        EXPECT_TRUE(WaitFor([&] { return model.NextEventNumber() > 60; }, 30000)) << model.NextEventNumber();
+        EXPECT_GT(w.Refreshes(), 10);
+        EXPECT_FALSE(w.Dock()->TimeAxis().isEmpty());
+        w.Action("actionDisconnect")->trigger();
+        live = model.LogLines();
+        sid = model.SidPath();
+        model.CloseStreams();
+    }
+    ASSERT_GT(live.size(), 50);  // device status and contract events have no line
+    EXPECT_TRUE(live.last().contains("] Stop Acquisition: "));
+
+    MainWindow again(Empty());
+    answer = QString::fromStdString(sid);
+    again.actionBtns(again.Action("actionOpen"));
+    ASSERT_TRUE(messages.empty());
+    ASSERT_TRUE(again.FileOpen());
+    const QStringList played = again.Dock()->EventWindow()->Model().LogLines();
+    // The same numbered texts between the two markers; a loaded event has no
+    // direction, so its line has the blank prefix.
+    ASSERT_EQ(played.size(), live.size());
+    for (int k = 1; k + 1 < live.size(); ++k) {
+        EXPECT_EQ(played[k].mid(3).toStdString(), live[k].mid(3).toStdString()) << k;
+        EXPECT_TRUE(played[k].startsWith("   ")) << k;
+    }
+    EXPECT_EQ(again.Dock()->EventWindow()->LogView()->toPlainText(),
+              again.Dock()->EventWindow()->Model().LogText());
+}
+
+TEST_F(MainWindowTest, BlockedInterfaceThreadGetsNoSecondTick)
+{
+    Emulator emu;
+    ASSERT_TRUE(emu.ok);
+    MainWindow w(emu.Pattern());
+    std::atomic<int> ticks{0};
+    QObject::connect(&w, &MainWindow::timeout_signal, &w, [&ticks] { ticks.fetch_add(1); }, Qt::DirectConnection);
+    w.Action("actionConnect")->trigger();
+    ASSERT_TRUE(w.Controller().Acquiring());
+    // The interface thread is busy (as in a modal dialog): no event is
+    // processed, so the first tick's refresh never runs.
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (ticks.load() == 0 && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    ASSERT_EQ(ticks.load(), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // ten pacing periods
+    EXPECT_EQ(ticks.load(), 1);
+    EXPECT_TRUE(WaitFor([&] { return ticks.load() > 2; }));
+    w.Action("actionDisconnect")->trigger();
+}
+
+TEST_F(MainWindowTest, ClosingWhileAcquiringStopsDisconnectsAndSavesTheSettings)
+{
+    Emulator emu;
+    ASSERT_TRUE(emu.ok);
+    QFile::remove(QString::fromStdString(AppSettings::Instance().FilePath()));
+    {
+        MainWindow w(emu.Pattern());
+        w.show();
+        w.Action("actionConnect")->trigger();
+        ASSERT_TRUE(w.Controller().Acquiring());
+        QTest::qWait(300);
+        w.close();
+        EXPECT_FALSE(w.Controller().IsRunning());
+        EXPECT_FALSE(w.Controller().Acquiring());
+        EXPECT_FALSE(w.Controller().Found());
+    }
+    const std::string taken = emu.Commands();
+    const std::string fromStart = taken.substr(std::min(taken.size(), taken.find("command 05\n")));
+    EXPECT_NE(fromStart.find("command 07\n"), std::string::npos) << taken;
+    EXPECT_NE(fromStart.find("command 03\n"), std::string::npos) << taken;
+    EXPECT_TRUE(QFile::exists(QString::fromStdString(AppSettings::Instance().FilePath())));
+}
+
+TEST_F(MainWindowTest, ExitWhileStoppedAndConnectedStopsNothingAtClose)
+{
+    Emulator emu;
+    ASSERT_TRUE(emu.ok);
+    {
+        MainWindow w(emu.Pattern());
+        w.show();
+        w.Action("actionConnect")->trigger();
+        w.Action("actionStop")->trigger();
+        ASSERT_FALSE(w.Controller().Acquiring());
+        const size_t before = emu.Commands().size();
+        w.actionBtns(w.Action("actionExit"));
+        EXPECT_FALSE(w.isVisible());
+        // Still connected until the window goes: no stop and no disconnect
+        // went out.
+        EXPECT_EQ(emu.Commands().size(), before) << emu.Commands();
+    }
+    EXPECT_EQ(emu.Commands().find("command 03\n"), std::string::npos) << emu.Commands();
+}
+
+TEST_F(MainWindowTest, DeviceVanishingMidStreamLeavesTheWindowUsableAndTheSessionSaved)
+{
+    auto emu = std::make_unique<Emulator>();
+    ASSERT_TRUE(emu->ok);
+    MainWindow w(emu->Pattern());
+    w.show();
+    w.Action("actionConnect")->trigger();
+    ASSERT_TRUE(w.Controller().Acquiring());
+    EventLogModel& model = w.Dock()->EventWindow()->Model();
+    ASSERT_TRUE(WaitFor([&] { return model.NextEventNumber() > 5; }, 30000));
+    emu.reset();  // the device is gone
+    QTest::qWait(500);
+    const std::string sid = model.SidPath();
+    const int64_t shown = model.NextEventNumber();
+    // Still usable: Clear, Disconnect, Open.
+    w.actionBtns(w.Action("actionClear"));
+    w.actionBtns(w.Action("actionDisconnect"));
+    EXPECT_FALSE(w.Controller().IsRunning());
+    EXPECT_EQ(StatesOf(w), (States{true, false, false, false, false, false}));
+    std::vector<MsgInfoPtr> saved;
+    ASSERT_TRUE(ReadSessionFile(sid, saved));
+    EXPECT_GE(static_cast<int64_t>(saved.size()), shown - 2);  // every event but the Start marker
+}
+
+TEST(Startup, PluginFoldersBesideTheProgramWhateverTheWorkingDirectory)
+{
+    const QString before = QDir::currentPath();
+    QDir::setCurrent(QDir::tempPath());
+    AddPluginFoldersBeside("/opt/coilscope/bin/coilscope");
+    QDir::setCurrent(before);
+    const QStringList paths = QCoreApplication::libraryPaths();
+    for (const char* sub : {"/plugins/iconengines", "/plugins/imageformats", "/plugins/platforms", "/plugins/plugins",
+                            "/plugins/printsupport", "/plugins/translations", "/plugins"})
+        EXPECT_TRUE(paths.contains(QStringLiteral("/opt/coilscope/bin") + QLatin1String(sub))) << sub;
+    // A relative start ("./coilscope") is made absolute at once.
+    AddPluginFoldersBeside("relative/coilscope");
+    EXPECT_TRUE(QCoreApplication::libraryPaths().contains(QDir::current().absoluteFilePath("relative/plugins")));
+}
