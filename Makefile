@@ -5,7 +5,7 @@ BUILD := build
 ASAN := build-asan
 TSAN := build-tsan
 
-.PHONY: all deps build build-asan build-tsan test demo bench fuzz clean
+.PHONY: all deps build build-asan build-tsan test demo bench fuzz install clean
 
 all: build
 
@@ -34,9 +34,9 @@ test: build build-asan build-tsan
 
 # The device emulator on pseudo-terminals and a live capture from it.
 demo: deps
-	@echo "building coilscope-cli and coilscope-sim (Release; output in build-release/demo-build.log)"
+	@echo "building coilscope, coilscope-cli and coilscope-sim (Release; output in build-release/demo-build.log)"
 	@cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release >/dev/null
-	@cmake --build build-release -j $(JOBS) --target coilscope-cli coilscope-sim > build-release/demo-build.log 2>&1 \
+	@cmake --build build-release -j $(JOBS) --target coilscope coilscope-cli coilscope-sim > build-release/demo-build.log 2>&1 \
 	  || { tail -40 build-release/demo-build.log; exit 1; }
 	@bash scripts/demo.sh build-release
 
@@ -61,6 +61,14 @@ fuzz: deps
 	@cmake --build build-fuzz -j $(JOBS) --target fuzz_targets
 	@for f in build-fuzz/tests/fuzz/*_fuzz; do n=$$(basename $$f); mkdir -p build-fuzz/corpus-$$n; \
 	  $$f -max_total_time=$(FUZZ_SECONDS) build-fuzz/corpus-$$n tests/fuzz/corpus/$${n%_fuzz}; done
+
+# The desktop program, the terminal front end and the emulator, with a menu
+# entry and an icon, under PREFIX (default /usr/local).
+PREFIX ?= /usr/local
+install: deps
+	@cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=$(PREFIX) >/dev/null
+	@cmake --build build-release -j $(JOBS) --target coilscope coilscope-cli coilscope-sim
+	@cmake --install build-release
 
 clean:
 	rm -rf $(BUILD) $(ASAN) $(TSAN) build-release build-fuzz

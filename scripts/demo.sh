@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The demonstration: the device emulator on pseudo-terminals, and the capture
-# connected to it. With a display the desktop application would be started;
-# this release shows the live session in the terminal for twenty seconds.
+# connected to it. With a display (DISPLAY set) the desktop application starts
+# and connects by itself (COILSCOPE_DEMO=1); closing its window ends the demo.
+# Without one the live session is shown in the terminal for twenty seconds.
 set -euo pipefail
 bin="${1:-build-release}"
 seconds="${DEMO_SECONDS:-20}"
@@ -22,4 +23,9 @@ done
 echo "coilscope-sim is running in $dir:"
 cat "$dir/ports.txt"
 echo
-COILSCOPE_PORTS="$dir/ttyACM%d" "$bin/app/coilscope-cli" capture --seconds "$seconds"
+if [ -n "${DISPLAY:-}" ] && [ -x "$bin/app/coilscope" ]; then
+  echo "coilscope connects to it by itself; close its window to end the demo."
+  COILSCOPE_PORTS="$dir/ttyACM%d" COILSCOPE_DEMO=1 "$bin/app/coilscope"
+else
+  COILSCOPE_PORTS="$dir/ttyACM%d" "$bin/app/coilscope-cli" capture --seconds "$seconds"
+fi
