@@ -52,14 +52,18 @@ bench: deps
 	@echo "== FSK decode rates"; ./build-release/bench/fsk_decode_rates
 	@echo "== real-time dock refresh"; ./build-release/bench/dock_refresh
 	@echo "== live capture at real speed (60 s)"; ./build-release/bench/live_capture cpu --seconds 60
+	@echo "== the desktop application at real speed in Xvfb (60 s)"; bash bench/desktop_cpu.sh build-release 60
 	@echo "== live capture, one hour of stream at --speed $(LIVE_SPEED)"; ./build-release/bench/live_capture memory --speed $(LIVE_SPEED)
 
-# Coverage-guided fuzzing with libFuzzer (clang); FUZZ_SECONDS per target.
+# Coverage-guided fuzzing with libFuzzer (clang); FUZZ_SECONDS per target. As
+# in the tests, the application log and settings of the fuzzed code go to
+# folders of the build, not the user's.
 FUZZ_SECONDS ?= 60
 fuzz: deps
 	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCOILSCOPE_SANITIZE=address -DCOILSCOPE_ENGINE_ONLY=ON -DCOILSCOPE_LIBFUZZER=ON >/dev/null
 	@cmake --build build-fuzz -j $(JOBS) --target fuzz_targets
 	@for f in build-fuzz/tests/fuzz/*_fuzz; do n=$$(basename $$f); mkdir -p build-fuzz/corpus-$$n; \
+	  XDG_DATA_HOME=$(CURDIR)/build-fuzz/xdg-data XDG_CONFIG_HOME=$(CURDIR)/build-fuzz/xdg-config \
 	  $$f -max_total_time=$(FUZZ_SECONDS) build-fuzz/corpus-$$n tests/fuzz/corpus/$${n%_fuzz}; done
 
 # The desktop program, the terminal front end and the emulator, with a menu

@@ -11,8 +11,29 @@
 #include <QScreen>
 #include <QTimer>
 
+#include <QSocketNotifier>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <cstring>
+
+namespace {
+
+// SIGTERM and SIGINT close the window as its close box does (the capture is
+// stopped, the device disconnected, the settings saved): the handler only
+// writes a byte, which the event loop reads.
+int g_signalPipe[2] = {-1, -1};
+
+void OnTerminate(int)
+{
+    const char byte = 1;
+    (void)!::write(g_signalPipe[1], &byte, 1);
+}
+
+}  // namespace
 
 int main(int argc, char* argv[])
 {
@@ -34,6 +55,20 @@ int main(int argc, char* argv[])
         if (QScreen* screen = QGuiApplication::primaryScreen())
             window.setGeometry(screen->availableGeometry());
         window.show();
+        if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) == 0) {
+            auto* notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, &window);
+            QObject::connect(notifier, &QSocketNotifier::activated, &window, [&window] {
+                char byte;
+                while (::read(g_signalPipe[0], &byte, 1) == 1) {
+                }
+                window.close();
+            });
+            struct sigaction action {};
+            action.sa_handler = OnTerminate;
+            sigemptyset(&action.sa_mask);
+            sigaction(SIGTERM, &action, nullptr);
+            sigaction(SIGINT, &action, nullptr);
+        }
         // The demo: a newcomer sees a live session without knowing the device.
         const char* demo = std::getenv("COILSCOPE_DEMO");
         if (demo && std::strcmp(demo, "1") == 0)

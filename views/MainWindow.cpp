@@ -22,7 +22,9 @@
 #include <QUrl>
 #include <QVBoxLayout>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 namespace {
 
@@ -82,6 +84,18 @@ MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(p
 
 MainWindow::~MainWindow()
 {
+    // For the benchmark: how long the refreshes took.
+    if (const char* path = std::getenv("COILSCOPE_REFRESH_STATS")) {
+        if (std::FILE* f = std::fopen(path, "w")) {
+            std::vector<int64_t> us = m_refreshUs;
+            std::sort(us.begin(), us.end());
+            if (!us.empty())
+                std::fprintf(f, "refreshes %d, of the last %zu: median %.2f ms, worst %.2f ms\n", m_refreshes,
+                             us.size(), static_cast<double>(us[us.size() / 2]) / 1000.0,
+                             static_cast<double>(us.back()) / 1000.0);
+            std::fclose(f);
+        }
+    }
     AppSettings::Instance().save();
     // The controller's end joins whatever still runs and closes the ports.
     m_controller.reset();
@@ -351,6 +365,8 @@ void MainWindow::TimeOut_slot()
         return;
     }
     ++m_refreshes;
+    QElapsedTimer took;
+    took.start();
     RealTimeSample sample;
     if (m_tabWidget->currentIndex() == 0)
         m_controller->Manager().GetEvents(sample.events);
@@ -364,6 +380,9 @@ void MainWindow::TimeOut_slot()
     sample.time = static_cast<float>(static_cast<double>(m_eventClock.elapsed()) / 1000.0);
     m_dock->PushSample(sample);
     m_dock->Redraw();
+    if (m_refreshUs.size() >= 4096)
+        m_refreshUs.erase(m_refreshUs.begin(), m_refreshUs.begin() + 2048);
+    m_refreshUs.push_back(took.nsecsElapsed() / 1000);
     // (The power monitor takes its values here.)
     // The display queues of the two streams are emptied at every refresh; the
     // free-running wave panels draw them.

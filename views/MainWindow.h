@@ -15,6 +15,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 class QAction;
 class QLabel;
@@ -66,8 +67,10 @@ public:
     MainWindowPanels& Panels() { return m_panels; }
     // A session file is shown (Open), rather than a capture.
     bool FileOpen() const { return m_fileOpen; }
-    // Refreshes run and their timing, for the benchmark.
+    // Refreshes run, and how long the latest of them took (TimeOut_slot
+    // through the dock's redraw), in microseconds: the last 4096.
     int Refreshes() const { return m_refreshes; }
+    const std::vector<int64_t>& RefreshMicroseconds() const { return m_refreshUs; }
 
 signals:
     void timeout_signal();
@@ -106,5 +109,6 @@ private:
     bool m_fileOpen = false;
     int m_dacValue = 0;
     int m_refreshes = 0;
+    std::vector<int64_t> m_refreshUs;
     bool m_closing = false;
 };

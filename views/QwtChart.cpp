@@ -6,6 +6,8 @@
 #include <QGuiApplication>
 #include <QOffscreenSurface>
 #include <QOpenGLContext>
+#include <QGraphicsScene>
+#include <QTimer>
 #include <QtCharts/QChart>
 #include <QtCharts/QChartView>
 #include <QtCharts/QSplineSeries>
@@ -96,6 +98,22 @@ QwtChart::QwtChart(int kind, int xSpan, QWidget* parent) : QWidget(parent), m_ki
     m_chartView->setRubberBand(QChartView::NoRubberBand);
     ApplyKind();
     m_chart->setAnimationOptions(QChart::NoAnimation);
+
+    // The view paints on a timer when the scene changed, not at every change
+    // (a resize or an expose still paints at once).
+    m_chartView->setViewportUpdateMode(QGraphicsView::NoViewportUpdate);
+    connect(m_chartView->scene(), &QGraphicsScene::changed, this, [this] { m_changed = true; });
+    auto* paintTimer = new QTimer(this);
+    connect(paintTimer, &QTimer::timeout, this, &QwtChart::PaintIfChanged);
+    paintTimer->start(kPaintIntervalMs);
+}
+
+void QwtChart::PaintIfChanged()
+{
+    if (!m_changed || !isVisible())
+        return;
+    m_changed = false;
+    m_chartView->viewport()->update();
 }
 
 QwtChart::~QwtChart() = default;
