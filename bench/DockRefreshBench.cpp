@@ -4,6 +4,7 @@
 // limit). Prints the median and the 90th percentile of push + redraw, and of
 // push + redraw + the paint that follows, over 300 refreshes on the offscreen
 // platform.
+#include "ReplayedSession.h"
 #include "events/ui/QEventWindow.h"
 #include "services/SettingParams.h"
 #include "views/QWindowReal.h"
@@ -63,11 +64,7 @@ int main(int argc, char** argv)
     QTemporaryDir home;
     setenv("XDG_DATA_HOME", home.path().toLocal8Bit().constData(), 1);
     QApplication app(argc, argv);
-    SettingParams& s = SettingParams::Instance();
-    s.m_window_time = 15;
-    s.m_min_freq = 110000;
-    s.m_max_freq = 205000;
-    s.eventPath = s.logPath = home.path().toStdString() + "/";
+    UseViewSettings(home.path().toStdString());
 
     QWindowReal dock;
     dock.resize(1600, 900);

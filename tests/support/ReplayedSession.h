@@ -12,6 +12,17 @@
 
 #include <functional>
 
+// The settings the live views are shown with here: a fifteen-minute window,
+// the default frequency band's 110 to 205 kHz, and the session saved in folder.
+inline void UseViewSettings(const std::string& folder)
+{
+    SettingParams& s = SettingParams::Instance();
+    s.m_window_time = 15;
+    s.m_min_freq = 110000;
+    s.m_max_freq = 205000;
+    s.eventPath = s.logPath = folder + "/";
+}
+
 inline void ReplaySessionIntoSamples(double seconds, uint32_t seed,
                                      const std::function<void(RealTimeSample&)>& refresh)
 {

@@ -19,11 +19,7 @@ int main(int argc, char** argv)
     QApplication app(argc, argv);
     const QString out = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("dock.png");
     QTemporaryDir home;
-    SettingParams& s = SettingParams::Instance();
-    s.m_window_time = 15;
-    s.m_min_freq = 110000;
-    s.m_max_freq = 205000;
-    s.eventPath = s.logPath = home.path().toStdString() + "/";
+    UseViewSettings(home.path().toStdString());
 
     QWindowReal dock;
     dock.setWindowTitle(QStringLiteral("Coilscope"));

@@ -31,11 +31,7 @@ class WindowRealTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        SettingParams& s = SettingParams::Instance();
-        s.m_window_time = 15;
-        s.m_min_freq = 110000;
-        s.m_max_freq = 205000;
-        s.eventPath = s.logPath = dir.path().toStdString() + "/";
+        UseViewSettings(dir.path().toStdString());
     }
     QTemporaryDir dir;
 };
