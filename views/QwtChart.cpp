@@ -87,13 +87,14 @@ QwtChart::QwtChart(int kind, int xSpan, QWidget* parent) : QWidget(parent), m_ki
     for (QSplineSeries* s : {m_series, m_series2}) {
         *s << QPointF(0, 0) << QPointF(1, 1) << QPointF(2, 0) << QPointF(3, 1) << QPointF(4, 0) << QPointF(5, 1);
         s->setUseOpenGL(OpenGLAvailable());
-        // A cosmetic pen: a wide stroke of a 700-point spline is the costly
-        // part of painting it without OpenGL.
+        m_chart->addSeries(s);
+        // The theme's colour (given when the series joins the chart) in a
+        // cosmetic pen: a wide stroke of a 700-point spline is the costly part
+        // of painting it without OpenGL.
         QPen pen = s->pen();
         pen.setWidthF(1.5);
         pen.setCosmetic(true);
         s->setPen(pen);
-        m_chart->addSeries(s);
     }
     m_chart->createDefaultAxes();
     m_series->removePoints(0, 6);
