@@ -152,16 +152,7 @@ TEST(CaptureFile, FskCaptureFedBackGivesTheSameFrames)
     s.m_fsk_capture_data = 1;
     s.capturePath = dir.path().toStdString() + "/";
     SettingParams::Instance().detectedPolarity.store(-1);
-    qisim::FskWaveParams p;
-    p.polarity = -1;
-    qisim::FskWaveWriter w(p, 9);
-    w.OffMs(20);
-    w.CarrierMs(100);
-    w.Packet(qisim::WithChecksum({0x1F, 0x64}), 0);
-    w.CarrierMs(150);
-    w.Packet(qisim::WithChecksum({0x30, 0x13, 0x00, 0x2A}), 0);
-    w.CarrierMs(150);
-    const auto stream = qisim::FskStreamFrames(w.Words());
+    const auto stream = TwoFskPacketsStream();
     std::vector<std::string> liveFrames;
     {
         FskChain live;

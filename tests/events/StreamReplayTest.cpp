@@ -1,6 +1,7 @@
 // Replay of raw capture files that begin inside a frame: the reader finds the
 // frame grid before it feeds the parsers, so every packet after the cut comes
 // back, with or without the capture header.
+#include "FskChain.h"
 #include "decode/CaptureFile.h"
 #include "events/StreamReplay.h"
 #include "services/SettingParams.h"
@@ -32,16 +33,7 @@ std::vector<uint8_t> AskBytes()
 
 std::vector<uint8_t> FskBytes()
 {
-    qisim::FskWaveParams p;
-    p.polarity = -1;
-    qisim::FskWaveWriter w(p, 9);
-    w.OffMs(20);
-    w.CarrierMs(100);
-    w.Packet(qisim::WithChecksum({0x1F, 0x64}), 0);
-    w.CarrierMs(150);
-    w.Packet(qisim::WithChecksum({0x30, 0x13, 0x00, 0x2A}), 0);
-    w.CarrierMs(150);
-    return qisim::FskStreamFrames(w.Words());
+    return TwoFskPacketsStream();
 }
 
 std::vector<uint8_t> Header()

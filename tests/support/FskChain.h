@@ -204,3 +204,20 @@ inline FskRoundTrip RunFskRoundTrip(const FskRoundTripCase& c, uint8_t expectedP
     SettingParams::Instance().detectedPolarity.store(0);
     return r;
 }
+
+// Two transmitter packets on a carrier at negative polarity, after 20 ms of no
+// carrier, as the FSK port streams them: a Charge Status (1F 64) and an
+// Identification (30 13 00 2A).
+inline std::vector<uint8_t> TwoFskPacketsStream()
+{
+    qisim::FskWaveParams p;
+    p.polarity = -1;
+    qisim::FskWaveWriter w(p, 9);
+    w.OffMs(20);
+    w.CarrierMs(100);
+    w.Packet(qisim::WithChecksum({0x1F, 0x64}), 0);
+    w.CarrierMs(150);
+    w.Packet(qisim::WithChecksum({0x30, 0x13, 0x00, 0x2A}), 0);
+    w.CarrierMs(150);
+    return qisim::FskStreamFrames(w.Words());
+}
