@@ -1,4 +1,49 @@
-// AskWireReader: METHOD-NOTE
+// AskWireReader: the receiver's ASK packets read off every envelope sample.
+//
+// Two stages. The front end watches the idle level (a slow mean and mean
+// deviation, one compare a sample); when two samples in a row leave it, it
+// takes 64 samples to find the modulated level, puts a threshold halfway
+// between the two and from then on finds the envelope's transitions. The bit
+// reader (AskWireBitReader) turns transition times into bits: a run of
+// transitions half a bit apart is a preamble, a straight-line fit of their
+// times gives the bit clock, and every later transition is rounded to the
+// nearest half bit of that clock (a one has one half way, a zero has none),
+// the fit following each transition so that the clock tracks the packet.
+// Bytes are checked for start bit, odd parity and stop bit, the length comes
+// from the header by the Qi length rule and the XOR checksum closes the packet.
+//
+// Two edge finders were built and measured on the same synthesized streams
+// (bench/AskReaderCompare: every dispatcher header, random message bytes,
+// swings 400..3000 of either sign, preambles 11..25, 2 % noise, edges
+// jittered by up to 2 samples):
+//  A  level crossings: sums of three samples against the midpoint, with
+//     hysteresis of a fifth of the swing, the crossing time interpolated
+//     between the two sums around it;
+//  B  slope peaks: a four-sample difference, the transition at its peak
+//     refined by a parabola through the peak and its neighbours.
+// Under those conditions both read 70000 of 70000 packets exactly (10000 at
+// each of 1.6, 1.8, 1.9, 2.0, 2.1, 2.2 and 2.4 kHz) with no frame that was not
+// sent, and none out of 1.4 M samples of noise, random levels and square
+// wave; the list decoder on the same streams: 0 / 0.1 / 17.9 / 72.3 / 26.2 /
+// 0.6 / 0 % exact at those rates, 117 frames not sent in 7000 packets. They
+// part on harsher envelopes (2000 packets each):
+//     rise 6 samples        1.6 kHz  A 100 %    B 40.5 %
+//                           2.0 kHz  A 100 %    B 83.1 %
+//                           2.4 kHz  A 78.9 %   B 93.4 %
+//     5 % noise, jitter 3, rise 5
+//                           1.6 kHz  A 100 %    B 93.2 %
+//                           2.0 kHz  A 93.1 %   B 93.7 %
+//                           2.4 kHz  A 11.4 %   B 55.6 %
+//     8 % noise             2.4 kHz  A 99.95 %  B 99.90 %
+// A is kept: it loses nothing a receiver sends, is the more robust of the
+// two on slow edges at the usual bit rates, needs one compare per sample on
+// the level and no division, and its threshold follows the measured levels
+// rather than a slope that shrinks with rise time. B is better only where
+// half-bit pulses barely reach the modulated level (fast rates with slow
+// edges), which receivers do not send. B lives in the comparison tool only.
+//
+// Speed (Release, one core, bench/AskWireReaderBench: packets separated by
+// 20 to 40 ms of idle): about 165 M samples a second.
 #include "decode/AskWireReader.h"
 
 #include <algorithm>
