@@ -122,6 +122,16 @@ void QEventInfo::SetLimits(int minHz, int maxHz)
 
 namespace {
 
+// Sets a gauge's text only when it changes: the refresh sets every gauge 33
+// times a second, and setting a line edit's text lays it out anew even when
+// the text is the same.
+template <class Edit>
+void SetText(Edit* edit, const QString& text)
+{
+    if (edit->text() != text)
+        edit->setText(text);
+}
+
 // A number truncated to an int, and 0 for what is no number or out of reach.
 int Truncated(double v)
 {
@@ -135,21 +145,21 @@ int Truncated(double v)
 void QEventInfo::SetFrequency(double kHz)
 {
     const int hz = Truncated(kHz * 1000.0);
-    m_freqText->setText(QStringLiteral("%1 HZ").arg(hz));
+    SetText(m_freqText, QStringLiteral("%1 HZ").arg(hz));
     // Outside the limits the bar keeps what it showed.
     m_freqBar->setValue(hz);
 }
 
 void QEventInfo::SetControlError(double percent)
 {
-    m_ceText->setText(QString::asprintf("%.1f%%", percent));
+    SetText(m_ceText, QString::asprintf("%.1f%%", percent));
     // Beyond the range the bar stands at its end.
     m_ceBar->setValue(std::clamp(Truncated(percent), m_ceBar->minimum(), m_ceBar->maximum()));
 }
 
 void QEventInfo::SetPower(double percent)
 {
-    m_powerText->setText(QString::asprintf("%.1f%%", percent));
+    SetText(m_powerText, QString::asprintf("%.1f%%", percent));
     m_powerBar->setValue(percent > m_powerBar->maximum() ? 200 : Truncated(percent));
 }
 
@@ -157,7 +167,7 @@ void QEventInfo::SetPackets(int64_t counters)
 {
     const auto errors = static_cast<int32_t>(static_cast<uint64_t>(counters) >> 32);
     const auto total = static_cast<int32_t>(static_cast<uint64_t>(counters) & 0xFFFFFFFFu);
-    m_packetsText->setText(QString::asprintf("%d/%d", errors, total));
+    SetText(m_packetsText, QString::asprintf("%d/%d", errors, total));
 }
 
 void QEventInfo::Clear()

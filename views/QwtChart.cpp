@@ -117,10 +117,41 @@ QwtChart::QwtChart(int kind, int xSpan, QWidget* parent) : QWidget(parent), m_ki
 
 void QwtChart::PaintIfChanged()
 {
-    if (!m_changed || !isVisible())
+    if (!isVisible())
+        return;
+    if (m_hasPending) {
+        HandOver();
+        m_changed = true;
+    }
+    if (!m_changed)
         return;
     m_changed = false;
     m_chartView->viewport()->update();
+}
+
+// The series takes the newest points only when it is about to be painted (or
+// when someone reads it): a replace lays out the whole spline again, and the
+// refresh hands over points three times as often as the chart paints.
+void QwtChart::HandOver() const
+{
+    if (!m_hasPending)
+        return;
+    m_hasPending = false;
+    m_series->replace(m_pending);
+    m_pending.clear();
+}
+
+QtCharts::QSplineSeries* QwtChart::Series() const
+{
+    HandOver();
+    return m_series;
+}
+
+void QwtChart::Offer(QVector<QPointF>&& points)
+{
+    m_pending = std::move(points);
+    m_hasPending = true;
+    ++m_replacements;
 }
 
 QwtChart::~QwtChart() = default;
@@ -171,6 +202,8 @@ void QwtChart::ApplyKind()
 
 void QwtChart::Clear()
 {
+    m_hasPending = false;
+    m_pending.clear();
     m_series->clear();
     m_series2->clear();
 }
@@ -185,8 +218,7 @@ void QwtChart::SetPoints(const QVector<double>& x, const QVector<double>& y)
     for (int i = 0; i < n; ++i)
         if (Finite(x[i]) && Finite(y[i]))
             points.append(QPointF(x[i], y[i]));
-    m_series->replace(points);
-    ++m_replacements;
+    Offer(std::move(points));
 }
 
 void QwtChart::SetPointsByIndex(const QVector<double>& y)
@@ -198,15 +230,14 @@ void QwtChart::SetPointsByIndex(const QVector<double>& y)
     for (int i = 0; i < y.size(); ++i)
         if (Finite(y[i]))
             points.append(QPointF(i, y[i]));
-    m_series->replace(points);
-    ++m_replacements;
+    Offer(std::move(points));
 }
 
 void QwtChart::AppendRoll(const QVector<double>& samples)
 {
     if (samples.isEmpty() || !isVisible())
         return;
-    QVector<QPointF> points = m_series->pointsVector();
+    QVector<QPointF> points = m_hasPending ? m_pending : m_series->pointsVector();
     for (double v : samples)
         if (Finite(v))
             points.append(QPointF(0, v));
@@ -214,14 +245,14 @@ void QwtChart::AppendRoll(const QVector<double>& samples)
         points.remove(0, points.size() - m_xSpan);
     for (int i = 0; i < points.size(); ++i)
         points[i].setX(i);
-    m_series->replace(points);
-    ++m_replacements;
+    Offer(std::move(points));
 }
 
 void QwtChart::AppendPower(const QList<QPointF>& points)
 {
     if (points.isEmpty())
         return;
+    HandOver();
     if (points.size() >= 101) {
         // Taken off the chart while it grows: one redraw, not one per point.
         QList<QAbstractAxis*> axes = m_series->attachedAxes();

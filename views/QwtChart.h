@@ -66,22 +66,25 @@ public:
     const QString& SeriesName() const { return m_seriesName; }
     QtCharts::QChart* Chart() const { return m_chart; }
     QtCharts::QChartView* ChartView() const { return m_chartView; }
-    QtCharts::QSplineSeries* Series() const { return m_series; }
+    // The first series, holding the newest points handed to the chart.
+    QtCharts::QSplineSeries* Series() const;
     QtCharts::QSplineSeries* SecondSeries() const { return m_series2; }
     QtCharts::QValueAxis* AxisX() const;
     QtCharts::QValueAxis* AxisY() const;
-    // Replacements of the series so far (one per redraw that drew).
+    // Series handed to the chart so far (one per refresh that drew).
     int Replacements() const { return m_replacements; }
 
     // The chart is painted at most this often (milliseconds): the refresh
-    // replaces the series every 30 ms, which no eye follows on a 20 s chart,
-    // and painting 700-point splines at that pace was most of the interface
-    // thread's work.
-    static constexpr int kPaintIntervalMs = 100;
+    // hands over the series every 30 ms, which no eye follows on a 20 s chart,
+    // and laying out and painting 700-point splines at that pace was a large
+    // part of the interface thread's work.
+    static constexpr int kPaintIntervalMs = 200;
 
 private:
     void ApplyKind();
     void PaintIfChanged();
+    void Offer(QVector<QPointF>&& points);
+    void HandOver() const;
 
     QtCharts::QChartView* m_chartView = nullptr;
     QtCharts::QChart* m_chart = nullptr;
@@ -94,4 +97,7 @@ private:
     int32_t m_xSpan = 0;
     int m_replacements = 0;
     bool m_changed = false;
+    // Points handed over by the refresh and not yet given to the series.
+    mutable QVector<QPointF> m_pending;
+    mutable bool m_hasPending = false;
 };

@@ -17,6 +17,7 @@
 #include <QTextBlock>
 #include <QTextCursor>
 #include <QTextDocument>
+#include <QTimer>
 #include <QTreeView>
 #include <QVBoxLayout>
 
@@ -71,6 +72,10 @@ QEventWindow::QEventWindow(QWidget* parent) : QDialog(parent)
     m_eventView->setModel(m_proxy);
     m_eventView->expand(m_proxy->index(0, 0));
     RebuildLogText();
+    m_treeTimer = new QTimer(this);
+    m_treeTimer->setSingleShot(true);
+    m_treeTimer->setInterval(kTreeCatchUpMs);
+    connect(m_treeTimer, &QTimer::timeout, this, &QEventWindow::CatchUpTree);
 }
 
 QEventWindow::~QEventWindow()
@@ -183,6 +188,7 @@ QIcon QEventWindow::IconOf(const QStandardItemEx& item) const
 void QEventWindow::AddEvents(const std::vector<MsgInfoPtr>& events)
 {
     const int rootRows = m_model.Root()->rowCount();
+    BeforeTreeChange();
     m_model.AddEvents(events);
     AfterTreeChange(rootRows);
 }
@@ -190,6 +196,7 @@ void QEventWindow::AddEvents(const std::vector<MsgInfoPtr>& events)
 void QEventWindow::StartAcquisition(const std::string& text)
 {
     const int rootRows = m_model.Root()->rowCount();
+    BeforeTreeChange();
     m_model.StartAcquisition(text);
     AfterTreeChange(rootRows);
 }
@@ -197,12 +204,16 @@ void QEventWindow::StartAcquisition(const std::string& text)
 void QEventWindow::StopAcquisition(const std::string& text)
 {
     const int rootRows = m_model.Root()->rowCount();
+    BeforeTreeChange();
     m_model.StopAcquisition(text);
     AfterTreeChange(rootRows);
 }
 
 void QEventWindow::ClearAll()
 {
+    m_treeTimer->stop();
+    m_treeBehind = false;
+    m_eventView->viewport()->setUpdatesEnabled(true);
     m_model.ClearAll();
     m_expandedAll = false;
     m_eventView->expand(m_proxy->index(0, 0));
@@ -214,16 +225,52 @@ void QEventWindow::ClearAll()
 // the costly part, and it catches up with the next batch once shown.
 void QEventWindow::AfterTreeChange(int rootRowsBefore)
 {
-    const bool shown = m_eventView->isVisible();
-    if (shown && m_eventExpand && m_model.PhaseGroup())
+    if (!m_eventView->isVisible()) {
+        m_expandedAll = false;
+    } else if (m_treeTimer->isActive()) {
+        // Within the catch-up time of the last batch shown: this one waits.
+        if (!m_treeBehind)
+            m_behindRootRows = rootRowsBefore;
+        m_treeBehind = true;
+    } else {
+        ShowTreeChange(rootRowsBefore);
+        m_treeTimer->start();
+    }
+    SyncLogText();
+}
+
+// A batch that will wait for the catch-up is added with the tree's painting
+// held: the rows it inserts would otherwise repaint the tree at once.
+void QEventWindow::BeforeTreeChange()
+{
+    if (m_eventView->isVisible() && m_treeTimer->isActive())
+        m_eventView->viewport()->setUpdatesEnabled(false);
+}
+
+void QEventWindow::CatchUpTree()
+{
+    m_eventView->viewport()->setUpdatesEnabled(true);
+    if (!m_treeBehind)
+        return;
+    m_treeBehind = false;
+    if (!m_eventView->isVisible()) {
+        m_expandedAll = false;
+        return;
+    }
+    ShowTreeChange(m_behindRootRows);
+    m_treeTimer->start();
+}
+
+void QEventWindow::ShowTreeChange(int rootRowsBefore)
+{
+    if (m_eventExpand && m_model.PhaseGroup())
         ExpandAll(rootRowsBefore);
     else
         m_expandedAll = false;
-    if (shown && m_eventScroll) {
+    if (m_eventScroll) {
         m_eventView->scrollToBottom();
         m_eventView->resizeColumnToContents(0);
     }
-    SyncLogText();
 }
 
 // Every item expanded, as QTreeView::expandAll leaves the tree. expandAll lays

@@ -17,6 +17,7 @@ class QModelIndex;
 class QPlainTextEdit;
 class QPushButton;
 class QTabWidget;
+class QTimer;
 class QTreeView;
 class QWidget;
 
@@ -45,6 +46,14 @@ public:
     const QMap<QString, QIcon>& Icons() const { return m_icons; }
     // Rebuilds of the whole log text so far (the rest were appended in place).
     int LogRebuilds() const { return m_logRebuilds; }
+    // The shown tree takes a batch at once when none came for a while; the
+    // batches that follow within this many milliseconds are painted,
+    // expanded and followed together at its end. Laying the tree out and
+    // painting it at every 30 ms refresh was the interface thread's largest
+    // cost during a live capture.
+    static constexpr int kTreeCatchUpMs = 250;
+    // True while the shown tree has batches it has not caught up with.
+    bool TreeBehind() const { return m_treeBehind; }
 
 signals:
     void EventWindowSelect_Signal(MsgInfo& info, StandardItemMode mode);
@@ -61,7 +70,10 @@ public slots:
 private:
     void BuildForm();
     // What a change of the tree shows; the root had rootRowsBefore rows before.
+    void BeforeTreeChange();
     void AfterTreeChange(int rootRowsBefore);
+    void ShowTreeChange(int rootRowsBefore);
+    void CatchUpTree();
     void ExpandAll(int rootRowsBefore);
     void SyncLogText();
     void RebuildLogText();
@@ -74,6 +86,11 @@ private:
     bool m_eventExpand = true;
     // Every item of the tree is expanded (nothing collapsed it since).
     bool m_expandedAll = false;
+    // Batches within kTreeCatchUpMs of a shown one wait for the timer: the
+    // root's row count before the first of them.
+    QTimer* m_treeTimer = nullptr;
+    bool m_treeBehind = false;
+    int m_behindRootRows = 0;
 
     QTabWidget* m_tabWidget = nullptr;
     QWidget* m_tab = nullptr;

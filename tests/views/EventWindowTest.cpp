@@ -195,6 +195,7 @@ TEST_F(EventWindowTest, ShownTreeFollowsAndExpandsTheNewestEvent)
     w.StartAcquisition();
     for (int k = 0; k < 5; ++k)
         w.AddEvents(Batch(20));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !w.TreeBehind(); }, 5000));
     QTreeView* tree = w.EventView();
     QAbstractItemModel* m = tree->model();
     const QModelIndex root = m->index(0, 0);
@@ -203,6 +204,41 @@ TEST_F(EventWindowTest, ShownTreeFollowsAndExpandsTheNewestEvent)
     EXPECT_TRUE(tree->isExpanded(group));
     EXPECT_GT(tree->verticalScrollBar()->maximum(), 0);
     EXPECT_EQ(tree->verticalScrollBar()->value(), tree->verticalScrollBar()->maximum());
+}
+
+TEST_F(EventWindowTest, BatchesSoonAfterAShownOneAreShownTogetherAtTheEndOfTheCatchUpTime)
+{
+    QEventWindow w;
+    w.resize(300, 200);
+    w.show();
+    w.StartAcquisition();  // shown at once, and opens the catch-up time
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !w.TreeBehind(); }, 5000));
+    QTest::qWait(QEventWindow::kTreeCatchUpMs + 50);
+    QTreeView* tree = w.EventView();
+    QAbstractItemModel* m = tree->model();
+    const QModelIndex root = m->index(0, 0);
+    // The first batch after a quiet time is followed at once.
+    w.AddEvents(Batch(20));
+    EXPECT_FALSE(w.TreeBehind());
+    const QModelIndex first = m->index(m->rowCount(root) - 1, 0, root);
+    EXPECT_TRUE(tree->isExpanded(first));
+    const int followed = tree->verticalScrollBar()->value();
+    EXPECT_EQ(followed, tree->verticalScrollBar()->maximum());
+    // The next ones, right after it, wait: numbered and in the model, but the
+    // view neither scrolls nor paints until the catch-up.
+    for (int k = 0; k < 3; ++k)
+        w.AddEvents(Batch(20));
+    EXPECT_TRUE(w.TreeBehind());
+    EXPECT_FALSE(tree->viewport()->updatesEnabled());
+    EXPECT_EQ(tree->verticalScrollBar()->value(), followed);
+    EXPECT_EQ(w.Model().NextEventNumber(), 1 + 1 + 4 * 22);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !w.TreeBehind(); }, 5000));
+    EXPECT_TRUE(tree->viewport()->updatesEnabled());
+    EXPECT_GT(tree->verticalScrollBar()->value(), followed);
+    EXPECT_EQ(tree->verticalScrollBar()->value(), tree->verticalScrollBar()->maximum());
+    EXPECT_TRUE(tree->isExpanded(m->index(m->rowCount(root) - 1, 0, root)));
+    // The log is never held back.
+    EXPECT_EQ(w.LogView()->toPlainText(), w.Model().LogText());
 }
 
 TEST_F(EventWindowTest, HiddenWindowNeitherScrollsNorExpandsButNumbersAndSaves)
@@ -239,6 +275,7 @@ TEST_F(EventWindowTest, ExpandButtonCollapsesToTheRootAndBack)
     w.show();
     w.StartAcquisition();
     w.AddEvents(Batch(5));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !w.TreeBehind(); }, 5000));
     QTreeView* tree = w.EventView();
     QAbstractItemModel* m = tree->model();
     const QModelIndex root = m->index(0, 0);
@@ -253,10 +290,12 @@ TEST_F(EventWindowTest, ExpandButtonCollapsesToTheRootAndBack)
     EXPECT_TRUE(tree->isExpanded(root));
     EXPECT_FALSE(tree->isExpanded(group));
     w.AddEvents(Batch(1));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !w.TreeBehind(); }, 5000));
     EXPECT_FALSE(tree->isExpanded(m->index(m->rowCount(root) - 1, 0, root)));
     expand->click();
     EXPECT_EQ(expand->icon().cacheKey(), closeIcon);
     w.AddEvents(Batch(1));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !w.TreeBehind(); }, 5000));
     EXPECT_TRUE(tree->isExpanded(m->index(m->rowCount(root) - 1, 0, root)));
 }
 
@@ -402,6 +441,7 @@ TEST_F(EventWindowTest, FollowingTreeIsExpandedAsExpandAllLeavesIt)
         w.AddEvents(Batch(k % 5 + 1));
         w.AddEvents({MakeEvent(253, 1, "Digital Ping 64ms"), MakeEvent(7, 2, "Request", "07 30 37 "),
                      MakeEvent(48, 1, "Power Transmitter Identification")});
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !w.TreeBehind(); }, 5000));
         ASSERT_EQ(collapsed(QModelIndex()), 0) << k;
     }
     const QModelIndex root = m->index(0, 0);
@@ -410,6 +450,7 @@ TEST_F(EventWindowTest, FollowingTreeIsExpandedAsExpandAllLeavesIt)
     tree->collapse(oldGroup);
     EXPECT_EQ(collapsed(QModelIndex()), 1);
     w.AddEvents(Batch(2));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !w.TreeBehind(); }, 5000));
     EXPECT_EQ(collapsed(QModelIndex()), 0);
     EXPECT_TRUE(tree->isExpanded(oldGroup));
 }
