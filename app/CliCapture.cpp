@@ -1,5 +1,6 @@
 #include "app/CliCapture.h"
 
+#include "app/CliReplay.h"
 #include "app/SessionPrinter.h"
 #include "capture/AcquisitionController.h"
 #include "capture/CommandProtocol.h"
@@ -52,7 +53,7 @@ void PrintStats(const EventLogModel& model, size_t heapAtStart, double seconds)
 }
 
 const char* kCaptureHelp =
-    "usage: coilscope-cli capture [--seconds N] [--json] [--stats]\n"
+    "usage: coilscope-cli capture [--seconds N] [--json] [--stats] [--ask-reader list|both]\n"
     "\n"
     "Finds the sniffer on the serial ports (/dev/ttyACM0 to 99, or the printf\n"
     "pattern in COILSCOPE_PORTS), starts streaming and prints the session's\n"
@@ -68,6 +69,9 @@ const char* kCaptureHelp =
     "stderr tells what the session holds in memory: the event tree's items,\n"
     "the capture records they keep for the wave view, and the heap in use;\n"
     "at the end, a last line gives the heap in use once the tree is cleared.\n"
+    "\n"
+    "--ask-reader: as for replay (list: the list decoder alone; both: with the\n"
+    "second reader; without it, as the settings say, both by default).\n"
     "\n"
     "example:\n"
     "  COILSCOPE_PORTS=/tmp/sim/ttyACM%d coilscope-cli capture --seconds 20\n";
@@ -111,6 +115,12 @@ int RunCapture(int argc, char** argv)
             json = true;
         } else if (a == "--stats") {
             stats = true;
+        } else if (a == "--ask-reader" && i + 1 < argc) {
+            bool both = true;
+            if (!ParseAskReader(argv[++i], both))
+                return 2;
+            // For this run only: the settings file is not written from here.
+            SettingParams::Instance().m_ask_second_reader = both ? 1 : 0;
         } else if (a == "--seconds" && i + 1 < argc) {
             char* end = nullptr;
             seconds = std::strtod(argv[++i], &end);

@@ -17,7 +17,7 @@
 namespace {
 
 const char* kReplayHelp =
-    "usage: coilscope-cli replay ASKFILE [FSKFILE] [--sid OUT] [--json]\n"
+    "usage: coilscope-cli replay ASKFILE [FSKFILE] [--sid OUT] [--json] [--ask-reader list|both]\n"
     "       coilscope-cli replay SESSION.sid [--json]\n"
     "\n"
     "Raw capture files (.2k.bin, .fsk.bin; a capture header is skipped, and so\n"
@@ -25,6 +25,11 @@ const char* kReplayHelp =
     "through the same decoders and data manager as a live capture, in capture\n"
     "time order, and the session's log is printed (--json: one JSON object per\n"
     "event). --sid OUT also writes the events as a session file.\n"
+    "--ask-reader both (the default, unless the settings turn the second\n"
+    "reader off) reads the receiver's packets with the list decoder and a\n"
+    "second reader, which recovers what the list decoder missed and corrects\n"
+    "what it misread (\"reading\" and \"otherReading\" in --json); list keeps\n"
+    "the list decoder alone.\n"
     "A session file (.sid) is played through the event log between a Start\n"
     "and a Stop marker, as opening it in the window does; the Start marker\n"
     "saves the replayed session anew in a session folder (told on stderr).\n"
@@ -49,11 +54,23 @@ bool EndsWith(const std::string& s, const std::string& tail)
 
 }  // namespace
 
+bool ParseAskReader(const char* value, bool& both)
+{
+    const std::string v = value ? value : "";
+    if (v == "list" || v == "both") {
+        both = v == "both";
+        return true;
+    }
+    std::fprintf(stderr, "coilscope-cli: --ask-reader takes list or both, not \"%s\"\n", v.c_str());
+    return false;
+}
+
 int RunReplay(int argc, char** argv)
 {
     std::vector<std::string> files;
     std::string sidOut;
     bool json = false;
+    int askReader = -1;  // -1: as the settings say
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "--help" || a == "-h") {
@@ -64,6 +81,12 @@ int RunReplay(int argc, char** argv)
             json = true;
         else if (a == "--sid" && i + 1 < argc)
             sidOut = argv[++i];
+        else if (a == "--ask-reader" && i + 1 < argc) {
+            bool both = true;
+            if (!ParseAskReader(argv[++i], both))
+                return 2;
+            askReader = both ? 1 : 0;
+        }
         else if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
             std::fprintf(stderr, "coilscope-cli replay: unknown option %s (try --help)\n", a.c_str());
             return 2;
@@ -115,6 +138,8 @@ int RunReplay(int argc, char** argv)
         }
     }
     StreamReplay replay(std::move(ask), std::move(fsk));
+    if (askReader >= 0)
+        replay.Manager().SetSecondAskReader(askReader == 1);
     // A capture begins where the port was when streaming started, often inside
     // a frame: what lies before the first whole frame is not played.
     if (replay.SkippedAsk() > 0)

@@ -172,6 +172,10 @@ void AcquisitionController::DevStart()
         std::lock_guard<std::mutex> lock(m_tickMutex);
         m_tickPending = 0;
     }
+    // The second ASK reader reads the stream's samples when the setting says so.
+    const bool secondReader = settings.m_ask_second_reader != 0;
+    m_manager.SetSecondAskReader(secondReader);
+    m_ask.Stream().SetWireFeed(secondReader);
     MyThread::Start();
     // The FSK decoding loop runs twice, as two workers on the same lists.
     if (!m_extraRun1.joinable())
@@ -192,6 +196,9 @@ void AcquisitionController::DevStop()
     Log::Printf("DevStop 2");
     Log::Printf("DevStop 3");
     JoinWorkers(true);
+    // Nothing more will be decoded: the frames that the two ASK readers still
+    // hold for each other go out with the next refresh.
+    m_manager.SettleHeldFrames();
     Log::Printf("DevStop 7");
     m_manager.ResetCounters();
     Log::Printf("DevStop 8");

@@ -10,9 +10,18 @@ int AskDecodingPass(AskStream& stream, AskDecodingHost& host)
 {
     if (!host.IsAcquiring())
         return 200;
-    std::shared_ptr<TriggerData> burst = stream.Take();
-    if (!burst)
+    // The wire feed goes to the second reader first: it reads ahead of the
+    // list decoder, whose progress is told once the bursts run out.
+    thread_local std::vector<int32_t> wire;
+    uint64_t first = 0;
+    if (stream.TakeWire(wire, first) && host.ReadsWire())
+        host.ReadWire(wire.data(), wire.size(), first);
+    uint64_t closedBefore = 0;
+    std::shared_ptr<TriggerData> burst = stream.Take(closedBefore);
+    if (!burst) {
+        host.ListDecoderPassed(closedBefore);
         return 10;
+    }
     const size_t n = burst->pulses.size();
     if (n >= 500 || n < 41)
         return 0;

@@ -24,6 +24,19 @@ public:
     virtual void CountGoodPacket() = 0;
     virtual void SetLastAskTime(int64_t tick) = 0;
     virtual void AutoDacLevel(int64_t amplitude) = 0;
+
+    // The second ASK reader, for hosts that have one: whether it reads, the
+    // samples of the stream's wire feed as they came (numbered from first),
+    // and how far the list decoder has got: every burst of samples numbered
+    // below `sample` has been decoded.
+    virtual bool ReadsWire() const { return false; }
+    virtual void ReadWire(const int32_t* samples, size_t n, uint64_t first)
+    {
+        (void)samples;
+        (void)n;
+        (void)first;
+    }
+    virtual void ListDecoderPassed(uint64_t sample) { (void)sample; }
 };
 
 // One pass of the decoding loop. Returns the milliseconds the loop sleeps before

@@ -304,6 +304,42 @@ std::shared_ptr<TriggerData> BurstOf(const std::vector<int32_t>& y, const std::v
 
 void AskStream::Process()
 {
+    PassWireSamples();
+    CutBursts();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_added)
+        m_closedBefore = m_newest + 1 - m_samples.size();
+}
+
+void AskStream::PassWireSamples()
+{
+    if (m_wireNew.empty())
+        return;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_wireOut.empty() && m_wireOutFirst + m_wireOut.size() != m_wireNewFirst)
+        m_wireOut.clear();  // not contiguous (cleared in between): the older part goes
+    if (m_wireOut.empty()) {
+        m_wireOut.swap(m_wireNew);
+        m_wireOutFirst = m_wireNewFirst;
+    } else {
+        m_wireOut.insert(m_wireOut.end(), m_wireNew.begin(), m_wireNew.end());
+    }
+    m_wireNew.clear();
+}
+
+bool AskStream::TakeWire(std::vector<int32_t>& out, uint64_t& first)
+{
+    out.clear();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_wireOut.empty())
+        return false;
+    out.swap(m_wireOut);
+    first = m_wireOutFirst;
+    return true;
+}
+
+void AskStream::CutBursts()
+{
     // 200 samples are 5 ms of envelope.
     if (m_samples.size() < 200)
         return;
@@ -377,6 +413,18 @@ std::shared_ptr<TriggerData> AskStream::Take()
     return burst;
 }
 
+std::shared_ptr<TriggerData> AskStream::Take(uint64_t& closedBefore)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_output.empty()) {
+        closedBefore = m_closedBefore;
+        return nullptr;
+    }
+    auto burst = m_output.front();
+    m_output.pop_front();
+    return burst;
+}
+
 void AskStream::Put(std::shared_ptr<TriggerData> burst)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -386,8 +434,10 @@ void AskStream::Put(std::shared_ptr<TriggerData> burst)
 void AskStream::Clear()
 {
     m_samples.clear();
+    m_wireNew.clear();
     std::lock_guard<std::mutex> lock(m_mutex);
     m_output.clear();
+    m_wireOut.clear();
 }
 
 size_t AskStream::PendingBursts()

@@ -5,6 +5,7 @@
 
 #include "common/TriggerData.h"
 
+#include <atomic>
 #include <cstdint>
 #include <iterator>
 #include <list>
@@ -228,13 +229,33 @@ public:
     {
         m_samples.push_back(sample);
         m_newest = number;
+        m_added = true;
+        if (m_wireFeed.load(std::memory_order_relaxed)) {
+            if (m_wireNew.empty())
+                m_wireNewFirst = number;
+            m_wireNew.push_back(sample);
+        }
     }
 
     // Cuts the samples gathered so far into bursts; see the notes in the source.
+    // With the wire feed on, also passes the samples added since the last call,
+    // as they came, to the second reader's queue.
     void Process();
 
     // Pops the oldest burst, or null.
     std::shared_ptr<TriggerData> Take();
+    // Same; when there is no burst, closedBefore receives the number of the
+    // first sample that the burst cutter may still put into a burst: every
+    // burst of earlier samples has been taken.
+    std::shared_ptr<TriggerData> Take(uint64_t& closedBefore);
+
+    // The wire feed: every sample, unsmoothed and uncut, for the second ASK
+    // reader. Off by default; the samples wait in a queue until taken.
+    void SetWireFeed(bool on) { m_wireFeed.store(on, std::memory_order_relaxed); }
+    bool WireFeed() const { return m_wireFeed.load(std::memory_order_relaxed); }
+    // Moves the queued samples into out (replacing its contents) and the
+    // number of the first into first; false when none are queued.
+    bool TakeWire(std::vector<int32_t>& out, uint64_t& first);
     // Queues a burst made elsewhere (a recorded one, for instance).
     void Put(std::shared_ptr<TriggerData> burst);
 
@@ -246,8 +267,21 @@ public:
     uint64_t Newest() const { return m_newest; }
 
 private:
+    void CutBursts();
+    void PassWireSamples();
+
     uint64_t m_newest = 0;
+    bool m_added = false;
     std::mutex m_mutex;
+    // Guarded by m_mutex: the first sample still open to the burst cutter.
+    uint64_t m_closedBefore = 0;
+    // The wire feed: filled by Add on the stream's thread, handed over under
+    // the lock by Process, taken by the decoding thread.
+    std::atomic<bool> m_wireFeed{false};
+    std::vector<int32_t> m_wireNew;
+    uint64_t m_wireNewFirst = 0;
+    std::vector<int32_t> m_wireOut;  // guarded by m_mutex
+    uint64_t m_wireOutFirst = 0;     // guarded by m_mutex
     std::list<std::shared_ptr<TriggerData>> m_output;
     std::vector<int32_t> m_samples;
     // Scratch space reused from pass to pass.

@@ -444,6 +444,12 @@ std::shared_ptr<CMsgData> CDataFilter::TakeFrame()
     return frame;
 }
 
+void CDataFilter::PutFrame(std::shared_ptr<CMsgData> frame)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_output.push_back(std::move(frame));
+}
+
 void CDataFilter::Clear()
 {
     {

@@ -52,6 +52,8 @@ public:
 
     // Pops the oldest frame, or null.
     std::shared_ptr<CMsgData> TakeFrame();
+    // Queues a frame decoded elsewhere (a recorded one, for instance).
+    void PutFrame(std::shared_ptr<CMsgData> frame);
 
     void Reset() { m_phase.store(0, std::memory_order_relaxed); }
     void Clear();

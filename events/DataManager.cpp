@@ -3,6 +3,7 @@
 #include "common/Clock.h"
 #include "common/TimeText.h"
 
+#include <algorithm>
 #include <cmath>
 #include <sstream>
 
@@ -158,8 +159,12 @@ void CDataManager::GetEvents(std::vector<MsgInfoPtr>& out)
     if (m_resetPending.exchange(false, std::memory_order_relaxed))
         m_dispatcher.Reset();
 
-    while (auto frame = m_askFilter.TakeFrame())
-        m_dispatcher.Receive(frame);
+    if (SecondAskReader()) {
+        ReleaseHeld();
+    } else {
+        while (auto frame = m_askFilter.TakeFrame())
+            m_dispatcher.Receive(frame);
+    }
 
     while (auto frame = m_fskFilter.TakeFrame()) {
         auto e = std::make_shared<MsgInfo>();
@@ -210,9 +215,228 @@ void CDataManager::Clear()
         std::lock_guard<std::mutex> lock(m_queueMutex);
         m_queue.clear();
     }
+    {
+        std::lock_guard<std::mutex> lock(m_wireMutex);
+        m_wireOut.clear();
+    }
+    m_held.clear();
+    m_settleAll.store(false, std::memory_order_relaxed);
     m_askFilter.Clear();
     m_fskFilter.Clear();
     m_askFilter.ResetCounters();
+}
+
+// ------------------------------------------------- the second ASK reader
+
+// The two ASK readers are merged frame by frame. Each frame waits until both
+// readers have looked past its span (the list decoder has decoded every burst
+// there, the second reader has read every sample), then the frames whose
+// spans overlap are settled together:
+//  - a frame of the second reader where the list decoder gave nothing becomes
+//    an event of its own, marked "recovered";
+//  - where both read the same bytes, the list decoder's frame stands as it is;
+//  - where the list decoder read other bytes, the second reading stands (it
+//    checked the parity of every byte and the checksum; the list decoder
+//    checks no parity and forks on ties), marked "corrected", with the list
+//    decoder's bytes beside it.
+// Everything goes through the dispatcher in capture order, as any frame.
+
+namespace {
+
+// The newest samples the second reader was given, for the capture records of
+// its frames: 2^17 samples are 3.3 s, far more than the longest packet.
+constexpr size_t kWireRing = size_t{1} << 17;
+
+bool Overlap(uint64_t a0, uint64_t a1, uint64_t b0, uint64_t b1)
+{
+    return a0 <= b1 && b0 <= a1;
+}
+
+}  // namespace
+
+std::shared_ptr<CMsgData> CDataManager::WireFrame(const AskWireFrame& w)
+{
+    auto frame = std::make_shared<CMsgData>();
+    frame->SetFrame(w.bytes.data(), w.bytes.size());
+    const double spb = w.samplesPerBit > 0.0 ? w.samplesPerBit : 20.0;
+    const double preamble = static_cast<double>(w.startBitSample - std::min(w.startBitSample, w.firstSample)) / spb;
+    frame->packet.premambleCount = static_cast<uint64_t>(std::lround(preamble));
+    frame->packet.PacketData = SpacedHex(w.bytes.data(), w.bytes.size());
+    frame->packet.numbytesInPacket = w.bytes.size();
+    frame->packet.Status = "NoError";
+    frame->packet.reading = "recovered";
+
+    auto capture = std::make_shared<TriggerData>();
+    capture->startTime = w.firstSample * 25;
+    capture->endTime = w.endSample * 25;
+    // The samples of the packet, when the ring still holds them all.
+    if (w.endSample >= w.firstSample && w.endSample < m_wireRingNext && m_wireRingNext - w.firstSample <= kWireRing &&
+        m_wireRing.size() == kWireRing) {
+        capture->samples.reserve(static_cast<size_t>(w.endSample - w.firstSample + 1));
+        for (uint64_t k = w.firstSample; k <= w.endSample; ++k)
+            capture->samples.push_back(m_wireRing[static_cast<size_t>(k & (kWireRing - 1))]);
+        capture->rawSamples = capture->samples;
+        const auto range = std::minmax_element(capture->samples.begin(), capture->samples.end());
+        capture->amplitude = *range.second - *range.first;
+    }
+    FillTiming(*frame, *capture, static_cast<uint64_t>(FrequencyHz()));
+    frame->direction = 2;
+    frame->pattern = 0;
+    frame->capture = capture;
+    return frame;
+}
+
+void CDataManager::ReadWire(const int32_t* samples, size_t n, uint64_t first)
+{
+    if (n == 0 || !samples)
+        return;
+    if (m_wireRing.size() != kWireRing)
+        m_wireRing.assign(kWireRing, 0);
+    // Numbers that go back are a new capture: the reader starts over.
+    if (first < m_wireRingNext)
+        m_wireReader.Reset();
+    for (size_t i = 0; i < n; ++i)
+        m_wireRing[static_cast<size_t>((first + i) & (kWireRing - 1))] = samples[i];
+    m_wireRingNext = first + n;
+    m_wireReader.Feed(samples, n, first);
+    std::vector<AskWireFrame> frames = m_wireReader.Take();
+    if (!frames.empty()) {
+        std::vector<std::pair<AskWireFrame, std::shared_ptr<CMsgData>>> made;
+        made.reserve(frames.size());
+        for (AskWireFrame& w : frames) {
+            auto frame = WireFrame(w);
+            made.emplace_back(std::move(w), std::move(frame));
+        }
+        std::lock_guard<std::mutex> lock(m_wireMutex);
+        for (auto& m : made)
+            m_wireOut.push_back(std::move(m));
+    }
+    // Told after the frames are in hand: whoever sees this mark finds them.
+    m_wireSettled.store(m_wireReader.SettledThrough(), std::memory_order_release);
+}
+
+void CDataManager::AddWireFrames(const std::vector<AskWireFrame>& frames, uint64_t settledThrough)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_wireMutex);
+        for (const AskWireFrame& w : frames)
+            m_wireOut.emplace_back(w, WireFrame(w));
+    }
+    m_wireSettled.store(settledThrough, std::memory_order_release);
+}
+
+void CDataManager::ListDecoderPassed(uint64_t sample)
+{
+    m_listPassed.store(sample, std::memory_order_release);
+}
+
+void CDataManager::TakeAskFrames()
+{
+    const int64_t now = TickMs();
+    while (auto frame = m_askFilter.TakeFrame()) {
+        Held h;
+        h.frame = frame;
+        if (frame->capture) {
+            h.first = frame->capture->startTime / 25;
+            h.last = std::max(h.first, frame->capture->endTime / 25);
+        }
+        h.heldSince = now;
+        m_held.push_back(std::move(h));
+    }
+    std::vector<std::pair<AskWireFrame, std::shared_ptr<CMsgData>>> wire;
+    {
+        std::lock_guard<std::mutex> lock(m_wireMutex);
+        wire.swap(m_wireOut);
+    }
+    for (auto& w : wire) {
+        Held h;
+        h.frame = std::move(w.second);
+        h.first = w.first.firstSample;
+        h.last = std::max(w.first.firstSample, w.first.endSample);
+        h.wire = true;
+        h.heldSince = now;
+        m_held.push_back(std::move(h));
+    }
+    std::stable_sort(m_held.begin(), m_held.end(), [](const Held& a, const Held& b) { return a.first < b.first; });
+}
+
+void CDataManager::ReleaseHeld()
+{
+    // The marks are read before the frames are taken: each is told after the
+    // frames behind it were handed over, so every frame below a mark read
+    // here is among those taken next.
+    const uint64_t listPassed = m_listPassed.load(std::memory_order_acquire);
+    const uint64_t settled = m_wireSettled.load(std::memory_order_acquire);
+    TakeAskFrames();
+    const bool all = m_settleAll.exchange(false, std::memory_order_relaxed);
+    const int64_t now = TickMs();
+    while (!m_held.empty()) {
+        uint64_t end = m_held.front().last;
+        size_t k = 1;
+        while (k < m_held.size() && m_held[k].first <= end) {
+            end = std::max(end, m_held[k].last);
+            ++k;
+        }
+        const bool passed = listPassed > end && settled > end;
+        if (!all && !passed && now - m_held.front().heldSince <= kHoldLimitMs)
+            break;
+        std::vector<Held> cluster(std::make_move_iterator(m_held.begin()),
+                                  std::make_move_iterator(m_held.begin() + static_cast<std::ptrdiff_t>(k)));
+        m_held.erase(m_held.begin(), m_held.begin() + static_cast<std::ptrdiff_t>(k));
+        ResolveCluster(cluster);
+    }
+}
+
+void CDataManager::ResolveCluster(std::vector<Held>& cluster)
+{
+    std::vector<Held*> wire, list;
+    for (Held& h : cluster)
+        (h.wire ? wire : list).push_back(&h);
+    std::vector<bool> listMatched(list.size(), false), listDropped(list.size(), false);
+    std::vector<bool> wireDropped(wire.size(), false);
+
+    // Both read the same bytes: the list decoder's frame stands.
+    for (size_t i = 0; i < wire.size(); ++i) {
+        for (size_t j = 0; j < list.size(); ++j) {
+            if (listMatched[j] || list[j]->frame->packet.PacketData != wire[i]->frame->packet.PacketData)
+                continue;
+            listMatched[j] = true;
+            wireDropped[i] = true;
+            m_merges.agreed += 1;
+            break;
+        }
+    }
+    for (size_t i = 0; i < wire.size(); ++i) {
+        Held& w = *wire[i];
+        bool corrected = false;
+        for (size_t j = 0; j < list.size(); ++j) {
+            if (listMatched[j] || listDropped[j] || !Overlap(w.first, w.last, list[j]->first, list[j]->last))
+                continue;
+            // The list decoder read other bytes over this span: the checked
+            // reading stands (or, where the list decoder also read the packet
+            // right in another candidate, that one does) and this one goes.
+            listDropped[j] = true;
+            if (!wireDropped[i] && !corrected) {
+                w.frame->packet.reading = "corrected";
+                w.frame->packet.otherReading = list[j]->frame->packet.PacketData;
+                corrected = true;
+                m_merges.corrected += 1;
+            }
+        }
+        if (!wireDropped[i] && !corrected)
+            m_merges.recovered += 1;
+    }
+
+    std::vector<Held*> out;
+    for (size_t i = 0; i < wire.size(); ++i)
+        if (!wireDropped[i])
+            out.push_back(wire[i]);
+    for (size_t j = 0; j < list.size(); ++j)
+        if (!listDropped[j])
+            out.push_back(list[j]);
+    std::stable_sort(out.begin(), out.end(), [](const Held* a, const Held* b) { return a->first < b->first; });
+    for (Held* h : out)
+        m_dispatcher.Receive(h->frame);
 }
 
 // ------------------------------------------------------------------- slots

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "common/DigitalPingInfo.h"
+#include "decode/AskWireReader.h"
 #include "decode/DataFilter.h"
 #include "decode/FskFrameDecoder.h"
 #include "events/MsgInfo.h"
@@ -32,6 +33,34 @@ public:
     // Forgets what the link negotiated.
     void ResetLink();
     void PushFrequency(double first, double second);
+
+    // ---- the second ASK reader
+    // On (the default) or off, set before a capture starts. Off, every frame
+    // of the list decoder goes to the dispatcher as it comes, as without a
+    // second reader.
+    void SetSecondAskReader(bool on) { m_secondReader.store(on, std::memory_order_relaxed); }
+    bool SecondAskReader() const { return m_secondReader.load(std::memory_order_relaxed); }
+    // From the ASK decoding thread: the stream's samples as they came, and how
+    // far the list decoder has got (every burst below `sample` is decoded).
+    void ReadWire(const int32_t* samples, size_t n, uint64_t first);
+    void ListDecoderPassed(uint64_t sample);
+    // From the thread that feeds the reader (tests): frames read elsewhere, and
+    // how far that reader has looked.
+    void AddWireFrames(const std::vector<AskWireFrame>& frames, uint64_t settledThrough);
+    // Every held frame is settled now, with what both readers gave: the end of
+    // a capture or a replay, when no more samples will come.
+    void SettleHeldFrames() { m_settleAll.store(true, std::memory_order_relaxed); }
+
+    struct MergeCounts {
+        int64_t recovered = 0;  // the second reader's frames where the list decoder had none
+        int64_t corrected = 0;  // the second reader's frames where the list decoder read other bytes
+        int64_t agreed = 0;     // frames both read alike
+    };
+    MergeCounts Merges() const { return m_merges; }
+
+    // A held frame is given out after this long even when a reader has not
+    // caught up (a stream that stopped in the middle of a packet).
+    static constexpr int64_t kHoldLimitMs = 1500;
 
     // ---- from the interface thread
     // Dispatches every finished frame, names the response patterns, and moves
@@ -97,6 +126,19 @@ private:
     void Enqueue(const MsgInfoPtr& event);
     int FrequencyHz();
 
+    // One frame held for the merge of the two ASK readers: its span in sample
+    // numbers and, for the second reader's, its bytes.
+    struct Held {
+        std::shared_ptr<CMsgData> frame;
+        uint64_t first = 0, last = 0;
+        bool wire = false;
+        int64_t heldSince = 0;
+    };
+    std::shared_ptr<CMsgData> WireFrame(const AskWireFrame& w);
+    void TakeAskFrames();
+    void ReleaseHeld();
+    void ResolveCluster(std::vector<Held>& cluster);
+
     CInterface m_dispatcher;
     CDataFilter m_askFilter;
     FskFrameDecoder m_fskFilter;
@@ -118,4 +160,19 @@ private:
     // A link reset from a worker thread empties the dispatcher's held packets on
     // the interface thread, before it dispatches anything more.
     std::atomic<bool> m_resetPending{false};
+
+    // The second ASK reader, on the ASK decoding thread, with the newest
+    // samples it was given (the recovered frames' capture records).
+    std::atomic<bool> m_secondReader{true};
+    AskWireReader m_wireReader;
+    std::vector<int32_t> m_wireRing;
+    uint64_t m_wireRingNext = 0;  // number of the sample after the newest in the ring
+    std::mutex m_wireMutex;
+    std::vector<std::pair<AskWireFrame, std::shared_ptr<CMsgData>>> m_wireOut;  // guarded
+    std::atomic<uint64_t> m_wireSettled{0};
+    std::atomic<uint64_t> m_listPassed{0};
+    std::atomic<bool> m_settleAll{false};
+    // On the interface thread: frames of both readers waiting for the other.
+    std::deque<Held> m_held;
+    MergeCounts m_merges;
 };

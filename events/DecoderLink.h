@@ -26,6 +26,9 @@ public:
     // The automatic level: after the eleventh good packet, at most every 201 ms,
     // one step of 10 toward a swing of 2800 to 3200, within 1500 to 2400.
     void AutoDacLevel(int64_t amplitude) override;
+    bool ReadsWire() const override { return m_manager.SecondAskReader(); }
+    void ReadWire(const int32_t* samples, size_t n, uint64_t first) override { m_manager.ReadWire(samples, n, first); }
+    void ListDecoderPassed(uint64_t sample) override { m_manager.ListDecoderPassed(sample); }
 
     // ---- the FSK decoding threads
     void DecodeFsk(std::vector<PulseRecord>& changes, const std::shared_ptr<TriggerData>& packet) override

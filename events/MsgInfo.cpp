@@ -113,6 +113,12 @@ Json::Value WriteGroup(const PacketRecord& g)
     v["dataPacketError"] = g.dataPacketError;
     v["numbytesInPacket"] = Int32(static_cast<int64_t>(g.numbytesInPacket));
     v["premambleCount"] = Int32(static_cast<int64_t>(g.premambleCount));
+    // Only where the second reader had a say, so that every other record
+    // stays as it always was.
+    if (!g.reading.empty())
+        v["reading"] = g.reading;
+    if (!g.otherReading.empty())
+        v["otherReading"] = g.otherReading;
     return v;
 }
 
@@ -185,6 +191,8 @@ void ReadGroup(const Json::Value& v, PacketRecord& g)
     TakeString(v, "dataPacketError", g.dataPacketError);
     TakeInt(v, "numbytesInPacket", g.numbytesInPacket);
     TakeInt(v, "premambleCount", g.premambleCount);
+    TakeString(v, "reading", g.reading);
+    TakeString(v, "otherReading", g.otherReading);
 }
 
 void ReadGroup(const Json::Value& v, TimingsGroup& g)

@@ -5,6 +5,7 @@
 #include "decode/AskDecoding.h"
 #include "decode/CaptureFile.h"
 #include "decode/FskDecoding.h"
+#include "services/SettingParams.h"
 
 #include <algorithm>
 
@@ -34,6 +35,7 @@ StreamReplay::StreamReplay(std::vector<uint8_t> askBytes, std::vector<uint8_t> f
     m_fskFrames = FrameStarts(m_fsk);
     if (settings)
         m_askThread.SetSettings(settings);
+    m_manager.SetSecondAskReader(SettingParams::Or(settings).m_ask_second_reader != 0);
     m_link.SetAcquiring(true);
 }
 
@@ -68,6 +70,7 @@ void StreamReplay::Run(const std::function<void(std::vector<MsgInfoPtr>&)>& batc
 {
     ManualClock clock(1);
     SetClock(&clock);
+    m_askThread.Stream().SetWireFeed(m_manager.SecondAskReader());
     size_t ai = 0, fi = 0;
     double askMs = 0.0;  // capture time reached on the ASK stream
     double nextRefresh = 30.0;
@@ -119,7 +122,10 @@ void StreamReplay::Run(const std::function<void(std::vector<MsgInfoPtr>&)>& batc
             refresh(fskMs < 1e299 ? fskMs : askMs);
         }
     }
-    // Everything still queued leaves a second later.
+    // No more samples come: the frames the two ASK readers hold for each
+    // other are settled with what they have; everything still queued leaves a
+    // second later.
+    m_manager.SettleHeldFrames();
     const double end = std::max(askMs, nextRefresh);
     for (double t = end; t <= end + 1100.0; t += 30.0) {
         nextRefresh = t;

@@ -30,6 +30,11 @@ struct PacketRecord {
     uint64_t premambleCount = 0;   // preamble bits (ASK only)
     float controlErrorValue = 0.0f;
     int32_t controlErrorFreq = 0;
+    // Set only where the second ASK reader had a say: "recovered" when the
+    // list decoder gave nothing there, "corrected" when it read other bytes
+    // (then otherReading holds the list decoder's bytes as spaced hex).
+    std::string reading;
+    std::string otherReading;
 };
 
 class CMsgData {

@@ -156,6 +156,7 @@ bool AppSettings::Parse(const char* text, SettingParams& p)
     TakeInt(root, "m_ask_trigger_samples", p.m_ask_trigger_samples);
     TakeInt(root, "m_ask_capture_data", p.m_ask_capture_data);
     TakeInt(root, "m_fsk_capture_data", p.m_fsk_capture_data);
+    TakeInt(root, "m_ask_second_reader", p.m_ask_second_reader);
 
     const Json::Value* savePath = Member(root, "savePath");
     if (savePath && savePath->type() == Json::stringValue)
@@ -185,6 +186,7 @@ void AppSettings::SetDefaults(SettingParams& p, const std::string& savePath)
     p.m_ask_trigger_samples = 2200;
     p.m_ask_capture_data = 0;
     p.m_fsk_capture_data = 0;
+    p.m_ask_second_reader = 1;
     p.m_dac_value = 1700;
     p.m_auto_scope = 0;
     p.savePath = savePath;
@@ -208,6 +210,7 @@ std::string AppSettings::Serialize(const SettingParams& p)
     root["m_ask_trigger_samples"] = Json::Int(p.m_ask_trigger_samples);
     root["m_ask_capture_data"] = Json::Int(p.m_ask_capture_data);
     root["m_fsk_capture_data"] = Json::Int(p.m_fsk_capture_data);
+    root["m_ask_second_reader"] = Json::Int(p.m_ask_second_reader);
     root["savePath"] = p.savePath;
     root["m_skip_version"] = Json::Int(p.m_skip_version);
     root["m_auto_scope"] = Json::Int(p.m_auto_scope);

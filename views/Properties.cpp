@@ -59,6 +59,12 @@ void AddGroup(PropertyTree& tree, Group g, const MsgInfo& e)
         tree.AddRow(group, QStringLiteral("PacketData"), Text(e.packet.PacketData));
         tree.AddRow(group, QStringLiteral("PacketStatus"), Text(e.packet.Status));
         tree.AddRow(group, QStringLiteral("PreambleCount"), Int(static_cast<int64_t>(e.packet.premambleCount)));
+        // Rows of their own where the second reader recovered or corrected
+        // the packet; other packets show the rows they always had.
+        if (!e.packet.reading.empty())
+            tree.AddRow(group, QStringLiteral("Reading"), Text(e.packet.reading));
+        if (!e.packet.otherReading.empty())
+            tree.AddRow(group, QStringLiteral("List Decoder Reading"), Text(e.packet.otherReading));
         break;
     }
     case kBitTiming: {

@@ -348,6 +348,9 @@ TEST_F(DataManagerTest, AskFramesArePumpedFromTheDecoderOutput)
     h.push_back(r);
     auto burst = std::make_shared<TriggerData>();
     EXPECT_EQ(filter.SyncHeadEnd(burst, 21, 0), 3);
+    // Both ASK readers have looked past the burst: the frame is not held.
+    dm.ListDecoderPassed(1);
+    dm.AddWireFrames({}, 1);
     const auto events = Drain();
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events[0]->str.toStdString(), "ControlError -1.0% @0HZ");

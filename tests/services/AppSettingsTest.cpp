@@ -39,6 +39,7 @@ struct Values {
     bool polarity = false;
     int askCapture = 0;
     int askReverse = 0;
+    int askSecondReader = 1;
     int askTrigger = 2200;
     int autoScope = 0;
     int dacLocked = 0;
@@ -60,6 +61,7 @@ std::string Styled(const Values& v)
     return "{\n"
            "   \"m_Polarity\" : " + std::string(v.polarity ? "true" : "false") + ",\n"
            "   \"m_ask_capture_data\" : " + std::to_string(v.askCapture) + ",\n"
+           "   \"m_ask_second_reader\" : " + std::to_string(v.askSecondReader) + ",\n"
            "   \"m_ask_signal_reverse\" : " + std::to_string(v.askReverse) + ",\n"
            "   \"m_ask_trigger_samples\" : " + std::to_string(v.askTrigger) + ",\n"
            "   \"m_auto_scope\" : " + std::to_string(v.autoScope) + ",\n"
@@ -738,4 +740,24 @@ TEST(AppSettingsTimeText, MicrosecondsAreShownWithinTheDay)
     EXPECT_EQ(AppSettings::TimeText(0), "00:00:00.000000");
     EXPECT_EQ(AppSettings::TimeText(3723000004LL), "01:02:03.000004");
     EXPECT_EQ(AppSettings::TimeText(86400LL * 1000000 + 5), "00:00:00.000005");
+}
+
+// ------------------------------------------------------ m_ask_second_reader
+
+TEST_F(AppSettingsFile, SecondAskReaderIsOnWhenTheFileDoesNotSay)
+{
+    auto settings = LoadText("{ \"params_ver\" : 20190713, \"m_max_freq\" : 205000 }");
+    EXPECT_EQ(m_record.m_ask_second_reader, 1);
+    EXPECT_EQ(m_record.m_max_freq, 205000);
+}
+
+TEST_F(AppSettingsFile, SecondAskReaderTurnedOffStaysOffAndIsWrittenBack)
+{
+    auto settings = LoadText("{ \"params_ver\" : 20190713, \"m_ask_second_reader\" : 0 }");
+    EXPECT_EQ(m_record.m_ask_second_reader, 0);
+    const std::string text = AppSettings::Serialize(m_record);
+    EXPECT_NE(text.find("\"m_ask_second_reader\" : 0"), std::string::npos) << text;
+    SettingParams again;
+    ASSERT_TRUE(AppSettings::Parse(text.c_str(), again));
+    EXPECT_EQ(again.m_ask_second_reader, 0);
 }

@@ -1,0 +1,261 @@
+// The merge of the two ASK readers in the data manager: frames of the list
+// decoder and of the second reader wait for each other, then the second
+// reader fills what the list decoder missed and corrects what it misread.
+#include "common/Clock.h"
+#include "common/TimeText.h"
+#include "events/DataManager.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class AskMergeTest : public ::testing::Test {
+protected:
+    void SetUp() override { SetClock(&clock); }
+    void TearDown() override { SetClock(nullptr); }
+
+    // A frame of the list decoder over samples first .. last.
+    static std::shared_ptr<CMsgData> ListFrame(std::vector<uint8_t> bytes, uint64_t first, uint64_t last,
+                                               const char* status = "NoError")
+    {
+        auto f = std::make_shared<CMsgData>();
+        f->SetFrame(bytes.data(), bytes.size());
+        f->direction = 2;
+        f->packet.Status = status;
+        f->packet.PacketData = SpacedHex(bytes.data(), bytes.size());
+        f->packet.numbytesInPacket = bytes.size();
+        f->packet.premambleCount = 7;  // tells the list decoder's frame from the other
+        f->capture = std::make_shared<TriggerData>();
+        f->capture->startTime = first * 25;
+        f->capture->endTime = last * 25;
+        f->timing.startTime = first * 25;
+        return f;
+    }
+
+    static AskWireFrame WireFrame(std::vector<uint8_t> bytes, uint64_t first, uint64_t last)
+    {
+        AskWireFrame w;
+        w.bytes = std::move(bytes);
+        w.firstSample = first;
+        w.startBitSample = first + 220;  // eleven bits of preamble at 20 samples a bit
+        w.endSample = last;
+        w.samplesPerBit = 20.0;
+        w.polarity = 1;
+        w.swing = 1500;
+        return w;
+    }
+
+    // Two refreshes, the second more than a second after the first: whatever
+    // the merge released comes out.
+    std::vector<MsgInfoPtr> Drain()
+    {
+        std::vector<MsgInfoPtr> out, later;
+        dm.GetEvents(out);
+        clock.Advance(1001);
+        dm.GetEvents(later);
+        out.insert(out.end(), later.begin(), later.end());
+        return out;
+    }
+
+    // Both readers have looked past sample n.
+    void BothPassed(uint64_t n)
+    {
+        dm.ListDecoderPassed(n);
+        dm.AddWireFrames({}, n);
+    }
+
+    static std::vector<std::string> Texts(const std::vector<MsgInfoPtr>& events)
+    {
+        std::vector<std::string> out;
+        for (const auto& e : events)
+            out.push_back(e->str.toStdString());
+        return out;
+    }
+
+    ManualClock clock{100000};
+    CDataManager dm;
+};
+
+}  // namespace
+
+TEST_F(AskMergeTest, ASecondReaderFrameWhereTheListDecoderGaveNothingIsRecovered)
+{
+    dm.AddWireFrames({WireFrame({0x03, 0x05, 0x06}, 1000, 1900)}, 2500);
+    dm.ListDecoderPassed(2500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->str.toStdString(), "ControlError 5.0% @0HZ");
+    EXPECT_EQ(events[0]->common.logData, "ControlError 5.0% @0HZ");
+    EXPECT_EQ(events[0]->packet.reading, "recovered");
+    EXPECT_EQ(events[0]->packet.otherReading, "");
+    EXPECT_EQ(events[0]->packet.PacketData, "03 05 06 ");
+    EXPECT_EQ(events[0]->packet.premambleCount, 11u);
+    ASSERT_TRUE(events[0]->capture);
+    EXPECT_EQ(events[0]->capture->startTime, 1000u * 25);
+    EXPECT_EQ(events[0]->timing.endTime, 1900u * 25);
+    EXPECT_EQ(dm.Merges().recovered, 1);
+}
+
+TEST_F(AskMergeTest, TheSameBytesFromBothKeepTheListDecodersFrameUnmarked)
+{
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x05, 0x06}, 980, 1910));
+    dm.AddWireFrames({WireFrame({0x03, 0x05, 0x06}, 1000, 1900)}, 2500);
+    dm.ListDecoderPassed(2500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.premambleCount, 7u);
+    EXPECT_EQ(events[0]->packet.reading, "");
+    EXPECT_EQ(events[0]->packet.otherReading, "");
+    EXPECT_EQ(events[0]->capture->startTime, 980u * 25);
+    EXPECT_EQ(dm.Merges().agreed, 1);
+}
+
+TEST_F(AskMergeTest, OtherBytesFromTheListDecoderAreCorrectedAndKeptBeside)
+{
+    // A misread with a good XOR: 03 10 13 where 03 20 23 was sent.
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x10, 0x13}, 980, 1910));
+    dm.AddWireFrames({WireFrame({0x03, 0x20, 0x23}, 1000, 1900)}, 2500);
+    dm.ListDecoderPassed(2500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->str.toStdString(), "ControlError 32.0% @0HZ");
+    EXPECT_EQ(events[0]->common.logData, "ControlError 32.0% @0HZ");
+    EXPECT_EQ(events[0]->packet.reading, "corrected");
+    EXPECT_EQ(events[0]->packet.otherReading, "03 10 13 ");
+    EXPECT_EQ(events[0]->packet.PacketData, "03 20 23 ");
+    EXPECT_EQ(dm.Merges().corrected, 1);
+}
+
+TEST_F(AskMergeTest, AListDecoderFrameWithABadChecksumIsCorrectedToo)
+{
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x20, 0x13}, 980, 1910, "Error"));
+    dm.AddWireFrames({WireFrame({0x03, 0x20, 0x23}, 1000, 1900)}, 2500);
+    dm.ListDecoderPassed(2500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->str.toStdString(), "ControlError 32.0% @0HZ");
+    EXPECT_EQ(events[0]->packet.reading, "corrected");
+    EXPECT_EQ(events[0]->packet.otherReading, "03 20 13 ");
+}
+
+TEST_F(AskMergeTest, AListDecoderFrameWhereTheSecondReaderFoundNothingStands)
+{
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x05, 0x06}, 980, 1910));
+    BothPassed(2500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.premambleCount, 7u);
+    EXPECT_EQ(events[0]->packet.reading, "");
+}
+
+TEST_F(AskMergeTest, ASecondReaderFrameWaitsUntilTheListDecoderHasPassedItsSpan)
+{
+    dm.AddWireFrames({WireFrame({0x03, 0x20, 0x23}, 1000, 1900)}, 2500);
+    dm.ListDecoderPassed(1500);  // still inside the frame's span
+    EXPECT_TRUE(Drain().empty());
+    // Then the list decoder's misreading arrives, and its mark moves past.
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x10, 0x13}, 980, 1910));
+    dm.ListDecoderPassed(2600);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.reading, "corrected");
+    EXPECT_EQ(events[0]->packet.otherReading, "03 10 13 ");
+}
+
+TEST_F(AskMergeTest, AListDecoderFrameWaitsUntilTheSecondReaderHasPassedItsSpan)
+{
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x10, 0x13}, 980, 1910));
+    dm.ListDecoderPassed(2500);
+    dm.AddWireFrames({}, 1200);
+    EXPECT_TRUE(Drain().empty());
+    dm.AddWireFrames({WireFrame({0x03, 0x20, 0x23}, 1000, 1900)}, 2500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.PacketData, "03 20 23 ");
+}
+
+TEST_F(AskMergeTest, AFrameHeldLongerThanTheLimitGoesOutAlone)
+{
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x05, 0x06}, 980, 1910));
+    std::vector<MsgInfoPtr> out;
+    dm.GetEvents(out);  // taken and held: the second reader has not said a word
+    EXPECT_TRUE(out.empty());
+    clock.Advance(CDataManager::kHoldLimitMs + 1);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.PacketData, "03 05 06 ");
+}
+
+TEST_F(AskMergeTest, SettlingReleasesEverythingHeldAtOnce)
+{
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x05, 0x06}, 980, 1910));
+    dm.AddWireFrames({WireFrame({0x04, 0x40, 0x44}, 3000, 3900)}, 0);
+    std::vector<MsgInfoPtr> out;
+    dm.GetEvents(out);
+    EXPECT_TRUE(out.empty());
+    dm.SettleHeldFrames();
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0]->packet.PacketData, "03 05 06 ");
+    EXPECT_EQ(events[1]->packet.PacketData, "04 40 44 ");
+    EXPECT_EQ(events[1]->packet.reading, "recovered");
+}
+
+TEST_F(AskMergeTest, FramesOfBothReadersGoOutInCaptureOrder)
+{
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x05, 0x06}, 1000, 1900));
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x06, 0x05}, 9000, 9900));
+    // The identification between them, which the list decoder never reads.
+    dm.AddWireFrames({WireFrame({0x71, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x71 ^ 0x11 ^ 0x22 ^ 0x33 ^ 0x44 ^ 0x55 ^ 0x66 ^ 0x77}, 4000, 6500)},
+                     12000);
+    dm.ListDecoderPassed(12000);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[0]->packet.PacketData, "03 05 06 ");
+    EXPECT_EQ(events[1]->type, 0x71);
+    EXPECT_EQ(events[1]->packet.reading, "recovered");
+    EXPECT_EQ(events[2]->packet.PacketData, "03 06 05 ");
+}
+
+TEST_F(AskMergeTest, WithTheSecondReaderOffTheListDecodersFramesGoStraightThrough)
+{
+    dm.SetSecondAskReader(false);
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x10, 0x13}, 980, 1910));
+    dm.AddWireFrames({WireFrame({0x03, 0x20, 0x23}, 1000, 1900)}, 2500);
+    std::vector<MsgInfoPtr> first;
+    dm.GetEvents(first);
+    clock.Advance(1001);
+    std::vector<MsgInfoPtr> events;
+    dm.GetEvents(events);
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.PacketData, "03 10 13 ");
+    EXPECT_EQ(events[0]->packet.reading, "");
+    EXPECT_EQ(dm.Merges().recovered + dm.Merges().corrected + dm.Merges().agreed, 0);
+}
+
+TEST_F(AskMergeTest, ClearForgetsWhatIsHeld)
+{
+    dm.AddWireFrames({WireFrame({0x03, 0x05, 0x06}, 1000, 1900)}, 2500);
+    std::vector<MsgInfoPtr> out;
+    dm.GetEvents(out);  // held: the list decoder has said nothing yet
+    dm.Clear();
+    dm.ListDecoderPassed(2500);
+    EXPECT_TRUE(Drain().empty());
+}
+
+TEST_F(AskMergeTest, TheMarkAndTheOtherReadingAreRecordFieldsOnlyWhereSet)
+{
+    MsgInfo plain;
+    plain.packet.PacketData = "03 05 06 ";
+    const std::string plainJson = plain.ToJson();
+    EXPECT_EQ(plainJson.find("reading"), std::string::npos);
+
+    MsgInfo corrected;
+    corrected.packet.PacketData = "03 20 23 ";
+    corrected.packet.reading = "corrected";
+    corrected.packet.otherReading = "03 10 13 ";
+    MsgInfo back;
+    back.FromJson(corrected.ToJson());
+    EXPECT_EQ(back.packet.reading, "corrected");
+    EXPECT_EQ(back.packet.otherReading, "03 10 13 ");
+}
