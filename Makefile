@@ -49,6 +49,7 @@ bench: deps
 	@cmake --build build-release -j $(JOBS)
 	@for b in build-release/bench/*_bench; do echo "== $$b"; $$b; done
 	@echo "== ASK decode rates"; ./build-release/bench/ask_decode_rates
+	@echo "== ASK readers compared: edge finders A and B, the list decoder, both merged"; ./build-release/bench/ask_reader_compare 1000
 	@echo "== FSK decode rates"; ./build-release/bench/fsk_decode_rates
 	@echo "== real-time dock refresh"; ./build-release/bench/dock_refresh
 	@echo "== live capture at real speed (60 s)"; ./build-release/bench/live_capture cpu --seconds 60

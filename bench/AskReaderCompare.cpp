@@ -13,7 +13,10 @@
 // 400..3000 of either sign, idle levels anywhere that fits, preambles 11..25,
 // 2 % noise, edges jittered by up to two samples; per bit rate.
 #include "AskChain.h"
+#include "AskRandomStream.h"
 #include "decode/AskWireReader.h"
+#include "events/StreamReplay.h"
+#include "services/SettingParams.h"
 #include "sim/AskSynth.h"
 
 #include <algorithm>
@@ -221,59 +224,13 @@ private:
 
 // ---------------------------------------------------------------------------
 
-struct Sent {
-    std::vector<uint8_t> bytes;
-    size_t start = 0, end = 0;
-};
+using Sent = AskSentPacket;
+using Stream = AskRandomStream;
+AskHarshness g_harsh;
 
-struct Stream {
-    std::vector<uint16_t> samples;
-    std::vector<Sent> sent;
-};
-
-struct Harshness {
-    double noise = 0.02, jitter = 2.0, rise = 2.0;
-};
-Harshness g_harsh;
-
-qisim::AskWaveParams RandomWave(double spb, std::mt19937& rng)
-{
-    qisim::AskWaveParams p;
-    p.samplesPerBit = spb;
-    const int mag = 400 + int(rng() % 2601);
-    p.swing = rng() % 2 ? mag : -mag;
-    const int low = 100 + int(rng() % unsigned(4095 - mag - 200));
-    p.idleLevel = p.swing > 0 ? low : low + mag;
-    p.noiseFraction = g_harsh.noise;
-    p.jitterSamples = g_harsh.jitter;
-    p.riseSamples = g_harsh.rise;
-    return p;
-}
-
-// Packets cycle through `headers`; 15 to 30 ms of idle between them, the
-// list decoder's burst cutter needs some.
 Stream MakeStream(const std::vector<uint8_t>& headers, int packets, double spb, uint32_t seed)
 {
-    std::mt19937 rng(seed);
-    qisim::AskWaveWriter w(RandomWave(spb, rng), seed);
-    Stream s;
-    w.Idle(400);
-    for (int k = 0; k < packets; ++k) {
-        w.SetParams(RandomWave(spb, rng));
-        w.Idle(300 + rng() % 300);
-        const uint8_t h = headers[size_t(k) % headers.size()];
-        std::vector<uint8_t> m{h};
-        for (int i = 0; i < qisim::QiMessageSize(h); ++i)
-            m.push_back(uint8_t(rng()));
-        Sent x;
-        x.bytes = qisim::WithChecksum(m);
-        x.start = w.Packet(x.bytes, 11 + int(rng() % 15));
-        x.end = w.Samples().size();
-        s.sent.push_back(x);
-        w.Idle(300 + rng() % 300);
-    }
-    s.samples = w.TakeSamples();
-    return s;
+    return MakeAskRandomStream(headers, packets, spb, seed, g_harsh);
 }
 
 struct Found {
@@ -351,12 +308,37 @@ std::vector<Found> RunList(const std::vector<uint16_t>& samples)
     return out;
 }
 
-void Row(const char* label, const Tally& a, const Tally& b, const Tally& l)
+// The events of a replay of the stream through the data manager, where the
+// list decoder and the shipped reader (A) are merged: what the user sees.
+std::vector<Found> RunBoth(const std::vector<uint16_t>& samples)
+{
+    SettingParams settings;
+    settings.m_ask_second_reader = 1;
+    StreamReplay replay(qisim::AskStreamFrames(samples), {}, &settings);
+    std::vector<Found> out;
+    replay.Run([&](std::vector<MsgInfoPtr>& events) {
+        for (const auto& e : events) {
+            if (e->direction != 2 || e->packet.Status != "NoError" || e->packet.PacketData.empty())
+                continue;
+            std::vector<uint8_t> got;
+            for (size_t i = 0; i + 1 < e->packet.PacketData.size(); i += 3)
+                got.push_back(static_cast<uint8_t>(std::stoi(e->packet.PacketData.substr(i, 2), nullptr, 16)));
+            out.push_back({e->timing.startTime / 25, got});
+        }
+    });
+    return out;
+}
+
+void Row(const char* label, const Tally& a, const Tally& b, const Tally& l, const Tally& m)
 {
     auto pct = [](const Tally& t) { return t.sent ? 100.0 * t.exact / t.sent : 0.0; };
-    std::printf("%-22s %6d | A %7.3f %% %4d false | B %7.3f %% %4d false | list %7.3f %% %4d false\n", label, a.sent,
-                pct(a), a.falseFrames, pct(b), b.falseFrames, pct(l), l.falseFrames);
+    std::printf("%-22s %6d | A %7.3f %% %4d false | B %7.3f %% %4d false | list %7.3f %% %4d false"
+                " | both %7.3f %% %4d false\n",
+                label, a.sent, pct(a), a.falseFrames, pct(b), b.falseFrames, pct(l), l.falseFrames, pct(m),
+                m.falseFrames);
 }
+
+void Row(const char* label, const Tally& a, const Tally& b, const Tally& l) { Row(label, a, b, l, Tally{}); }
 
 }  // namespace
 
@@ -365,44 +347,48 @@ int main(int argc, char** argv)
     const int perRate = argc > 1 ? std::atoi(argv[1]) : 1000;
     const bool withList = !(argc > 2 && std::string(argv[2]) == "nolist");
     std::printf("Exact packets and frames not sent, %d packets a bit rate\n", perRate);
-    Tally totalA, totalB, totalL;
+    Tally totalA, totalB, totalL, totalM;
     uint32_t seed = 7000;
     for (double kHz : {1.6, 1.8, 1.9, 2.0, 2.1, 2.2, 2.4}) {
         std::vector<uint8_t> headers = AskHeaders();
         std::shuffle(headers.begin(), headers.end(), std::mt19937(seed));
-        Tally a, b, l;
+        Tally a, b, l, m;
         for (int done = 0; done < perRate; done += 250) {
             const Stream s = MakeStream(headers, std::min(250, perRate - done), 40.0 / kHz, seed++);
             a += Score(s, RunReader<AskWireReader>(s.samples), 4);
             b += Score(s, RunReader<SlopeReader>(s.samples), 4);
-            if (withList)
+            if (withList) {
                 l += Score(s, RunList(s.samples), 100);
+                m += Score(s, RunBoth(s.samples), 100);
+            }
         }
         char label[64];
         std::snprintf(label, sizeof label, "%.1f kHz (%.2f spb)", kHz, 40.0 / kHz);
-        Row(label, a, b, l);
+        Row(label, a, b, l, m);
         totalA += a;
         totalB += b;
         totalL += l;
+        totalM += m;
     }
-    Row("all rates", totalA, totalB, totalL);
+    Row("all rates", totalA, totalB, totalL, totalM);
 
     std::printf("\nPer header, all rates\n");
     for (auto& kv : totalA.perHeader) {
-        Tally a, b, l;
-        a.sent = b.sent = l.sent = kv.second.second;
+        Tally a, b, l, m;
+        a.sent = b.sent = l.sent = m.sent = kv.second.second;
         a.exact = kv.second.first;
         b.exact = totalB.perHeader[kv.first].first;
         l.exact = totalL.perHeader[kv.first].first;
+        m.exact = totalM.perHeader[kv.first].first;
         char label[64];
         std::snprintf(label, sizeof label, "0x%02X (%2d bytes)", kv.first, qisim::QiMessageSize(kv.first) + 2);
-        Row(label, a, b, l);
+        Row(label, a, b, l, m);
     }
 
     // Beyond what receivers send: more noise, slower edges, more jitter.
     std::printf("\nHarsher envelopes, A and B, %d packets each\n", perRate);
-    for (Harshness h : {Harshness{0.05, 2.0, 2.0}, Harshness{0.08, 2.0, 2.0}, Harshness{0.02, 2.0, 6.0},
-                        Harshness{0.02, 3.0, 2.0}, Harshness{0.05, 3.0, 5.0}}) {
+    for (AskHarshness h : {AskHarshness{0.05, 2.0, 2.0}, AskHarshness{0.08, 2.0, 2.0}, AskHarshness{0.02, 2.0, 6.0},
+                           AskHarshness{0.02, 3.0, 2.0}, AskHarshness{0.05, 3.0, 5.0}}) {
         g_harsh = h;
         for (double kHz : {1.6, 2.0, 2.4}) {
             Tally a, b, l;
@@ -416,7 +402,7 @@ int main(int argc, char** argv)
             Row(label, a, b, l);
         }
     }
-    g_harsh = Harshness{};
+    g_harsh = AskHarshness{};
 
     // Nothing but disturbance: white noise, random levels held for random
     // lengths near a bit, and a long square wave of half bits.
