@@ -332,10 +332,11 @@ std::vector<Found> RunBoth(const std::vector<uint16_t>& samples)
 void Row(const char* label, const Tally& a, const Tally& b, const Tally& l, const Tally& m)
 {
     auto pct = [](const Tally& t) { return t.sent ? 100.0 * t.exact / t.sent : 0.0; };
-    std::printf("%-22s %6d | A %7.3f %% %4d false | B %7.3f %% %4d false | list %7.3f %% %4d false"
-                " | both %7.3f %% %4d false\n",
-                label, a.sent, pct(a), a.falseFrames, pct(b), b.falseFrames, pct(l), l.falseFrames, pct(m),
-                m.falseFrames);
+    std::printf("%-22s %6d | A %7.3f %% %4d false | B %7.3f %% %4d false | list %7.3f %% %4d false", label, a.sent,
+                pct(a), a.falseFrames, pct(b), b.falseFrames, pct(l), l.falseFrames);
+    if (m.sent > 0)
+        std::printf(" | both %7.3f %% %4d false", pct(m), m.falseFrames);
+    std::printf("\n");
 }
 
 void Row(const char* label, const Tally& a, const Tally& b, const Tally& l) { Row(label, a, b, l, Tally{}); }

@@ -313,18 +313,25 @@ void AskStream::Process()
 
 void AskStream::PassWireSamples()
 {
-    if (m_wireNew.empty())
+    if (!m_added || !m_wireFeed.load(std::memory_order_relaxed))
         return;
+    // The samples added since the last pass are the newest of m_samples (what
+    // lies before them was kept from earlier passes). Numbers that went back
+    // are a new capture: every sample held is new then.
+    const uint64_t next = m_newest + 1;
+    uint64_t n = next >= m_wirePassedNext ? next - m_wirePassedNext : next;
+    n = std::min<uint64_t>(n, m_samples.size());
+    m_wirePassedNext = next;
+    if (n == 0)
+        return;
+    const uint64_t first = next - n;
+    const auto from = m_samples.end() - static_cast<std::ptrdiff_t>(n);
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_wireOut.empty() && m_wireOutFirst + m_wireOut.size() != m_wireNewFirst)
+    if (!m_wireOut.empty() && m_wireOutFirst + m_wireOut.size() != first)
         m_wireOut.clear();  // not contiguous (cleared in between): the older part goes
-    if (m_wireOut.empty()) {
-        m_wireOut.swap(m_wireNew);
-        m_wireOutFirst = m_wireNewFirst;
-    } else {
-        m_wireOut.insert(m_wireOut.end(), m_wireNew.begin(), m_wireNew.end());
-    }
-    m_wireNew.clear();
+    if (m_wireOut.empty())
+        m_wireOutFirst = first;
+    m_wireOut.insert(m_wireOut.end(), from, m_samples.end());
 }
 
 bool AskStream::TakeWire(std::vector<int32_t>& out, uint64_t& first)
@@ -434,9 +441,11 @@ void AskStream::Put(std::shared_ptr<TriggerData> burst)
 void AskStream::Clear()
 {
     m_samples.clear();
-    m_wireNew.clear();
+    m_added = false;
+    m_wirePassedNext = 0;
     std::lock_guard<std::mutex> lock(m_mutex);
     m_output.clear();
+    m_closedBefore = 0;
     m_wireOut.clear();
 }
 

@@ -230,11 +230,6 @@ public:
         m_samples.push_back(sample);
         m_newest = number;
         m_added = true;
-        if (m_wireFeed.load(std::memory_order_relaxed)) {
-            if (m_wireNew.empty())
-                m_wireNewFirst = number;
-            m_wireNew.push_back(sample);
-        }
     }
 
     // Cuts the samples gathered so far into bursts; see the notes in the source.
@@ -275,11 +270,11 @@ private:
     std::mutex m_mutex;
     // Guarded by m_mutex: the first sample still open to the burst cutter.
     uint64_t m_closedBefore = 0;
-    // The wire feed: filled by Add on the stream's thread, handed over under
-    // the lock by Process, taken by the decoding thread.
+    // The wire feed: Process hands the samples added since its last pass (the
+    // tail of m_samples, still as they came) over under the lock; the
+    // decoding thread takes them.
     std::atomic<bool> m_wireFeed{false};
-    std::vector<int32_t> m_wireNew;
-    uint64_t m_wireNewFirst = 0;
+    uint64_t m_wirePassedNext = 0;  // number of the next sample to hand over
     std::vector<int32_t> m_wireOut;  // guarded by m_mutex
     uint64_t m_wireOutFirst = 0;     // guarded by m_mutex
     std::list<std::shared_ptr<TriggerData>> m_output;

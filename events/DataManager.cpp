@@ -295,8 +295,14 @@ void CDataManager::ReadWire(const int32_t* samples, size_t n, uint64_t first)
     // Numbers that go back are a new capture: the reader starts over.
     if (first < m_wireRingNext)
         m_wireReader.Reset();
-    for (size_t i = 0; i < n; ++i)
-        m_wireRing[static_cast<size_t>((first + i) & (kWireRing - 1))] = samples[i];
+    // Into the ring in at most two runs (the newest kWireRing samples).
+    size_t skip = n > kWireRing ? n - kWireRing : 0;
+    while (skip < n) {
+        const size_t at = static_cast<size_t>((first + skip) & (kWireRing - 1));
+        const size_t run = std::min(n - skip, kWireRing - at);
+        std::copy(samples + skip, samples + skip + run, m_wireRing.begin() + static_cast<std::ptrdiff_t>(at));
+        skip += run;
+    }
     m_wireRingNext = first + n;
     m_wireReader.Feed(samples, n, first);
     std::vector<AskWireFrame> frames = m_wireReader.Take();
