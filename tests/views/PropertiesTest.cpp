@@ -118,3 +118,20 @@ TEST(Properties, EmptyEventShowsEmptyFields)
     p.Fill(MsgInfo(), kItemEvent);
     EXPECT_EQ(p.Tree()->Rows(0), (QStringList{"EventNumber=0", "LogData=", "Summary=", "TypeString="}));
 }
+
+TEST(Properties, APacketTheSecondReaderHadASayInShowsItsMarkAndTheOtherReading)
+{
+    Properties p;
+    MsgInfo recovered = Full();
+    recovered.packet.reading = "recovered";
+    p.Fill(recovered, kItemEvent);
+    EXPECT_EQ(p.Tree()->Rows(1), (QStringList{"Data Packet Error=", "NumBytesInPacket=3", "PacketData=03 03 00 ",
+                                              "PacketStatus=NoError", "PreambleCount=11", "Reading=recovered"}));
+    MsgInfo corrected = Full();
+    corrected.packet.reading = "corrected";
+    corrected.packet.otherReading = "03 13 10 ";
+    p.Fill(corrected, kItemEvent);
+    EXPECT_EQ(p.Tree()->Rows(1),
+              (QStringList{"Data Packet Error=", "NumBytesInPacket=3", "PacketData=03 03 00 ", "PacketStatus=NoError",
+                           "PreambleCount=11", "Reading=corrected", "List Decoder Reading=03 13 10 "}));
+}
