@@ -109,11 +109,6 @@ QwtChart::QwtChart(int kind, int xSpan, QWidget* parent) : QWidget(parent), m_ki
     // The view paints on a timer when the scene changed, not at every change
     // (a resize or an expose still paints at once).
     m_chartView->setViewportUpdateMode(QGraphicsView::NoViewportUpdate);
-    // The chart's square background covers the whole view, so the widgets
-    // behind it need not be painted first each time it paints.
-    m_chart->setBackgroundRoundness(0);
-    m_chartView->setAttribute(Qt::WA_OpaquePaintEvent);
-    m_chartView->viewport()->setAttribute(Qt::WA_OpaquePaintEvent);
     connect(m_chartView->scene(), &QGraphicsScene::changed, this, [this] { m_changed = true; });
     auto* paintTimer = new QTimer(this);
     connect(paintTimer, &QTimer::timeout, this, &QwtChart::PaintIfChanged);

@@ -247,6 +247,12 @@ void QEventWindow::BeforeTreeChange()
         m_eventView->viewport()->setUpdatesEnabled(false);
 }
 
+void QEventWindow::CatchUpNow()
+{
+    m_treeTimer->stop();
+    CatchUpTree();
+}
+
 void QEventWindow::CatchUpTree()
 {
     m_eventView->viewport()->setUpdatesEnabled(true);

@@ -54,6 +54,9 @@ public:
     static constexpr int kTreeCatchUpMs = 250;
     // True while the shown tree has batches it has not caught up with.
     bool TreeBehind() const { return m_treeBehind; }
+    // Catches up at once: before the tree is grabbed as a picture, which
+    // would otherwise show an empty view while its painting is held.
+    void CatchUpNow();
 
 signals:
     void EventWindowSelect_Signal(MsgInfo& info, StandardItemMode mode);

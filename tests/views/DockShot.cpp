@@ -2,7 +2,7 @@
 // script played through the chains for 28 s, one refresh per 30 ms) and saves
 // the window as a PNG: the picture a user sees in the middle of power
 // transfer. Run it under a real X server to look at it:
-//   xvfb-run -a -s "-screen 0 1600x900x24" build/tests/dock_shot dock.png
+//   xvfb-run -a -s "-screen 0 1600x900x24" build/tests/dock_shot dock.png [--recovered]
 #include "ReplayedSession.h"
 #include "events/ui/QEventWindow.h"
 #include "services/SettingParams.h"
@@ -13,6 +13,7 @@
 #include <QTemporaryDir>
 
 #include <cstdio>
+#include <functional>
 
 int main(int argc, char** argv)
 {
@@ -31,9 +32,23 @@ int main(int argc, char** argv)
         dock.Redraw();
         app.processEvents();
     });
-    // A packet selected, as a click would select it.
+    // A packet selected, as a click would select it: with --recovered, the
+    // first one that the second ASK reader recovered or corrected.
     QStandardItem* root = dock.EventWindow()->Model().Root();
-    for (int r = root->rowCount() - 1; r >= 0; --r) {
+    const bool recovered = argc > 2 && QString::fromLocal8Bit(argv[2]) == QStringLiteral("--recovered");
+    std::function<QStandardItemEx*(QStandardItem*)> findRecovered = [&](QStandardItem* parent) -> QStandardItemEx* {
+        for (int r = 0; r < parent->rowCount(); ++r) {
+            auto* item = static_cast<QStandardItemEx*>(parent->child(r));
+            if (item->mode == kItemEvent && !item->info.packet.reading.empty())
+                return item;
+            if (QStandardItemEx* found = findRecovered(item))
+                return found;
+        }
+        return nullptr;
+    };
+    if (QStandardItemEx* item = recovered ? findRecovered(root) : nullptr)
+        dock.EventWindowSelected(item->info, item->mode);
+    for (int r = recovered ? -1 : root->rowCount() - 1; r >= 0; --r) {
         auto* group = static_cast<QStandardItemEx*>(root->child(r));
         if (group->mode == kItemPhase && group->rowCount() > 1) {
             auto* item = static_cast<QStandardItemEx*>(group->child(group->rowCount() - 1));
@@ -41,6 +56,7 @@ int main(int argc, char** argv)
             break;
         }
     }
+    dock.EventWindow()->CatchUpNow();
     for (int k = 0; k < 20; ++k)
         app.processEvents();
     const bool ok = dock.grab().save(out);

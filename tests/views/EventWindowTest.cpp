@@ -239,6 +239,13 @@ TEST_F(EventWindowTest, BatchesSoonAfterAShownOneAreShownTogetherAtTheEndOfTheCa
     EXPECT_TRUE(tree->isExpanded(m->index(m->rowCount(root) - 1, 0, root)));
     // The log is never held back.
     EXPECT_EQ(w.LogView()->toPlainText(), w.Model().LogText());
+    // A picture of the tree taken while it is behind catches up first.
+    w.AddEvents(Batch(20));
+    ASSERT_TRUE(w.TreeBehind());
+    w.CatchUpNow();
+    EXPECT_FALSE(w.TreeBehind());
+    EXPECT_TRUE(tree->viewport()->updatesEnabled());
+    EXPECT_EQ(tree->verticalScrollBar()->value(), tree->verticalScrollBar()->maximum());
 }
 
 TEST_F(EventWindowTest, HiddenWindowNeitherScrollsNorExpandsButNumbersAndSaves)
