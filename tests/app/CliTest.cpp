@@ -354,3 +354,13 @@ TEST(CliReplayRecorded, AskReaderTakesListOrBoth)
     const Result help = RunCli("replay --help");
     EXPECT_NE(help.out.find("--ask-reader"), std::string::npos);
 }
+
+TEST(CliCaptureOptions, AskReaderTakesListOrBothBeforeLookingForTheDevice)
+{
+    const Result bad = RunCli("capture --ask-reader none --seconds 1", true);
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.out.find("--ask-reader takes list or both, not \"none\""), std::string::npos) << bad.out;
+    EXPECT_EQ(bad.out.find("Not found Sniffer Device."), std::string::npos) << bad.out;
+    const Result help = RunCli("capture --help");
+    EXPECT_NE(help.out.find("--ask-reader list|both"), std::string::npos);
+}
