@@ -1,18 +1,15 @@
 // The merge of the two ASK readers in the data manager: frames of the list
 // decoder and of the second reader wait for each other, then the second
 // reader fills what the list decoder missed and corrects what it misread.
-#include "common/Clock.h"
+#include "DataManagerFixture.h"
 #include "common/TimeText.h"
-#include "events/DataManager.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-class AskMergeTest : public ::testing::Test {
+class AskMergeTest : public DataManagerFixture {
 protected:
-    void SetUp() override { SetClock(&clock); }
-    void TearDown() override { SetClock(nullptr); }
 
     // A frame of the list decoder over samples first .. last.
     static std::shared_ptr<CMsgData> ListFrame(std::vector<uint8_t> bytes, uint64_t first, uint64_t last,
@@ -45,35 +42,12 @@ protected:
         return w;
     }
 
-    // Two refreshes, the second more than a second after the first: whatever
-    // the merge released comes out.
-    std::vector<MsgInfoPtr> Drain()
-    {
-        std::vector<MsgInfoPtr> out, later;
-        dm.GetEvents(out);
-        clock.Advance(1001);
-        dm.GetEvents(later);
-        out.insert(out.end(), later.begin(), later.end());
-        return out;
-    }
-
     // Both readers have looked past sample n.
     void BothPassed(uint64_t n)
     {
         dm.ListDecoderPassed(n);
         dm.AddWireFrames({}, n);
     }
-
-    static std::vector<std::string> Texts(const std::vector<MsgInfoPtr>& events)
-    {
-        std::vector<std::string> out;
-        for (const auto& e : events)
-            out.push_back(e->str.toStdString());
-        return out;
-    }
-
-    ManualClock clock{100000};
-    CDataManager dm;
 };
 
 }  // namespace

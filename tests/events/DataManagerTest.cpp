@@ -1,15 +1,12 @@
-#include "common/Clock.h"
+#include "DataManagerFixture.h"
 #include "common/TimeText.h"
-#include "events/DataManager.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-class DataManagerTest : public ::testing::Test {
+class DataManagerTest : public DataManagerFixture {
 protected:
-    void SetUp() override { SetClock(&clock); }
-    void TearDown() override { SetClock(nullptr); }
 
     static std::shared_ptr<CMsgData> Frame(std::vector<uint8_t> bytes, uint32_t direction = 2,
                                            uint64_t start = 0, bool capture = true)
@@ -42,28 +39,6 @@ protected:
         return Drain();
     }
 
-    // One refresh pumps the decoders' frames into the queue; a second, more
-    // than a second later, releases what is queued.
-    std::vector<MsgInfoPtr> Drain()
-    {
-        std::vector<MsgInfoPtr> out, later;
-        dm.GetEvents(out);
-        clock.Advance(1001);
-        dm.GetEvents(later);
-        out.insert(out.end(), later.begin(), later.end());
-        return out;
-    }
-
-    static std::vector<std::string> Texts(const std::vector<MsgInfoPtr>& events)
-    {
-        std::vector<std::string> out;
-        for (const auto& e : events)
-            out.push_back(e->str.toStdString());
-        return out;
-    }
-
-    ManualClock clock{100000};
-    CDataManager dm;
 };
 
 }  // namespace
