@@ -185,28 +185,31 @@ QIcon QEventWindow::IconOf(const QStandardItemEx& item) const
     return QIcon();
 }
 
-void QEventWindow::AddEvents(const std::vector<MsgInfoPtr>& events)
+// Every change of the model's tree goes through here: the tree's painting
+// is held first when the change will wait for the catch-up, and what the
+// change shows is worked out after it.
+template <class Change>
+void QEventWindow::ChangeTree(Change&& change)
 {
     const int rootRows = m_model.Root()->rowCount();
     BeforeTreeChange();
-    m_model.AddEvents(events);
+    change();
     AfterTreeChange(rootRows);
+}
+
+void QEventWindow::AddEvents(const std::vector<MsgInfoPtr>& events)
+{
+    ChangeTree([&] { m_model.AddEvents(events); });
 }
 
 void QEventWindow::StartAcquisition(const std::string& text)
 {
-    const int rootRows = m_model.Root()->rowCount();
-    BeforeTreeChange();
-    m_model.StartAcquisition(text);
-    AfterTreeChange(rootRows);
+    ChangeTree([&] { m_model.StartAcquisition(text); });
 }
 
 void QEventWindow::StopAcquisition(const std::string& text)
 {
-    const int rootRows = m_model.Root()->rowCount();
-    BeforeTreeChange();
-    m_model.StopAcquisition(text);
-    AfterTreeChange(rootRows);
+    ChangeTree([&] { m_model.StopAcquisition(text); });
 }
 
 void QEventWindow::ClearAll()

@@ -73,6 +73,8 @@ public slots:
 private:
     void BuildForm();
     // What a change of the tree shows; the root had rootRowsBefore rows before.
+    template <class Change>
+    void ChangeTree(Change&& change);
     void BeforeTreeChange();
     void AfterTreeChange(int rootRowsBefore);
     void ShowTreeChange(int rootRowsBefore);
