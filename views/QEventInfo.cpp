@@ -35,9 +35,14 @@ Gauge AddGauge(QVBoxLayout* page, const QString& title, const QString& caption, 
     g.text = new QLineEdit(box);
     g.text->setObjectName(QStringLiteral("lineEdit_") + name);
     g.text->setReadOnly(true);
+    // The texts and bars change many times a second; filled in their own
+    // background they are opaque to the painter, so the group box behind them
+    // is not painted again with every change.
+    g.text->setAutoFillBackground(true);
     auto* label = new QLabel(caption, box);
     g.bar = new QProgressBar(box);
     g.bar->setObjectName(QStringLiteral("progressBar_") + name);
+    g.bar->setAutoFillBackground(true);
     g.left = new QLabel(left, box);
     g.left->setObjectName(QStringLiteral("label_") + name + QStringLiteral("_left"));
     g.right = new QLabel(right, box);
@@ -104,6 +109,7 @@ QEventInfo::QEventInfo(QWidget* parent) : QDialog(parent)
     m_packetsText = new QLineEdit(packets);
     m_packetsText->setObjectName(QStringLiteral("lineEdit_packets"));
     m_packetsText->setReadOnly(true);
+    m_packetsText->setAutoFillBackground(true);
     packetsLayout->addWidget(m_packetsText);
     page->addWidget(packets);
     page->addStretch(1);

@@ -6,7 +6,11 @@
 #include <QGuiApplication>
 #include <QOffscreenSurface>
 #include <QOpenGLContext>
+#include <QGraphicsLineItem>
+#include <QGraphicsRectItem>
 #include <QGraphicsScene>
+#include <QGraphicsSimpleTextItem>
+#include <QGraphicsTextItem>
 #include <QTimer>
 #include <QtCharts/QChart>
 #include <QtCharts/QChartView>
@@ -14,6 +18,7 @@
 #include <QtCharts/QValueAxis>
 
 #include <cmath>
+#include <vector>
 
 using namespace QtCharts;
 
@@ -89,10 +94,12 @@ QwtChart::QwtChart(int kind, int xSpan, QWidget* parent) : QWidget(parent), m_ki
         s->setUseOpenGL(OpenGLAvailable());
         m_chart->addSeries(s);
         // The theme's colour (given when the series joins the chart) in a
-        // cosmetic pen: a wide stroke of a 700-point spline is the costly part
-        // of painting it without OpenGL.
+        // cosmetic pen one pixel wide: the raster painter draws such a pen
+        // along the curve directly, where any wider pen first builds the
+        // outline of a 700-point spline as a polygon and fills it, which was
+        // the costly part of painting a chart without OpenGL.
         QPen pen = s->pen();
-        pen.setWidthF(1.5);
+        pen.setWidthF(1.0);
         pen.setCosmetic(true);
         s->setPen(pen);
     }
@@ -126,7 +133,39 @@ void QwtChart::PaintIfChanged()
     if (!m_changed)
         return;
     m_changed = false;
+    CacheStillItems();
     m_chartView->viewport()->update();
+}
+
+// Everything of the chart but its series (background, plot area, grid and
+// axis lines, tick labels, titles) changes only when a range or a size does,
+// yet the view paints it all again each time the line moves: the labels'
+// text layout was most of a chart's painting. Those items keep their picture
+// in a pixmap of the device's resolution, which Qt throws away whenever the
+// item itself changes. Axes make new label items when their range changes,
+// so the walk runs before each paint; an item already cached is left as it
+// is. The series items are not among those types and keep painting directly.
+void QwtChart::CacheStillItems()
+{
+    const auto top = m_chart->childItems();
+    std::vector<QGraphicsItem*> todo(top.begin(), top.end());
+    while (!todo.empty()) {
+        QGraphicsItem* item = todo.back();
+        todo.pop_back();
+        switch (item->type()) {
+        case QGraphicsRectItem::Type:
+        case QGraphicsLineItem::Type:
+        case QGraphicsTextItem::Type:
+        case QGraphicsSimpleTextItem::Type:
+            if (item->cacheMode() != QGraphicsItem::DeviceCoordinateCache)
+                item->setCacheMode(QGraphicsItem::DeviceCoordinateCache);
+            break;
+        default:
+            break;
+        }
+        const auto children = item->childItems();
+        todo.insert(todo.end(), children.begin(), children.end());
+    }
 }
 
 // The series takes the newest points only when it is about to be painted (or

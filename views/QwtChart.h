@@ -83,6 +83,7 @@ public:
 private:
     void ApplyKind();
     void PaintIfChanged();
+    void CacheStillItems();
     void Offer(QVector<QPointF>&& points);
     void HandOver() const;
 

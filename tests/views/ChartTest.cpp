@@ -5,6 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <QGraphicsLineItem>
+#include <QGraphicsRectItem>
+#include <QGraphicsSimpleTextItem>
+#include <QGraphicsTextItem>
+#include <QTest>
 #include <QtCharts/QChart>
 #include <QtCharts/QSplineSeries>
 #include <QtCharts/QValueAxis>
@@ -168,4 +173,54 @@ TEST(Chart, EmptyAxisAndNaNValuesAreNoCrash)
     ASSERT_EQ(c.Series()->count(), 1);
     EXPECT_EQ(c.Series()->at(0), QPointF(2, 7));
     c.repaint();
+}
+
+namespace {
+
+// The chart's items by whether they keep their picture in a pixmap: the
+// still parts (background, grid, axes, labels, titles) and the series.
+struct CacheCount {
+    int cached = 0, uncached = 0, seriesCached = 0;
+};
+
+CacheCount CountCaches(QtCharts::QChart* chart)
+{
+    CacheCount n;
+    QList<QGraphicsItem*> todo = chart->childItems();
+    while (!todo.isEmpty()) {
+        QGraphicsItem* item = todo.takeLast();
+        const int t = item->type();
+        const bool still = t == QGraphicsRectItem::Type || t == QGraphicsLineItem::Type ||
+                           t == QGraphicsTextItem::Type || t == QGraphicsSimpleTextItem::Type;
+        const bool cached = item->cacheMode() == QGraphicsItem::DeviceCoordinateCache;
+        if (still)
+            (cached ? n.cached : n.uncached)++;
+        else if (cached)
+            n.seriesCached++;
+        todo.append(item->childItems());
+    }
+    return n;
+}
+
+}  // namespace
+
+TEST(Chart, StillPartsKeepTheirPictureAndTheLineIsDrawnDirectlyWithAThinPen)
+{
+    QwtChart c(1, 20);
+    c.resize(400, 300);
+    c.show();
+    c.SetPoints({0, 5, 10, 20}, {120, 125, 121, 128});
+    // The paint timer takes the points and caches what does not move.
+    ASSERT_TRUE(QTest::qWaitFor([&] { return c.Series()->count() == 4 && CountCaches(c.Chart()).uncached == 0; },
+                                10000));
+    const CacheCount first = CountCaches(c.Chart());
+    EXPECT_GT(first.cached, 10);  // background, plot area, grid, axis lines, labels, title
+    EXPECT_EQ(first.seriesCached, 0);
+    // A new range makes new tick labels; they are cached before the next paint.
+    c.SetXRange(0, 37);
+    c.SetPoints({0, 5, 10, 37}, {120, 125, 121, 128});
+    ASSERT_TRUE(QTest::qWaitFor([&] { return CountCaches(c.Chart()).uncached == 0 && c.Replacements() == 2; }, 10000));
+    // One pixel, cosmetic: drawn along the curve, not outlined and filled.
+    EXPECT_TRUE(c.Series()->pen().isCosmetic());
+    EXPECT_DOUBLE_EQ(c.Series()->pen().widthF(), 1.0);
 }
