@@ -146,6 +146,8 @@ void PropertyTree::MakeEditable()
         return;
     m_editable = true;
     m_view->setItemDelegateForColumn(1, new PropertyDelegate(m_view));
+    m_view->header()->setStretchLastSection(true);
+    m_view->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     m_view->setEditTriggers(QAbstractItemView::CurrentChanged | QAbstractItemView::SelectedClicked |
                             QAbstractItemView::DoubleClicked | QAbstractItemView::EditKeyPressed);
 }
@@ -205,7 +207,10 @@ void PropertyTree::ResizeToContents()
 {
     m_view->expandAll();
     m_view->resizeColumnToContents(0);
-    m_view->resizeColumnToContents(1);
+    // An editable tree keeps its values within the width of the view: the
+    // value column takes the rest, and an editor never scrolls the names away.
+    if (!m_editable)
+        m_view->resizeColumnToContents(1);
 }
 
 QStringList PropertyTree::GroupTitles() const
