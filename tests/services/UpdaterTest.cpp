@@ -422,6 +422,47 @@ TEST_F(UpdaterTest, InstallerCutShortOfItsLengthIsRemovedAndTheButtonStaysDisabl
     EXPECT_FALSE(u.DownloadButton()->isEnabled());
 }
 
+TEST_F(UpdaterTest, SetupUrlThatDoesNotParseFailsSilentlyAndLeavesTheButtonDisabled)
+{
+    server.Serve("/version_setup.txt", Body(VersionJson(20230601, "http://[::1/setup.run", "Bad link.")));
+    CoilscopeUpdater u(server.Base());
+    QSignalSpy done(&u.Download(), &HttpDownload::taskFinished);
+    ASSERT_TRUE(Finished(done));
+    messages.clear();
+    u.slot_download();
+    ASSERT_TRUE(Finished(done, 2));
+    EXPECT_FALSE(done.at(1).at(1).toBool());
+    EXPECT_FALSE(QFile::exists(u.SetupFile()));
+    EXPECT_EQ(u.DownloadButton()->text(), "Download");
+    EXPECT_FALSE(u.DownloadButton()->isEnabled());
+    EXPECT_TRUE(messages.empty());
+}
+
+TEST_F(UpdaterTest, NewJobDropsTheRunningOneAndItsFile)
+{
+    HttpAnswer stalled;
+    stalled.body = QByteArray(100, 'a');
+    stalled.claimedLength = 100000;
+    stalled.hold = true;
+    server.Serve("/stalled.bin", stalled);
+    server.Serve("/small.bin", Body("small"));
+    QTemporaryDir scratch;
+    HttpDownload d;
+    QSignalSpy done(&d, &HttpDownload::taskFinished);
+    d.StartDownload(server.Base() + "/stalled.bin", scratch.path() + "/stalled.bin");
+    ASSERT_TRUE(WaitUntil([&] { return server.RequestsFor("/stalled.bin") == 1; }));
+    d.StartDownload(server.Base() + "/small.bin", scratch.path() + "/small.bin");
+    EXPECT_FALSE(QFile::exists(scratch.path() + "/stalled.bin"));
+    ASSERT_TRUE(Finished(done));
+    EXPECT_EQ(done.at(0).at(0).toString(), server.Base() + "/small.bin");
+    EXPECT_TRUE(done.at(0).at(1).toBool());
+    QTest::qWait(50);
+    EXPECT_EQ(done.count(), 1);
+    QFile small(scratch.path() + "/small.bin");
+    ASSERT_TRUE(small.open(QIODevice::ReadOnly));
+    EXPECT_EQ(small.readAll(), "small");
+}
+
 TEST_F(UpdaterTest, SetupFileIsNamedAfterTheUrlsFile)
 {
     const QString data = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
