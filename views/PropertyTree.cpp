@@ -24,26 +24,27 @@ public:
                           const QModelIndex& index) const override
     {
         const QVariant value = index.data(Qt::EditRole);
+        // commitData is a signal of this delegate; the editors call it on
+        // every change.
+        auto* self = const_cast<PropertyDelegate*>(this);
         switch (value.userType()) {
         case QMetaType::Bool: {
             auto* box = new QCheckBox(parent);
             box->setAutoFillBackground(true);
-            connect(box, &QCheckBox::toggled, this, [this, box] { emit const_cast<PropertyDelegate*>(this)->commitData(box); });
+            connect(box, &QCheckBox::toggled, self, [self, box] { emit self->commitData(box); });
             return box;
         }
         case QMetaType::Int: {
             auto* spin = new QSpinBox(parent);
             spin->setRange(INT_MIN, INT_MAX);
             spin->setFrame(false);
-            connect(spin, QOverload<int>::of(&QSpinBox::valueChanged), this,
-                    [this, spin] { emit const_cast<PropertyDelegate*>(this)->commitData(spin); });
+            connect(spin, QOverload<int>::of(&QSpinBox::valueChanged), self, [self, spin] { emit self->commitData(spin); });
             return spin;
         }
         case QMetaType::QString: {
             auto* line = new QLineEdit(parent);
             line->setFrame(false);
-            connect(line, &QLineEdit::textEdited, this,
-                    [this, line] { emit const_cast<PropertyDelegate*>(this)->commitData(line); });
+            connect(line, &QLineEdit::textEdited, self, [self, line] { emit self->commitData(line); });
             return line;
         }
         default:
