@@ -166,6 +166,40 @@ TEST_F(UpdaterTest, NewerVersionIsAnnouncedOnceOverTwoProgramStarts)
     EXPECT_EQ(server.RequestsFor("/version_setup.txt"), 2);
 }
 
+TEST_F(UpdaterTest, NewerVersionIsAnnouncedOnlyByTheFirstOfTwoProcesses)
+{
+    server.Serve("/version_setup.txt", Body(VersionJson(20230522, server.Base() + "/setup.sh", "Two starts.")));
+    QTemporaryDir home;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("XDG_CONFIG_HOME", home.path() + "/config");
+    env.insert("XDG_DATA_HOME", home.path() + "/data");
+    env.insert("QT_QPA_PLATFORM", "offscreen");
+    auto start = [&] {
+        QProcess p;
+        p.setProcessEnvironment(env);
+        p.start(UPDATE_CHECK_ONCE, {server.Base()});
+        EXPECT_TRUE(p.waitForStarted(10000));
+        // The server answers on this thread's event loop: wait without blocking it.
+        EXPECT_TRUE(WaitUntil([&] { return p.state() == QProcess::NotRunning; }, 60000));
+        EXPECT_EQ(p.exitCode(), 0);
+        return QString::fromUtf8(p.readAllStandardOutput());
+    };
+    const QString first = start();
+    EXPECT_TRUE(first.contains("box Waring: Find new version 20230522.\n")) << first.toStdString();
+    EXPECT_TRUE(first.contains("text: Current Version:1.2.0.0|New Version:20230522|Desc: Two starts.\n"))
+        << first.toStdString();
+    QFile settings(home.path() + "/config/Coilscope/setting.txt");
+    ASSERT_TRUE(settings.open(QIODevice::ReadOnly));
+    Json::Value root;
+    ASSERT_TRUE(Json::Reader().parse(settings.readAll().toStdString(), root));
+    EXPECT_EQ(root["m_skip_version"].asInt(), 20230522);
+    const QString second = start();
+    EXPECT_FALSE(second.contains("box ")) << second.toStdString();
+    EXPECT_TRUE(second.contains("text: Current Version:1.2.0.0|New Version:20230522|Desc: Two starts.\n"))
+        << second.toStdString();
+    EXPECT_EQ(server.RequestsFor("/version_setup.txt"), 2);
+}
+
 TEST_F(UpdaterTest, SkipBoxSetsAndClearsTheSkippedVersionWithoutSaving)
 {
     server.Serve("/version_setup.txt", Body(VersionJson(20240101, server.Base() + "/setup.sh", "New.")));
