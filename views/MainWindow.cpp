@@ -5,11 +5,14 @@
 #include "events/ui/UserSeams.h"
 #include "icons/Icons.h"
 #include "services/AppSettings.h"
+#include "services/CoilscopeUpdater.h"
 #include "services/Log.h"
+#include "services/QAppConfig.h"
 #include "services/SettingParams.h"
 #include "views/QWindowReal.h"
 
 #include <QAction>
+#include <QApplication>
 #include <QCloseEvent>
 #include <QDir>
 #include <QGridLayout>
@@ -44,8 +47,14 @@ MessageKind KindOfTitle(const std::string& title)
 
 MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(parent)
 {
-    // The first use of the settings object loads the settings file.
-    AppSettings::Instance();
+    // The configuration dialog comes first: its construction is the first use
+    // of the settings object, which loads the settings file.
+    m_config = std::make_unique<QAppConfig>();
+    m_panels.config = m_config.get();
+    // The update check starts with the window.
+    m_updater = std::make_unique<CoilscopeUpdater>();
+    m_panels.updater = m_updater.get();
+    m_programFolder = QCoreApplication::applicationDirPath();
     setObjectName(QStringLiteral("MainWindow"));
     setWindowTitle(QStringLiteral("Coilscope"));
     setWindowIcon(IconAt(QStringLiteral(":/icons/icons/coilscope.svg")));
@@ -78,6 +87,7 @@ MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(p
         Action(QLatin1String(name))->setEnabled(false);
 
     connect(menuBar(), &QMenuBar::triggered, this, &MainWindow::actionBtns);
+    connect(m_config.get(), &QAppConfig::signals_QAppSave, this, &MainWindow::slot_QAppSave);
     // Emitted on the pacing thread, run on this one.
     connect(this, &MainWindow::timeout_signal, this, &MainWindow::TimeOut_slot, Qt::QueuedConnection);
 }
@@ -327,9 +337,13 @@ void MainWindow::actionBtns(QAction* action)
     } else if (name == QLatin1String("FSK")) {
         TogglePanel(m_panels.fsk);
     } else if (name == QLatin1String("Setting")) {
+        // Refilled from the settings before it is shown: the save path, for
+        // one, may have changed since.
+        if (m_panels.config == m_config.get() && !m_config->isVisible())
+            emit m_config->signals_UpdateUI();
         TogglePanel(m_panels.config);
     } else if (name == QLatin1String("UpdateFireware")) {
-        // The firmware tool plugs in here.
+        UpdateFirmware();
     } else if (name == QLatin1String("SetSavePath")) {
         SetSavePath();
     } else if (name == QLatin1String("PowerMonitor")) {
@@ -341,6 +355,16 @@ void MainWindow::actionBtns(QAction* action)
     } else {
         ShowUserMessage(this, MessageKind::Information, QStringLiteral("information"), QStringLiteral("Support later."));
     }
+}
+
+bool MainWindow::UpdateFirmware()
+{
+    if (m_controller->Found()) {
+        ShowUserMessage(this, MessageKind::Information, QStringLiteral("information"),
+                        QStringLiteral("Please Disconnect First."));
+        return false;
+    }
+    return StartFirmwareTool(m_programFolder);
 }
 
 void MainWindow::TogglePanel(QWidget* panel)

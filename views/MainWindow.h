@@ -17,7 +17,9 @@
 #include <string>
 #include <vector>
 
+class CoilscopeUpdater;
 class QAction;
+class QAppConfig;
 class QLabel;
 class QMenu;
 class QPrinter;
@@ -65,6 +67,15 @@ public:
     QTabWidget* Tabs() const { return m_tabWidget; }
     QAction* Action(const QString& objectName) const { return m_actions.value(objectName); }
     MainWindowPanels& Panels() { return m_panels; }
+    QAppConfig* Config() const { return m_config.get(); }
+    CoilscopeUpdater* Updater() const { return m_updater.get(); }
+    // The folder the firmware tool is started from: the program's own.
+    // Tests point it elsewhere.
+    void SetProgramFolder(const QString& folder) { m_programFolder = folder; }
+    // "UpdateFireware": refused while the port is open, else the firmware
+    // tool is started; a missing tool is silently not started. True when it
+    // was started.
+    bool UpdateFirmware();
     // A session file is shown (Open), rather than a capture.
     bool FileOpen() const { return m_fileOpen; }
     // Refreshes run, and how long the latest of them took (TimeOut_slot
@@ -94,7 +105,11 @@ private:
     void TogglePanel(QWidget* panel);
     void StopAndDisconnect();
 
+    // Made first: its construction loads the settings file.
+    std::unique_ptr<QAppConfig> m_config;
     std::unique_ptr<AcquisitionController> m_controller;
+    std::unique_ptr<CoilscopeUpdater> m_updater;
+    QString m_programFolder;
     QMap<QString, QAction*> m_actions;
     QTabWidget* m_tabWidget = nullptr;
     QWindowReal* m_dock = nullptr;

@@ -1,6 +1,7 @@
 // A property tree: group rows with name and value rows under them, in two
 // columns. The dock shows an event's fields in it, read-only; the
-// configuration dialog will edit settings in the same widget.
+// configuration dialog edits settings in the same widget, through editable
+// rows: a bool is a check box, an int a spin box, a string a line edit.
 #pragma once
 
 #include <QStandardItemModel>
@@ -19,6 +20,18 @@ public:
     QStandardItem* AddGroup(const QString& title);
     // A row: its name, and its value (an int or a string).
     void AddRow(QStandardItem* group, const QString& name, const QVariant& value);
+    // An editable row. The value's type chooses the editor: bool a check box
+    // (always shown), int a spin box over the whole int range, a string a line
+    // edit. What the user types reaches the row's value at once.
+    QStandardItem* AddEditableRow(QStandardItem* group, const QString& name, const QVariant& value);
+    // The value cell of the row `name` in the group `group`; null when there
+    // is no such row.
+    QStandardItem* ValueItem(const QString& group, const QString& name) const;
+    // The value of that row (invalid when there is none), and its new value.
+    QVariant Value(const QString& group, const QString& name) const;
+    void SetValue(const QString& group, const QString& name, const QVariant& value);
+    // The group row of that title, null when there is none.
+    QStandardItem* Group(const QString& title) const;
     // Removes every group.
     void Clear();
     // Expands the groups and fits both columns to their contents.
@@ -32,6 +45,9 @@ public:
     QStringList Rows(int g) const;
 
 private:
+    void MakeEditable();
+
     QTreeView* m_view = nullptr;
+    bool m_editable = false;
     QStandardItemModel m_model;
 };

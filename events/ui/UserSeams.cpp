@@ -18,6 +18,12 @@ std::function<void(const QUrl&)>& DesktopRecorder()
     return recorder;
 }
 
+std::function<QMessageBox::StandardButton(const UserMessage&)>& WarningAnswerer()
+{
+    static std::function<QMessageBox::StandardButton(const UserMessage&)> answerer;
+    return answerer;
+}
+
 std::function<QString(const QString&)>& FileAnswerer()
 {
     static std::function<QString(const QString&)> answerer;
@@ -52,23 +58,44 @@ void SetFileAnswerer(std::function<QString(const QString&)> answerer)
     FileAnswerer() = std::move(answerer);
 }
 
-void ShowUserMessage(QWidget* parent, MessageKind kind, const QString& title, const QString& text)
+void ShowUserMessage(QWidget* parent, MessageKind kind, const QString& title, const QString& text, bool yesButton)
 {
     if (MessageRecorder()) {
         MessageRecorder()({kind, title, text});
         return;
     }
+    const QMessageBox::StandardButton button = yesButton ? QMessageBox::Yes : QMessageBox::Ok;
     switch (kind) {
     case MessageKind::Information:
-        QMessageBox::information(parent, title, text);
+        QMessageBox::information(parent, title, text, button);
         break;
     case MessageKind::Warning:
-        QMessageBox::warning(parent, title, text);
+        QMessageBox::warning(parent, title, text, button);
         break;
     case MessageKind::Critical:
-        QMessageBox::critical(parent, title, text);
+        QMessageBox::critical(parent, title, text, button);
         break;
     }
+}
+
+QMessageBox::StandardButton AskUserWarning(QWidget* parent, const QString& title, const QString& text,
+                                           QMessageBox::StandardButtons buttons)
+{
+    const UserMessage message{MessageKind::Warning, title, text};
+    if (WarningAnswerer())
+        return WarningAnswerer()(message);
+    // Recorded with no answer given: nothing is pressed, as when the box is
+    // closed.
+    if (MessageRecorder()) {
+        MessageRecorder()(message);
+        return QMessageBox::NoButton;
+    }
+    return QMessageBox::warning(parent, title, text, buttons);
+}
+
+void SetWarningAnswerer(std::function<QMessageBox::StandardButton(const UserMessage&)> answerer)
+{
+    WarningAnswerer() = std::move(answerer);
 }
 
 bool OpenWithDesktop(const QUrl& url)

@@ -5,6 +5,7 @@
 // person clicking and without starting a file manager.
 #pragma once
 
+#include <QMessageBox>
 #include <QString>
 #include <QUrl>
 
@@ -20,8 +21,15 @@ struct UserMessage {
     QString text;
 };
 
-// Shows a modal box with one OK button, or hands it to the recorder.
-void ShowUserMessage(QWidget* parent, MessageKind kind, const QString& title, const QString& text);
+// Shows a modal box with one OK button (one Yes button with yesButton), or
+// hands it to the recorder.
+void ShowUserMessage(QWidget* parent, MessageKind kind, const QString& title, const QString& text,
+                     bool yesButton = false);
+// A warning box that asks: it offers the buttons and returns the one pressed
+// (the answerer's choice in tests; with only a message recorder the box is
+// recorded and no button is pressed).
+QMessageBox::StandardButton AskUserWarning(QWidget* parent, const QString& title, const QString& text,
+                                           QMessageBox::StandardButtons buttons);
 // Opens a folder or an address with the desktop's handler (QDesktopServices),
 // or hands it to the recorder. Returns what the desktop answered (true when
 // recorded).
@@ -37,3 +45,4 @@ QString AskDirectory(QWidget* parent, const QString& title, const QString& folde
 void SetFileAnswerer(std::function<QString(const QString& title)> answerer);
 void SetUserMessageRecorder(std::function<void(const UserMessage&)> recorder);
 void SetDesktopRecorder(std::function<void(const QUrl&)> recorder);
+void SetWarningAnswerer(std::function<QMessageBox::StandardButton(const UserMessage&)> answerer);
