@@ -169,3 +169,23 @@ TEST(Chart, EmptyAxisAndNaNValuesAreNoCrash)
     EXPECT_EQ(c.Series()->at(0), QPointF(2, 7));
     c.repaint();
 }
+
+TEST(Chart, WavePacketBeyondTheViewIsCutAfterOnePointPastTheEdge)
+{
+    QwtChart c(5, 500);
+    c.show();
+    c.SetXRange(0, 2200);
+    c.SetPointsByIndex(QVector<double>(6880, 1500.0));
+    EXPECT_EQ(c.Series()->count(), 2202);
+    EXPECT_EQ(c.Series()->at(2201).x(), 2201);
+    c.SetPointsByIndex(QVector<double>(300, 1500.0));  // shorter: all of it
+    EXPECT_EQ(c.Series()->count(), 300);
+    // The other kinds take every point.
+    QwtChart other(2, 20);
+    other.show();
+    other.SetPointsByIndex(QVector<double>(100, 1.0));
+    EXPECT_EQ(other.Series()->count(), 100);
+    // The waves are drawn with a one-pixel cosmetic pen.
+    EXPECT_EQ(c.Series()->pen().widthF(), 1.0);
+    EXPECT_TRUE(c.Series()->pen().isCosmetic());
+}
