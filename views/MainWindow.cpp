@@ -418,7 +418,7 @@ void MainWindow::TimeOut_slot()
     if (m_refreshUs.size() >= 4096)
         m_refreshUs.erase(m_refreshUs.begin(), m_refreshUs.begin() + 2048);
     m_refreshUs.push_back(took.nsecsElapsed() / 1000);
-    m_monitor->Update(m_monitorClock.elapsed(), m.NegotiatedPower(), m.ReceivedPowerValue(),
+    m_monitor->Update(static_cast<int32_t>(m_monitorClock.elapsed()), m.NegotiatedPower(), m.ReceivedPowerValue(),
                       m.ReceivedPowerPercent(), m.ReceivedPowerRaw());
     // The display queues of the two streams are emptied at every refresh; the
     // free-running wave panels draw them.
@@ -434,7 +434,7 @@ void MainWindow::TimeOut_slot()
     }
     if (m_controller->Acquiring() && !m_fileOpen)
         m_controller->CheckReplies();
-    if (m_deviceInfoPending && m_deviceInfoClock.elapsed() >= 30000) {
+    if (m_deviceInfoPending && m_deviceInfoClock.elapsed() >= dacSliderDelayMs) {
         m_deviceInfoPending = false;
         const int current = m_controller->LastDacSent() != 0 ? m_controller->LastDacSent()
                                                               : m_controller->Link().DacValue();

@@ -84,6 +84,9 @@ public:
     ABout* About() const { return m_about; }
     // The last DAC value handed to the device from this window's slider.
     int DacValue() const { return m_dacValue; }
+    // How long after the device record the ASK panel's slider is moved to the
+    // current DAC value, once per connection.
+    int dacSliderDelayMs = 30000;
     // A session file is shown (Open), rather than a capture.
     bool FileOpen() const { return m_fileOpen; }
     // Refreshes run, and how long the latest of them took (TimeOut_slot

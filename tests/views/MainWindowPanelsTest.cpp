@@ -257,6 +257,25 @@ TEST_F(MainWindowPanelsTest, DacSliderMovedByHandReachesTheDeviceAndLockSendsNon
     w.Action("actionDisconnect")->trigger();
 }
 
+TEST_F(MainWindowPanelsTest, SliderFollowsTheCurrentDacValueOnceAfterTheDeviceRecord)
+{
+    Device dev;
+    ASSERT_TRUE(dev.ok);
+    MainWindow w(dev.Pattern());
+    w.dacSliderDelayMs = 1500;  // thirty seconds in the application
+    // Moved while no port is open: nothing goes out.
+    w.AskPanel()->SetSliderValue(2000);
+    ASSERT_EQ(w.AskPanel()->Slider()->value(), 2000);
+    ASSERT_TRUE(ConnectAndAcquire(w));
+    // The start sent the settings' 1700; the slider still shows 2000 until
+    // the delay has passed, then the current value.
+    EXPECT_EQ(w.AskPanel()->Slider()->value(), 2000);
+    EXPECT_TRUE(WaitFor([&] { return w.AskPanel()->Slider()->value() != 2000; }));
+    EXPECT_EQ(w.AskPanel()->Slider()->value(), w.Controller().LastDacSent());
+    EXPECT_EQ(dev.Commands().find(Hex(BuildSetDacCommand(2000))), std::string::npos) << dev.Commands();
+    w.Action("actionDisconnect")->trigger();
+}
+
 TEST_F(MainWindowPanelsTest, PowerLogGainsALineASecondWhileTheMonitorIsHidden)
 {
     Device dev;
