@@ -3,6 +3,7 @@
 #include "icons/Icons.h"
 
 #include <QGridLayout>
+#include <QImageReader>
 #include <QLabel>
 
 #ifndef COILSCOPE_VERSION
@@ -33,7 +34,11 @@ ABout::ABout(QWidget* parent) : QDialog(parent)
     grid->setContentsMargins(11, 11, 11, 11);
     m_logo = new QLabel(this);
     m_logo->setObjectName(QStringLiteral("label_4"));
-    m_logo->setPixmap(IconAt(QStringLiteral(":/icons/icons/coilscope.svg")).pixmap(128, 128));
+    InitIcons();
+    QImageReader logo(QStringLiteral(":/icons/icons/coilscope.svg"));
+    logo.setDecideFormatFromContent(true);
+    logo.setScaledSize(QSize(160, 160));
+    m_logo->setPixmap(QPixmap::fromImage(logo.read()));
     m_logo->setAlignment(Qt::AlignCenter);
     m_version = new QLabel(VersionText(), this);
     m_version->setObjectName(QStringLiteral("label"));
@@ -47,10 +52,12 @@ ABout::ABout(QWidget* parent) : QDialog(parent)
     m_build->setFont(small);
     m_extra = new QLabel(this);
     m_extra->setObjectName(QStringLiteral("label_3"));
-    grid->addWidget(m_logo, 0, 0, 4, 1);
-    grid->addWidget(m_version, 0, 1);
-    grid->addWidget(m_build, 1, 1);
-    grid->addWidget(m_extra, 2, 1);
-    grid->setRowStretch(3, 1);
+    grid->setRowStretch(0, 1);
+    grid->addWidget(m_logo, 1, 0, 3, 1);
+    grid->addWidget(m_version, 1, 1);
+    grid->addWidget(m_build, 2, 1);
+    grid->addWidget(m_extra, 3, 1);
+    grid->setRowStretch(4, 1);
     grid->setColumnStretch(1, 1);
+    grid->setHorizontalSpacing(24);
 }

@@ -1,13 +1,16 @@
 // The wave panels and the power monitor of a live session against the device
 // emulator, saved as PNGs to look at: both panels free-running, both on
-// AutoTrigger, and the power monitor after a minute. Run it under a real X
+// AutoTrigger, the power monitor after a minute, the product test panel and
+// the about box. Run it under a real X
 // server:
 //   xvfb-run -a -s "-screen 0 1600x900x24" build/tests/panel_shot OUTDIR [monitor-seconds]
 #include "services/AppSettings.h"
 #include "services/SettingParams.h"
 #include "sim/DeviceEmulator.h"
+#include "views/ABout.h"
 #include "views/MainWindow.h"
 #include "views/PercentMonitor.h"
+#include "views/QProductTest.h"
 #include "views/SampleGui.h"
 
 #include <QAction>
@@ -79,6 +82,14 @@ int main(int argc, char** argv)
     }
     QElapsedTimer session;
     session.start();
+    // The product test panel with the device's number, and the about box.
+    w.Action(QStringLiteral("actionProductTest"))->trigger();
+    w.Action(QStringLiteral("actionAbout"))->trigger();
+    Wait(app, 300);
+    bool ok = Save(w.ProductTest(), out + "/product_test.png");
+    ok = Save(w.About(), out + "/about.png") && ok;
+    w.ProductTest()->hide();
+    w.About()->hide();
     for (const char* a : {"action2K_Ware", "actionFSKWare", "actionPercent"})
         w.Action(QLatin1String(a))->trigger();
     w.AskPanel()->setGeometry(0, 0, 846, 542);
@@ -86,7 +97,7 @@ int main(int argc, char** argv)
     w.Monitor()->setGeometry(400, 560, 653, 261);
     // Free-running, in power transfer.
     Wait(app, 12000);
-    bool ok = Save(w.AskPanel(), out + "/ask_free_run.png");
+    ok = Save(w.AskPanel(), out + "/ask_free_run.png") && ok;
     ok = Save(w.FskPanel(), out + "/fsk_free_run.png") && ok;
     // AutoTrigger: the newest packet of each direction.
     for (SampleGui* p : {w.AskPanel(), w.FskPanel()})
