@@ -303,8 +303,9 @@ TEST_F(MainWindowPanelsTest, PowerLogGainsALineASecondWhileTheMonitorIsHidden)
         const auto m = format.match(line);
         ASSERT_TRUE(m.hasMatch()) << line.toStdString();
         const double t = m.captured(1).toDouble();
-        if (last > 0.0)
+        if (last > 0.0) {
             EXPECT_GE(t - last, 1.0) << line.toStdString();
+        }
         last = t;
     }
     w.Action("actionDisconnect")->trigger();
