@@ -52,6 +52,7 @@ bench: deps
 	@echo "== ASK readers compared: edge finders A and B, the list decoder, both merged"; ./build-release/bench/ask_reader_compare 1000
 	@echo "== FSK decode rates"; ./build-release/bench/fsk_decode_rates
 	@echo "== real-time dock refresh"; ./build-release/bench/dock_refresh
+	@echo "== wave panel refresh"; ./build-release/bench/wave_panel_refresh
 	@echo "== live capture at real speed (60 s)"; ./build-release/bench/live_capture cpu --seconds 60
 	@echo "== the desktop application at real speed in Xvfb (60 s)"; bash bench/desktop_cpu.sh build-release 60
 	@echo "== live capture, one hour of stream at --speed $(LIVE_SPEED)"; ./build-release/bench/live_capture memory --speed $(LIVE_SPEED)

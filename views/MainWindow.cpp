@@ -9,16 +9,24 @@
 #include "services/Log.h"
 #include "services/QAppConfig.h"
 #include "services/SettingParams.h"
+#include "views/ABout.h"
+#include "views/PercentMonitor.h"
+#include "views/Printing.h"
+#include "views/QProductTest.h"
 #include "views/QWindowReal.h"
+#include "views/SampleGui.h"
 
 #include <QAction>
 #include <QApplication>
+#include <QCheckBox>
 #include <QCloseEvent>
 #include <QDir>
 #include <QGridLayout>
 #include <QLabel>
 #include <QMenu>
 #include <QMenuBar>
+#include <QPrintPreviewDialog>
+#include <QPrinter>
 #include <QStatusBar>
 #include <QTabWidget>
 #include <QToolBar>
@@ -28,6 +36,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <list>
 
 namespace {
 
@@ -51,6 +60,10 @@ MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(p
     // of the settings object, which loads the settings file.
     m_config = std::make_unique<QAppConfig>();
     m_panels.config = m_config.get();
+    m_productTest = new QProductTest(this);
+    m_about = new ABout(this);
+    m_panels.productTest = m_productTest;
+    m_panels.about = m_about;
     // The update check starts with the window.
     m_updater = std::make_unique<CoilscopeUpdater>();
     m_panels.updater = m_updater.get();
@@ -80,9 +93,15 @@ MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(p
 
     for (const char* name : {"actionDisconnect", "actionStart", "actionStop"})
         Action(QLatin1String(name))->setEnabled(false);
+    m_askPanel = new SampleGui(5, this);
+    m_fskPanel = new SampleGui(6, this);
+    m_panels.ask = m_askPanel;
+    m_panels.fsk = m_fskPanel;
     m_eventClock.start();
     m_monitorClock.start();
     m_controller = std::make_unique<AcquisitionController>(*this, std::move(portPattern));
+    m_monitor = new PercentMonitor(this);
+    m_panels.powerMonitor = m_monitor;
     for (const char* name : {"actionLoadCfg", "actionSaveCfg", "actionSaveLog"})
         Action(QLatin1String(name))->setEnabled(false);
 
@@ -90,6 +109,10 @@ MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(p
     connect(m_config.get(), &QAppConfig::signals_QAppSave, this, &MainWindow::slot_QAppSave);
     // Emitted on the pacing thread, run on this one.
     connect(this, &MainWindow::timeout_signal, this, &MainWindow::TimeOut_slot, Qt::QueuedConnection);
+    connect(m_askPanel, &SampleGui::signal_dac_change, this, &MainWindow::DAC_ValueChange);
+    // "Manual Acting" holds the automatic DAC level still.
+    connect(m_askPanel->ManualBox(), &QCheckBox::toggled, this,
+            [this](bool checked) { m_controller->Link().SetManualActing(checked); });
 }
 
 MainWindow::~MainWindow()
@@ -257,10 +280,11 @@ void MainWindow::SetActions(const Actions& a)
     }
 }
 
-void MainWindow::ShowDeviceRecord(const uint8_t*)
+void MainWindow::ShowDeviceRecord(const uint8_t* record)
 {
-    // The product test panel shows the record once it exists; the ASK panel's
+    // The product test panel shows the device's number; the ASK panel's
     // slider follows the DAC value thirty seconds later.
+    m_productTest->SetSerial(record);
     m_deviceInfoClock.start();
     m_deviceInfoPending = true;
 }
@@ -280,6 +304,13 @@ void MainWindow::StreamingStarted()
 {
     m_eventClock.restart();
     m_monitorClock.restart();
+    m_monitor->Reset();
+}
+
+void MainWindow::ShowDac(int value)
+{
+    // Comes from a decoding thread: the slider moves on this one.
+    QMetaObject::invokeMethod(this, [this, value] { m_askPanel->SetSliderValue(value); }, Qt::QueuedConnection);
 }
 
 void MainWindow::StreamingStopped()
@@ -317,10 +348,10 @@ void MainWindow::actionBtns(QAction* action)
         m_controller->DevStop();
     } else if (name == QLatin1String("Exit")) {
         Exit();
-    } else if (name == QLatin1String("Print Preview") || name == QLatin1String("Print")) {
-        if (m_controller->Acquiring())
-            ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Stop first."));
-        // (Printing of the focused view plugs in here.)
+    } else if (name == QLatin1String("Print Preview")) {
+        PrintPreview();
+    } else if (name == QLatin1String("Print")) {
+        Print();
     } else if (name == QLatin1String("SaveExecl")) {
     } else if (name == QLatin1String("Sniffer Webset")) {
         OpenWithDesktop(QUrl(QLatin1String(kWebSite)));
@@ -394,7 +425,11 @@ void MainWindow::TimeOut_slot()
     RealTimeSample sample;
     if (m_tabWidget->currentIndex() == 0)
         m_controller->Manager().GetEvents(sample.events);
-    // (The wave panels in AutoTrigger mode take a copy of the batch here.)
+    // The wave panels in AutoTrigger mode look at the newest event of the batch.
+    if (m_askPanel->isVisible() && !m_askPanel->FreeRun())
+        m_askPanel->ShowPackets(sample.events);
+    if (m_fskPanel->isVisible() && !m_fskPanel->FreeRun())
+        m_fskPanel->ShowPackets(sample.events);
     CDataManager& m = m_controller->Manager();
     sample.firstValue = m.FirstHistoryValue();
     sample.frequencyHz = m.CarrierFrequency();
@@ -407,16 +442,27 @@ void MainWindow::TimeOut_slot()
     if (m_refreshUs.size() >= 4096)
         m_refreshUs.erase(m_refreshUs.begin(), m_refreshUs.begin() + 2048);
     m_refreshUs.push_back(took.nsecsElapsed() / 1000);
-    // (The power monitor takes its values here.)
+    m_monitor->Update(static_cast<int32_t>(m_monitorClock.elapsed()), m.NegotiatedPower(), m.ReceivedPowerValue(),
+                      m.ReceivedPowerPercent(), m.ReceivedPowerRaw());
     // The display queues of the two streams are emptied at every refresh; the
     // free-running wave panels draw them.
-    m_controller->Ask().TakeDisplaySamples();
-    m_controller->Fsk().TakeDisplayWords();
+    const std::list<uint16_t> askSamples = m_controller->Ask().TakeDisplaySamples();
+    if (m_askPanel->isVisible() && m_askPanel->FreeRun() && m_controller->Acquiring())
+        m_askPanel->ShowSamples(askSamples);
+    const std::list<uint16_t> fskWords = m_controller->Fsk().TakeDisplayWords();
+    if (!fskWords.empty() && m_controller->Acquiring()) {
+        const int v = fskWords.front();
+        m_fskPanel->AdjustYRange(v - 150, v + 150);
+        if (m_fskPanel->isVisible() && m_fskPanel->FreeRun())
+            m_fskPanel->ShowSamples(fskWords);
+    }
     if (m_controller->Acquiring() && !m_fileOpen)
         m_controller->CheckReplies();
-    if (m_deviceInfoPending && m_deviceInfoClock.elapsed() >= 30000) {
+    if (m_deviceInfoPending && m_deviceInfoClock.elapsed() >= dacSliderDelayMs) {
         m_deviceInfoPending = false;
-        // (The ASK panel's slider moves to the present DAC value here.)
+        const int current = m_controller->LastDacSent() != 0 ? m_controller->LastDacSent()
+                                                              : m_controller->Link().DacValue();
+        m_askPanel->SetSliderValue(current);
     }
     m_controller->TickDone();
 }
@@ -491,8 +537,10 @@ void MainWindow::SetSavePath()
 void MainWindow::ClearAll()
 {
     m_eventClock.restart();
-    if (!m_controller->Acquiring())
-        m_monitorClock.restart();  // (and the power monitor is reset)
+    if (!m_controller->Acquiring()) {
+        m_monitorClock.restart();
+        m_monitor->Reset();
+    }
     m_controller->Manager().Clear();
     m_dock->Clear();
     m_dock->Redraw();
@@ -509,8 +557,45 @@ void MainWindow::Exit()
 
 // ---- Slots ----
 
-void MainWindow::plotPic(QPrinter*)
+// ---- Printing ----
+
+QWidget* MainWindow::PrintedWidget()
 {
+    QWidget* widget = m_tabWidget->currentWidget();
+    if (m_tabWidget->currentIndex() == 0) {
+        if (QWidget* focused = m_dock->FocusedView())
+            widget = focused;
+    }
+    return widget;
+}
+
+void MainWindow::Print()
+{
+    if (m_controller->Acquiring()) {
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Stop first."));
+        return;
+    }
+    QPrinter printer(QPrinter::HighResolution);
+    if (AskPrint(this, &printer))
+        plotPic(&printer);
+}
+
+void MainWindow::PrintPreview()
+{
+    if (m_controller->Acquiring()) {
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Stop first."));
+        return;
+    }
+    QPrinter printer(QPrinter::HighResolution);
+    QPrintPreviewDialog preview(&printer, this);
+    connect(&preview, &QPrintPreviewDialog::paintRequested, this, &MainWindow::plotPic);
+    printer.setOutputFormat(QPrinter::PdfFormat);
+    RunPrintPreview(&preview);
+}
+
+void MainWindow::plotPic(QPrinter* printer)
+{
+    PaintWidgetPicture(PrintedWidget(), printer);
 }
 
 void MainWindow::tabChanged(int index)

@@ -2,8 +2,9 @@
 // dock. It owns the acquisition controller and drives it through the menu,
 // shows what the controller reports (message boxes, action states), runs the
 // refresh cycle on the interface thread when the pacing thread asks for it,
-// and opens and saves sessions. The wave panels, the power monitor and the
-// dialogs plug into the panel seam below as they come.
+// feeds the wave panels and the power monitor from it, prints the focused view,
+// and opens and saves sessions. The dialogs that are not its own plug into the
+// panel seam below as they come.
 #pragma once
 
 #include "capture/AcquisitionController.h"
@@ -18,9 +19,13 @@
 #include <vector>
 
 class CoilscopeUpdater;
+class ABout;
+class PercentMonitor;
 class QAction;
 class QAppConfig;
 class QLabel;
+class QProductTest;
+class SampleGui;
 class QMenu;
 class QPrinter;
 class QTabWidget;
@@ -48,6 +53,7 @@ public:
     // What the acquisition controller reports.
     void ShowMessage(const std::string& title, const std::string& text) override;
     void SetActions(const Actions& actions) override;
+    void ShowDac(int value) override;
     void ShowDeviceRecord(const uint8_t* record) override;
     void CaptureBegins() override;
     void CaptureEnds() override;
@@ -61,6 +67,12 @@ public:
     void SetSavePath();
     void ClearAll();
     void Exit();
+    // "Print" and "Print Preview" of the focused view.
+    void Print();
+    void PrintPreview();
+    // The view that printing pictures: the dock's focused view, else the
+    // current tab's page.
+    QWidget* PrintedWidget();
 
     AcquisitionController& Controller() { return *m_controller; }
     QWindowReal* Dock() const { return m_dock; }
@@ -76,6 +88,16 @@ public:
     // tool is started; a missing tool is silently not started. True when it
     // was started.
     bool UpdateFirmware();
+    SampleGui* AskPanel() const { return m_askPanel; }
+    SampleGui* FskPanel() const { return m_fskPanel; }
+    PercentMonitor* Monitor() const { return m_monitor; }
+    QProductTest* ProductTest() const { return m_productTest; }
+    ABout* About() const { return m_about; }
+    // The last DAC value handed to the device from this window's slider.
+    int DacValue() const { return m_dacValue; }
+    // How long after the device record the ASK panel's slider is moved to the
+    // current DAC value, once per connection.
+    int dacSliderDelayMs = 30000;
     // A session file is shown (Open), rather than a capture.
     bool FileOpen() const { return m_fileOpen; }
     // Refreshes run, and how long the latest of them took (TimeOut_slot
@@ -117,6 +139,11 @@ private:
     QToolBar* m_toolBar = nullptr;
     QLabel* m_snifferLabel = nullptr;
     MainWindowPanels m_panels;
+    QProductTest* m_productTest = nullptr;
+    ABout* m_about = nullptr;
+    SampleGui* m_askPanel = nullptr;
+    SampleGui* m_fskPanel = nullptr;
+    PercentMonitor* m_monitor = nullptr;
     QElapsedTimer m_eventClock;
     QElapsedTimer m_monitorClock;
     QElapsedTimer m_deviceInfoClock;  // since the device record came

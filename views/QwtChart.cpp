@@ -17,6 +17,7 @@
 #include <QtCharts/QSplineSeries>
 #include <QtCharts/QValueAxis>
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -253,8 +254,8 @@ void QwtChart::SetPoints(const QVector<double>& x, const QVector<double>& y)
         return;
     QVector<QPointF> points;
     const int n = std::min(x.size(), y.size());
-    points.reserve(n);
-    for (int i = 0; i < n; ++i)
+    points.reserve(y.size());
+    for (int i = 0; i < y.size(); ++i)
         if (Finite(x[i]) && Finite(y[i]))
             points.append(QPointF(x[i], y[i]));
     Offer(std::move(points));

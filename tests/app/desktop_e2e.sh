@@ -2,8 +2,10 @@
 # The desktop application end to end in a real X server: Xvfb, the device
 # emulator and coilscope with COILSCOPE_DEMO=1 (it connects by itself). After
 # 40 s, checked from outside the process: the session folder holds a .sid and
-# a .log, and the .sid played back tells the power phases of the cycle; a
-# screenshot of the whole screen is kept as the test's artifact.
+# a .log and the power monitor's .Percent.txt (one line a second in its
+# format, the monitor hidden), and the .sid played back tells the power
+# phases of the cycle; a screenshot of the whole screen is kept as the test's
+# artifact.
 # The ASK chain reads a packet live or not depending on where its 5 ms passes
 # cut it, so a phase told by one packet of the cycle (the Configuration, the
 # Received Power that opens calibration) is required when that packet is in
@@ -48,6 +50,13 @@ grep -q 'ReceivedPower Mode 2' "$work/replay.txt" && need+=("Power Transfer Phas
 for phase in "${need[@]}"; do
   grep -q -- "-- $phase --" "$work/replay.txt" || fail "no $phase in the session file"
 done
+# The power monitor stayed hidden and logged one line a second all the same.
+percent="$(find "$work/data/Coilscope" -name '*.Percent.txt' | head -n 1)"
+[ -n "$percent" ] || fail "no power log (.Percent.txt) in the session folder"
+plines="$(wc -l < "$percent")"
+[ "$plines" -ge $((seconds / 2)) ] || fail "the power log has $plines lines after $seconds s"
+grep -qvP '^\d+\.\d{3} -?\d+ -?\d+\.\d{2}% -?\d+\.\d{2}W\r$' "$percent" && fail "a power log line out of format: $(grep -vP '^\d+\.\d{3} -?\d+ -?\d+\.\d{2}% -?\d+\.\d{2}W\r$' "$percent" | head -n 1)"
 [ -s "$artifacts/desktop-e2e.png" ] || fail "no screenshot"
 echo "session file $(basename "$sid"): $(grep -c '^...\[' "$work/replay.txt") events; phases: $(grep -- '^-- ' "$work/replay.txt" | sort -u | tr '\n' ' ')"
+echo "power log $(basename "$percent"): $plines lines"
 echo "screenshot: $artifacts/desktop-e2e.png"

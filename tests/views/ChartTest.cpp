@@ -224,3 +224,19 @@ TEST(Chart, StillPartsKeepTheirPictureAndTheLineIsDrawnDirectlyWithAThinPen)
     EXPECT_TRUE(c.Series()->pen().isCosmetic());
     EXPECT_DOUBLE_EQ(c.Series()->pen().widthF(), 1.0);
 }
+
+TEST(Chart, WavePacketLongerThanTheViewKeepsEveryPoint)
+{
+    // Points by index take every value, also those beyond the right end of
+    // the view; the one-pixel pen keeps a long packet quick to paint.
+    QwtChart c(5, 500);
+    c.show();
+    c.SetXRange(0, 2200);
+    c.SetPointsByIndex(QVector<double>(6880, 1500.0));
+    ASSERT_EQ(c.Series()->count(), 6880);
+    EXPECT_EQ(c.Series()->at(6879), QPointF(6879, 1500.0));
+    c.SetPointsByIndex(QVector<double>(300, 1500.0));
+    EXPECT_EQ(c.Series()->count(), 300);
+    EXPECT_EQ(c.Series()->pen().widthF(), 1.0);
+    EXPECT_TRUE(c.Series()->pen().isCosmetic());
+}

@@ -1,0 +1,26 @@
+// Printing a view as a screen picture scaled to the page, and the two print
+// dialogs behind a seam: a test answers the print dialog and takes the preview
+// dialog in hand instead of a person.
+#pragma once
+
+#include <functional>
+
+class QPrinter;
+class QPrintPreviewDialog;
+class QWidget;
+
+// Paints a picture of widget onto the printer's page, as large as the page
+// allows with the widget's aspect ratio, from the page's top left corner.
+// Before each step a step number goes to the application log, so that a
+// printer driver that hangs shows where.
+void PaintWidgetPicture(QWidget* widget, QPrinter* printer);
+
+// The print dialog on printer: true when the user accepted it.
+bool AskPrint(QWidget* parent, QPrinter* printer);
+// Opens the preview dialog maximised and modal, until it is closed.
+void RunPrintPreview(QPrintPreviewDialog* dialog);
+
+// Tests: the answer of the print dialog, and what is done with the preview
+// dialog instead of opening it (an empty function puts the real dialogs back).
+void SetPrintAnswerer(std::function<bool(QPrinter*)> answerer);
+void SetPrintPreviewHook(std::function<void(QPrintPreviewDialog*)> hook);

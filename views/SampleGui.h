@@ -1,0 +1,95 @@
+// A wave panel: one raw signal of the link as an oscilloscope shows it, in a
+// window of its own. Kind 5 shows the ASK envelope and carries the controls of
+// the device's DAC (the slider, "Manual Acting" and "Lock"); kind 6 shows the
+// FSK period words. Free-running, it rolls the newest samples of the stream
+// by; with AutoTrigger on it shows the samples of the newest decoded packet of
+// its direction beside the packet's four text fields. Paused, it takes
+// nothing. The main window's refresh hands it what it shows; it never pulls.
+#pragma once
+
+#include "events/MsgInfo.h"
+
+#include <QMainWindow>
+
+#include <cstdint>
+#include <list>
+#include <mutex>
+#include <vector>
+
+class QCheckBox;
+class QGroupBox;
+class QLabel;
+class QLineEdit;
+class QPushButton;
+class QSlider;
+class QSpacerItem;
+class QVBoxLayout;
+class QwtChart;
+
+class SampleGui : public QMainWindow {
+    Q_OBJECT
+public:
+    // kind: 5 (ASK, with the DAC controls) or 6 (FSK).
+    explicit SampleGui(int kind, QWidget* parent = nullptr);
+    ~SampleGui() override;
+
+    // AutoTrigger: the newest entry of the batch, if it is of this panel's
+    // direction (2, receiver to transmitter, for kind 5; 1 for kind 6), is
+    // shown: its capture record's samples as the wave, its texts in the
+    // fields. Anything else leaves the panel as it is.
+    void ShowPackets(const std::vector<MsgInfoPtr>& events);
+    // Free-run: the stream's newest samples, rolled onto the wave.
+    void ShowSamples(const std::list<uint16_t>& samples);
+    // The vertical range, taken only when an end moves by 101 or more.
+    void AdjustYRange(int low, int high);
+    // Moves the slider (which sends the value to the device through the
+    // slider's own path); the slider keeps it within its range.
+    void SetSliderValue(int value);
+    // The automatic DAC level may change the value: "Manual Acting" is off.
+    bool AutoDacAllowed() const;
+
+    int Kind() const { return m_kind; }
+    bool Paused() const { return m_paused; }
+    bool FreeRun() const { return m_freeRun; }
+    QwtChart* Chart() const { return m_chart; }
+    QSlider* Slider() const { return m_slider; }
+    QCheckBox* ManualBox() const { return m_checkBox; }
+    QCheckBox* LockBox() const { return m_checkBoxLock; }
+
+signals:
+    void signal_UpdateUI();
+    void signal_dac_change(int value);
+
+public slots:
+    void PauseClick();
+    void TriggerCheck();
+    void slot_UpdateUI();
+    void dac_value_change(int value);
+    void check_change(bool checked);
+    void dac_locked(bool locked);
+
+private:
+    void SetupForm();
+
+    QwtChart* m_chart = nullptr;
+    int32_t m_kind = 5;
+    bool m_paused = false;
+    bool m_freeRun = true;
+    std::list<uint16_t> m_samples;  // cleared only
+    std::mutex m_mutex;             // held while samples are copied
+
+    QVBoxLayout* m_layout = nullptr;
+    QCheckBox* m_checkBox = nullptr;
+    QCheckBox* m_checkBoxLock = nullptr;
+    QLabel* m_labelMin = nullptr;
+    QSlider* m_slider = nullptr;
+    QLabel* m_labelMax = nullptr;
+    QSpacerItem* m_spacer = nullptr;
+    QCheckBox* m_autoTrigger = nullptr;
+    QPushButton* m_pause = nullptr;
+    QGroupBox* m_groupBox = nullptr;
+    QLineEdit* m_summary = nullptr;
+    QLineEdit* m_typeString = nullptr;
+    QLineEdit* m_logData = nullptr;
+    QLineEdit* m_packetData = nullptr;
+};
