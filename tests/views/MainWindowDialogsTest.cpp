@@ -13,6 +13,8 @@
 #include "views/PropertyTree.h"
 #include "views/QEventInfo.h"
 #include "views/QWindowReal.h"
+
+#include "WindowConnect.h"
 #include "views/QwtChart.h"
 
 #include <gtest/gtest.h>
@@ -172,8 +174,7 @@ TEST_F(MainWindowDialogsTest, FirmwareToolIsRefusedWhileThePortIsOpen)
     tool.setPermissions(tool.permissions() | QFileDevice::ExeOwner);
     MainWindow w(device.Directory() + "/ttyACM%d");
     w.SetProgramFolder(dir.path());
-    w.Action("actionConnect")->trigger();
-    ASSERT_TRUE(w.Controller().Found());
+    ASSERT_TRUE(windowconnect::ConnectUntilFound(w, messages));
     messages.clear();
     w.Action("actionUpdate_Fireware")->trigger();
     ASSERT_EQ(messages.size(), 1u);

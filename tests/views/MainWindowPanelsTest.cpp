@@ -14,6 +14,8 @@
 #include "views/QwtChart.h"
 #include "views/SampleGui.h"
 
+#include "WindowConnect.h"
+
 #include <gtest/gtest.h>
 
 #include <QAction>
@@ -90,34 +92,7 @@ protected:
             QTest::qWait(10);
         return condition();
     }
-    static bool ConnectOnce(MainWindow& w)
-    {
-        w.Action("actionConnect")->trigger();
-        for (int k = 0; k < 5 && w.Controller().Found() && !w.Controller().Acquiring(); ++k) {
-            w.Action("actionStop")->trigger();
-            w.Action("actionStart")->trigger();
-        }
-        return w.Controller().Acquiring();
-    }
-    // Connect, as a user does, until the capture runs on: on a loaded machine
-    // a reply can come after the window stopped waiting for it (the device
-    // record read empty fails the firmware check at the first refreshes, or
-    // the start isn't confirmed), and the user connects again.
-    bool ConnectAndAcquire(MainWindow& w)
-    {
-        for (int attempt = 0; attempt < 3; ++attempt) {
-            if (ConnectOnce(w)) {
-                const int from = w.Refreshes();
-                WaitFor([&] { return w.Refreshes() > from + 10 || !w.Controller().Acquiring(); });
-                if (w.Controller().Acquiring())
-                    return true;
-            }
-            if (w.Controller().Found())
-                w.Action("actionDisconnect")->trigger();
-            messages.clear();
-        }
-        return false;
-    }
+    bool ConnectAndAcquire(MainWindow& w) { return windowconnect::ConnectAndAcquire(w, messages); }
     // The command as the emulator's log shows it: its bytes before the
     // terminating 00.
     static std::string Hex(std::vector<uint8_t> bytes)
@@ -267,7 +242,7 @@ TEST_F(MainWindowPanelsTest, DacSliderMovedByHandReachesTheDeviceAndLockSendsNon
     ASSERT_EQ(SettingParams::Instance().m_dac_locked, 1);
     w.Action("actionStop")->trigger();
     w.Action("actionStart")->trigger();
-    ASSERT_TRUE(w.Controller().Acquiring());
+    ASSERT_TRUE(windowconnect::StartUntilAcquiring(w));
     QTest::qWait(500);
     const std::string all = dev.Commands();
     const size_t start = all.rfind("command 05");
