@@ -11,6 +11,7 @@
 #include <QGraphicsScene>
 #include <QGraphicsSimpleTextItem>
 #include <QGraphicsTextItem>
+#include <QPointer>
 #include <QTimer>
 #include <QtCharts/QChart>
 #include <QtCharts/QChartView>
@@ -118,9 +119,20 @@ QwtChart::QwtChart(int kind, int xSpan, QWidget* parent) : QWidget(parent), m_ki
     // (a resize or an expose still paints at once).
     m_chartView->setViewportUpdateMode(QGraphicsView::NoViewportUpdate);
     connect(m_chartView->scene(), &QGraphicsScene::changed, this, [this] { m_changed = true; });
-    auto* paintTimer = new QTimer(this);
-    connect(paintTimer, &QTimer::timeout, this, &QwtChart::PaintIfChanged);
-    paintTimer->start(kPaintIntervalMs);
+    connect(SharedPaintTimer(), &QTimer::timeout, this, &QwtChart::PaintIfChanged);
+}
+
+// One timer for every chart of the program: charts that changed paint in the
+// same pass of the event loop, so the window goes out to the display once for
+// all of them instead of once for each at its own moment.
+QTimer* QwtChart::SharedPaintTimer()
+{
+    static QPointer<QTimer> timer;
+    if (!timer) {
+        timer = new QTimer(QCoreApplication::instance());
+        timer->start(kPaintIntervalMs);
+    }
+    return timer;
 }
 
 void QwtChart::PaintIfChanged()
@@ -254,8 +266,8 @@ void QwtChart::SetPoints(const QVector<double>& x, const QVector<double>& y)
         return;
     QVector<QPointF> points;
     const int n = std::min(x.size(), y.size());
-    points.reserve(y.size());
-    for (int i = 0; i < y.size(); ++i)
+    points.reserve(n);
+    for (int i = 0; i < n; ++i)
         if (Finite(x[i]) && Finite(y[i]))
             points.append(QPointF(x[i], y[i]));
     Offer(std::move(points));

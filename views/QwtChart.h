@@ -12,6 +12,8 @@
 
 #include <cstdint>
 
+class QTimer;
+
 namespace QtCharts {
 class QChart;
 class QChartView;
@@ -83,6 +85,7 @@ public:
 private:
     void ApplyKind();
     void PaintIfChanged();
+    static QTimer* SharedPaintTimer();
     void CacheStillItems();
     void Offer(QVector<QPointF>&& points);
     void HandOver() const;
