@@ -81,7 +81,7 @@ constexpr double kTolerance = 0.3;      // of half a bit, for every interval
 constexpr double kEndHalves = 2.5;      // half bits without a change that end a packet
 constexpr double kEndUnknown = 640.0;   // cycles, before the bit length is known
 constexpr size_t kMaxBits = 64 + 30 * 11;
-constexpr int64_t kBackwards = 60000LL * 100;  // a time 100 ms behind is a new capture
+constexpr int64_t kBackwards = 60000LL * 10;  // a time 10 ms behind is a new capture
 
 }  // namespace
 
