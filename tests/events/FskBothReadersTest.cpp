@@ -9,6 +9,8 @@
 #include "common/TimeText.h"
 #include "events/StreamReplay.h"
 #include "services/SettingParams.h"
+#include "sim/SessionScript.h"
+#include "sim/StreamSynth.h"
 
 #include <gtest/gtest.h>
 
@@ -140,4 +142,156 @@ TEST(FskBothReaders, WhatTheFrameDecoderMissesIsRecoveredAndMarked)
         EXPECT_EQ(g.reading, "recovered") << g.hex;
     EXPECT_EQ(both[1].hex, "00 ");
     EXPECT_EQ(both[2].hex, "BB ");
+}
+
+namespace {
+
+// A scripted session over and over: a ping, a receiver that identifies and
+// configures itself, then negotiates; the transmitter acknowledges some
+// requests, refuses one (NAK), does not know one (ND) and answers two general
+// requests with packets; calibration and a little power transfer follow.
+const char* kNegotiationScript =
+    "off 300\n"
+    "ping 65\n"
+    "off 435\n"
+    "carrier 128000 25\n"
+    "ask 01 A0\n"
+    "wait 8\n"
+    "ask 51 0A 00 00 0A 00\n"
+    "wait 20\n"
+    "ask 20 01 0A\n"
+    "wait 10\n"
+    "pattern FF\n"
+    "wait 8\n"
+    "ask 20 04 28\n"
+    "wait 10\n"
+    "pattern 00\n"
+    "wait 8\n"
+    "ask 20 0C 01\n"
+    "wait 10\n"
+    "pattern 55\n"
+    "wait 8\n"
+    "ask 07 31\n"
+    "wait 10\n"
+    "fsk 31 0A 14 03\n"
+    "wait 8\n"
+    "ask 20 04 14\n"
+    "wait 10\n"
+    "pattern FF\n"
+    "wait 8\n"
+    "ask 07 30\n"
+    "wait 10\n"
+    "fsk 30 13 00 5A\n"
+    "wait 8\n"
+    "ask 20 03 2A\n"
+    "wait 10\n"
+    "pattern 00\n"
+    "wait 8\n"
+    "ask 20 00 06\n"
+    "wait 10\n"
+    "pattern FF\n"
+    "wait 8\n"
+    "ask 31 01 0D B2\n"
+    "wait 10\n"
+    "pattern FF\n"
+    "wait 8\n"
+    "ask 03 05\n"
+    "wait 40\n"
+    "ask 03 02\n"
+    "wait 40\n"
+    "ask 03 00\n"
+    "wait 40\n"
+    "ask 02 01\n"
+    "wait 10\n"
+    "off 600\n"
+    "repeat\n";
+
+struct SessionItem {
+    std::string hex;
+    uint64_t startUs = 0;
+};
+
+}  // namespace
+
+TEST(FskBothReaders, TenMinutesOfNegotiationWithNakAndNdAnswersComeBackWhole)
+{
+    coilsim::SessionScript script;
+    std::string error;
+    ASSERT_TRUE(coilsim::SessionScript::Parse(kNegotiationScript, script, error)) << error;
+    coilsim::SynthOptions o;
+    o.seed = 8;
+    o.noise = true;
+    coilsim::StreamSynth synth(script, o);
+    std::vector<uint8_t> ask, fsk, a, f;
+    while (synth.StreamUs() < 600ULL * 1000000ULL) {
+        synth.NextFrames(a, f);
+        ask.insert(ask.end(), a.begin(), a.end());
+        fsk.insert(fsk.end(), f.begin(), f.end());
+    }
+    std::vector<SessionItem> sent;
+    int naks = 0, nds = 0;
+    for (const auto& p : synth.TakeStartedPackets()) {
+        if (!p.fsk || p.endUs + 20000 > synth.StreamUs())
+            continue;
+        std::vector<uint8_t> bytes = p.bytes;
+        if (p.pattern) {
+            bytes = {FskPatternTableByte(p.bytes[0])};
+            naks += p.bytes[0] == 0x00;
+            nds += p.bytes[0] == 0x55;
+        }
+        sent.push_back({SpacedHex(bytes.data(), bytes.size()), p.startUs});
+    }
+    ASSERT_GT(naks, 100);
+    ASSERT_GT(nds, 50);
+
+    auto replay = [&](bool second) {
+        SettingParams settings;
+        settings.m_min_freq = 110000;
+        settings.m_max_freq = 210000;
+        settings.m_fsk_second_reader = second ? 1 : 0;
+        StreamReplay r(ask, fsk, &settings);
+        std::vector<Got> got;
+        r.Run([&](std::vector<MsgInfoPtr>& events) {
+            for (const auto& e : events)
+                if (e->direction == 1 && !e->packet.PacketData.empty())
+                    got.push_back({e->timing.startTime, e->timing.endTime, e->packet.PacketData, e->packet.reading});
+        });
+        return got;
+    };
+    // Every transmitter packet and pattern sent, in order, each within 20 ms
+    // of where it was sent; nothing else.
+    auto score = [&](const std::vector<Got>& got, int& nakBack, int& ndBack) {
+        size_t k = 0;
+        int found = 0;
+        nakBack = ndBack = 0;
+        for (const SessionItem& s : sent) {
+            for (size_t j = k; j < got.size() && got[j].startUs < s.startUs + 20000; ++j) {
+                if (got[j].hex != s.hex || got[j].startUs + 20000 < s.startUs)
+                    continue;
+                ++found;
+                nakBack += s.hex == "00 ";
+                ndBack += s.hex == "BB ";
+                k = j + 1;
+                break;
+            }
+        }
+        return found;
+    };
+    const std::vector<Got> both = replay(true);
+    const std::vector<Got> alone = replay(false);
+    int nakBoth = 0, ndBoth = 0, nakAlone = 0, ndAlone = 0;
+    const int foundBoth = score(both, nakBoth, ndBoth);
+    const int foundAlone = score(alone, nakAlone, ndAlone);
+    std::printf("sent %zu (NAK %d, ND %d): both readers %d (NAK %d, ND %d) of %zu events; frame decoder alone %d "
+                "(NAK %d, ND %d) of %zu events\n",
+                sent.size(), naks, nds, foundBoth, nakBoth, ndBoth, both.size(), foundAlone, nakAlone, ndAlone,
+                alone.size());
+    EXPECT_EQ(foundBoth, static_cast<int>(sent.size()));
+    EXPECT_EQ(both.size(), sent.size());
+    EXPECT_EQ(nakBoth, naks);
+    EXPECT_EQ(ndBoth, nds);
+    // The frame decoder alone reads no NAK and no ND: their last bit ends on
+    // the carrier.
+    EXPECT_EQ(nakAlone, 0);
+    EXPECT_EQ(ndAlone, 0);
 }
