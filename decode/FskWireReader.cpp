@@ -58,6 +58,16 @@
 // and the XOR of all bytes must be 0. Any word of 0 or 0xFFFF (no carrier)
 // ends the packet without a frame and the carrier is looked for anew; so does
 // a word far outside both levels.
+//
+// Measured (tests/events/FskBothReadersTest, every transmitter header and the
+// ACK, NAK and ND patterns at 110, 128, 145, 175 and 205 kHz, the depths
+// 46.75, 78, 140.5 and 265.5 ns in both polarities, 512 and 128 cycles a bit,
+// each packet at a random offset against the grid, 2 ticks of jitter, 100 Hz/s
+// of drift, no lead-in): merged with the frame decoder 2400 of 2400 exact and
+// nothing that was not sent; the frame decoder alone 801 of 2400 (33 %, and 44
+// frames that were not sent), none at all at 128 cycles a bit but for the
+// ACKs that happen to fit. Speed (one core, bench/FskWireReaderBench): about
+// 130 M words a second, where a carrier sends some 10 thousand.
 #include "decode/FskWireReader.h"
 
 #include <algorithm>
