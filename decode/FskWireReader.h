@@ -32,8 +32,8 @@ public:
 
     // One period word and the capture time at its end (60 MHz ticks), as the
     // stream parser gives them. Times may step a little at frame boundaries;
-    // a time more than 10 ms behind the previous one is a new capture and drops any
-    // packet in progress.
+    // a time more than 10 ms behind the previous one is a new capture and
+    // drops any packet in progress.
     void Feed(uint16_t word, int64_t ticks);
     void Feed(const uint16_t* words, const int64_t* ticks, size_t n);
 
