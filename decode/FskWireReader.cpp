@@ -29,16 +29,29 @@
 //
 // The changes. A slicer with hysteresis (up above 0.65, down below 0.35) finds
 // the word of each change; the change itself is placed from the shares of
-// that word and its two neighbours: over three words that hold one change,
-// the modulated cycles are the distance from the change to the window's end
-// (or start). That places a change to about a cycle, wherever the grid lies.
+// that word, the two before it and the one after: over four words that hold
+// one change, the modulated cycles are the distance from the change to the
+// window's end (or start). That places a change to a cycle or two, wherever
+// the grid lies, and still when noise let the slicer see it a word late.
+// (With three words, one on each side, a change that noise let the slicer see
+// a word late fell outside the window.)
 //
 // The bits. The first change is the start of the first bit (the carrier is
 // the unmodulated state, and every bit begins with a change). The first
 // interval tells the bit length: intervals are 64 or 128 cycles at 128 cycles
-// a bit, 256 or 512 at 512. After that every interval must be half a bit or a
-// whole bit within 30 % of half a bit: two halves are a one, a whole bit is a
-// zero, a lone half followed by a whole is an error. No preamble and no
+// a bit, 256 or 512 at 512. The transmitter counts its cycles, so every change
+// lies on the grid of half bits from the first one: each change is put on the
+// nearest line of that grid (shifted by the mean offset the changes so far
+// have shown), and must lie within 30 % of half a bit of it. One half bit on
+// from the last change and then another are a one, a whole bit is a zero, a
+// lone half followed by a whole is an error. Rounding to the grid, rather than
+// judging each interval by itself, halves the error of an interval (one
+// placement instead of two) and carries no error from one change to the
+// next. Measured over every frequency, depth, polarity and both bit lengths
+// below with 6 ticks of jitter instead of 2: 97.8 % of the packets read with
+// each interval judged by itself, 99.0 % on the grid (every loss at 128 cycles
+// a bit and the smallest depth, where a word's jitter is an eighth of the
+// depth); with 4 ticks, 100 %. No preamble and no
 // lead-in are needed; ones before the first zero are taken as a lead-in.
 //
 // The end. The packet is over when two and a half half-bits pass without a
@@ -48,7 +61,10 @@
 // of a bit that bit is a one; after a change at a bit boundary there is either
 // nothing more or one more zero, and the length decides, since a response
 // pattern has eight bits and a packet a whole number of eleven-bit bytes
-// after its lead-in.
+// after its lead-in. A frame is given out only once the carrier has stayed
+// quiet for another 40 words: a change lost in noise in the middle of a
+// packet looks like its end, and the first bits of a packet with header 0x00
+// are eight zeros, a NAK, until the packet goes on.
 //
 // The checks, with no forgiveness: eight bits must be one of the response
 // patterns (ACK 11111111, NAK 00000000, ND 01010101, and the patterns of the
@@ -87,7 +103,7 @@ constexpr int kMovedWords = 48;         // words on one side that make a new car
 constexpr double kUp = 0.65, kDown = 0.35;
 constexpr double kOnLevel = 0.15;       // share within which a word sits on a level
 constexpr double kWild = 0.75;          // a share this far outside 0..1 is no FSK word
-constexpr double kTolerance = 0.3;      // of half a bit, for every interval
+constexpr double kTolerance = 0.3;      // of half a bit, off the grid line
 constexpr double kEndHalves = 2.5;      // half bits without a change that end a packet
 constexpr double kEndUnknown = 640.0;   // cycles, before the bit length is known
 constexpr size_t kMaxBits = 64 + 30 * 11;
@@ -117,6 +133,7 @@ void FskWireReader::Reset()
     departs_ = 0;
     quiet_ = 0;
     pending_ = false;
+    held_ = false;
     out_.clear();
 }
 
@@ -175,7 +192,12 @@ void FskWireReader::Feed(uint16_t word, int64_t ticks)
     ends_[k % kRing] = ticks;
     lastTicks_ = ticks;
     if (word == 0 || word == 0xFFFF) {
-        // No carrier: whatever was under way is over, with nothing to show.
+        // No carrier: a frame read before it stands (the carrier stopped after
+        // it); whatever was under way is over, with nothing to show.
+        if (held_) {
+            out_.push_back(std::move(heldFrame_));
+            held_ = false;
+        }
         LoseCarrier();
         Settle(ticks);
         return;
@@ -195,8 +217,19 @@ void FskWireReader::Feed(uint16_t word, int64_t ticks)
 
 void FskWireReader::Settle(int64_t ticks)
 {
+    // Not past a frame that is still held.
+    if (held_ && ticks > heldFrame_.startTicks)
+        ticks = heldFrame_.startTicks;
     if (ticks > settled_)
         settled_ = ticks;
+}
+
+void FskWireReader::Release(uint64_t k)
+{
+    out_.push_back(std::move(heldFrame_));
+    held_ = false;
+    if (k >= 1)
+        Settle(StartTicks(k));
 }
 
 // The start of word j (the end of the word before it).
@@ -207,6 +240,7 @@ int64_t FskWireReader::StartTicks(uint64_t j) const
 
 void FskWireReader::LoseCarrier()
 {
+    held_ = false;
     state_ = State::NoCarrier;
     fresh_ = 0;
     departs_ = 0;
@@ -250,6 +284,8 @@ void FskWireReader::CarrierWord(int32_t w, uint64_t k)
         departs_ = 0;
         if (quiet_ < kQuietWords)
             quiet_ += 1;
+        if (held_ && quiet_ >= kQuietWords)
+            Release(k);
         if (carrier_ < minPeriod_ || carrier_ > maxPeriod_)
             LoseCarrier();
         // A packet found later begins in the next word at the earliest.
@@ -263,10 +299,18 @@ void FskWireReader::CarrierWord(int32_t w, uint64_t k)
         departSign_ = sign;
         departFirst_ = k;
         quietBefore_ = quiet_;
-        quiet_ = 0;
+        // A lone word off the carrier is noise: the quiet goes on counting.
+        if (quiet_ < kQuietWords)
+            quiet_ += 1;
     } else {
         departs_ += 1;
+        // Two in a row are modulation (a packet's shortest stretch is four).
+        quiet_ = 0;
     }
+    // Modulation again before the carrier was quiet: what was read was not a
+    // whole packet.
+    if (held_ && departs_ >= kDepartWords)
+        held_ = false;
     // A packet starts only after enough carrier: otherwise this may be the
     // rest of a packet that was not read from its start.
     if (departs_ == kDepartWords && quietBefore_ >= kQuietWords) {
@@ -302,9 +346,9 @@ void FskWireReader::StartPacket(uint64_t k)
     halfPending_ = false;
     bits_.clear();
     packetFirst_ = departFirst_;
-    // The words from the one before the first departure on, again, as
-    // packet words.
-    const uint64_t from = departFirst_ >= 1 ? departFirst_ - 1 : 0;
+    // The words from two before the first departure on, again, as packet
+    // words.
+    const uint64_t from = departFirst_ >= 2 ? departFirst_ - 2 : 0;
     for (uint64_t j = from; j <= k && state_ == State::Packet; ++j)
         PacketWord(W(j), j);
 }
@@ -321,11 +365,13 @@ void FskWireReader::PacketWord(int32_t w, uint64_t k)
     if (pending_ && k == pendingWord_ + 1) {
         pending_ = false;
         const uint64_t j = pendingWord_;
-        const double first = j >= 1 ? f_[(j - 1) % kRing] : (pendingRising_ ? 0.0 : 1.0);
-        const double sum = first + f_[j % kRing] + f;
-        const double lo = 16.0 * (static_cast<double>(j) - 1.0);
-        double position = pendingRising_ ? lo + 48.0 - 16.0 * sum : lo + 16.0 * sum;
-        position = std::clamp(position, lo, lo + 48.0);
+        const double before = pendingRising_ ? 0.0 : 1.0;
+        const double first = j >= 2 ? f_[(j - 2) % kRing] : before;
+        const double second = j >= 1 ? f_[(j - 1) % kRing] : before;
+        const double sum = first + second + f_[j % kRing] + f;
+        const double lo = 16.0 * (static_cast<double>(j) - 2.0);
+        double position = pendingRising_ ? lo + 64.0 - 16.0 * sum : lo + 16.0 * sum;
+        position = std::clamp(position, lo, lo + 64.0);
         Transition(position, k);
         if (state_ != State::Packet)
             return;
@@ -387,22 +433,33 @@ void FskWireReader::Transition(double position, uint64_t k)
     const int64_t ticks = TicksAt(position, k);
     if (transitions_ == 0) {
         transitions_ = 1;
-        lastCycle_ = position;
+        origin_ = lastCycle_ = position;
+        offset_ = 0.0;
+        lastHalf_ = 0;
         startTicks_ = lastChangeTicks_ = ticks;
         return;
     }
-    const double interval = position - lastCycle_;
     if (half_ == 0.0)
-        half_ = interval < 172.0 ? 64.0 : 256.0;
-    const double tolerance = kTolerance * half_;
-    if (std::fabs(interval - half_) <= tolerance) {
+        half_ = position - lastCycle_ < 172.0 ? 64.0 : 256.0;
+    // Every change lies on the grid of half bits from the first one: the
+    // nearest grid line, seen through the offset the changes so far have
+    // shown, is where this one belongs.
+    const double along = (position - origin_ - offset_) / half_;
+    const long line = std::lround(along);
+    const double off = position - origin_ - static_cast<double>(line) * half_;
+    const long step = line - lastHalf_;
+    if (std::fabs(along - static_cast<double>(line)) > kTolerance) {
+        Fail();
+        return;
+    }
+    if (step == 1) {
         if (halfPending_) {
             bits_.push_back(1);
             halfPending_ = false;
         } else {
             halfPending_ = true;
         }
-    } else if (std::fabs(interval - 2.0 * half_) <= tolerance && !halfPending_) {
+    } else if (step == 2 && !halfPending_) {
         bits_.push_back(0);
     } else {
         Fail();
@@ -413,6 +470,8 @@ void FskWireReader::Transition(double position, uint64_t k)
         return;
     }
     transitions_ += 1;
+    offset_ += (off - offset_) / std::min(transitions_ - 1, 8);
+    lastHalf_ = line;
     lastCycle_ = position;
     lastChangeTicks_ = ticks;
 }
@@ -454,22 +513,24 @@ void FskWireReader::Finish(uint64_t k)
                 frame.endTicks = lastChangeTicks_ + static_cast<int64_t>(std::llround(2.0 * half_ * ticksPerCycle));
         }
     }
+    // Back on the carrier, which must now stay quiet: for the frame to be
+    // given out, and for the next packet to start.
+    state_ = State::Carrier;
+    carrier_ = level0_;
+    departs_ = 0;
+    quiet_ = 0;
+    pending_ = false;
     if (read) {
         frame.startTicks = startTicks_;
         frame.cyclesPerBit = cyclesPerBit;
         frame.carrierPeriod = static_cast<int32_t>(std::lround(level0_));
         frame.modulatedPeriod = static_cast<int32_t>(std::lround(level1_));
         frame.polarity = level1_ > level0_ ? 1 : -1;
-        out_.push_back(std::move(frame));
-    }
-    // Back on the carrier; the packet's end was quiet enough for the next.
-    state_ = State::Carrier;
-    carrier_ = level0_;
-    departs_ = 0;
-    quiet_ = kQuietWords;
-    pending_ = false;
-    if (k >= 1)
+        heldFrame_ = std::move(frame);
+        held_ = true;
+    } else if (k >= 1) {
         Settle(StartTicks(k));
+    }
 }
 
 bool FskWireReader::Decode(const std::vector<uint8_t>& bits, FskWireFrame& frame) const

@@ -72,6 +72,7 @@ private:
     void Finish(uint64_t k);
     void Fail();
     void LoseCarrier();
+    void Release(uint64_t k);
     void Settle(int64_t ticks);
     int64_t StartTicks(uint64_t j) const;
     bool Decode(const std::vector<uint8_t>& bits, FskWireFrame& frame) const;
@@ -109,8 +110,14 @@ private:
     double lastCycle_ = 0.0;  // cycle of the newest change
     int64_t startTicks_ = 0, lastChangeTicks_ = 0;
     double half_ = 0.0;       // half a bit in cycles, once known
+    double origin_ = 0.0;     // cycle of the first change
+    double offset_ = 0.0;     // mean offset of the changes from the grid of half bits
+    long lastHalf_ = 0;       // grid line of the newest change
     bool halfPending_ = false;
     std::vector<uint8_t> bits_;
+    // A frame read, given out once the carrier has stayed quiet after it.
+    bool held_ = false;
+    FskWireFrame heldFrame_;
 
     std::vector<FskWireFrame> out_;
 };
