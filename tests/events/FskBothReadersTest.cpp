@@ -6,6 +6,7 @@
 // 128 cycles a bit, each packet at a random offset against the words' grid,
 // on a drifting carrier with jittered words and no lead-in.
 #include "FskRandomStream.h"
+#include "NegotiationScript.h"
 #include "common/TimeText.h"
 #include "events/StreamReplay.h"
 #include "services/SettingParams.h"
@@ -146,65 +147,7 @@ TEST(FskBothReaders, WhatTheFrameDecoderMissesIsRecoveredAndMarked)
 
 namespace {
 
-// A scripted session over and over: a ping, a receiver that identifies and
-// configures itself, then negotiates; the transmitter acknowledges some
-// requests, refuses one (NAK), does not know one (ND) and answers two general
-// requests with packets; calibration and a little power transfer follow.
-const char* kNegotiationScript =
-    "off 300\n"
-    "ping 65\n"
-    "off 435\n"
-    "carrier 128000 25\n"
-    "ask 01 A0\n"
-    "wait 8\n"
-    "ask 51 0A 00 00 0A 00\n"
-    "wait 20\n"
-    "ask 20 01 0A\n"
-    "wait 10\n"
-    "pattern FF\n"
-    "wait 8\n"
-    "ask 20 04 28\n"
-    "wait 10\n"
-    "pattern 00\n"
-    "wait 8\n"
-    "ask 20 0C 01\n"
-    "wait 10\n"
-    "pattern 55\n"
-    "wait 8\n"
-    "ask 07 31\n"
-    "wait 10\n"
-    "fsk 31 0A 14 03\n"
-    "wait 8\n"
-    "ask 20 04 14\n"
-    "wait 10\n"
-    "pattern FF\n"
-    "wait 8\n"
-    "ask 07 30\n"
-    "wait 10\n"
-    "fsk 30 13 00 5A\n"
-    "wait 8\n"
-    "ask 20 03 2A\n"
-    "wait 10\n"
-    "pattern 00\n"
-    "wait 8\n"
-    "ask 20 00 06\n"
-    "wait 10\n"
-    "pattern FF\n"
-    "wait 8\n"
-    "ask 31 01 0D B2\n"
-    "wait 10\n"
-    "pattern FF\n"
-    "wait 8\n"
-    "ask 03 05\n"
-    "wait 40\n"
-    "ask 03 02\n"
-    "wait 40\n"
-    "ask 03 00\n"
-    "wait 40\n"
-    "ask 02 01\n"
-    "wait 10\n"
-    "off 600\n"
-    "repeat\n";
+
 
 struct SessionItem {
     std::string hex;
