@@ -10,7 +10,7 @@
 // The carrier. Between packets the reader follows the unmodulated period with
 // a slow mean and the mean deviation of the words around it. Words within
 // four mean deviations (18 ticks at least) are carrier; three words in a row
-// beyond it on one side start a packet. The carrier is first taken from eight
+// beyond it on one side start a packet (a lone word beyond it is noise). The carrier is first taken from eight
 // words that agree within 40 ticks and lie in the configured band (its edges
 // included, with the word's rounding and a quarter percent allowed for), and a
 // packet may start only after 40 quiet words (one bit and a quarter at 512
@@ -51,8 +51,8 @@
 // below with 6 ticks of jitter instead of 2: 97.8 % of the packets read with
 // each interval judged by itself, 99.0 % on the grid (every loss at 128 cycles
 // a bit and the smallest depth, where a word's jitter is an eighth of the
-// depth); with 4 ticks, 100 %. No preamble and no
-// lead-in are needed; ones before the first zero are taken as a lead-in.
+// depth); with 4 ticks, 100 %. No preamble and no lead-in are needed; ones
+// before the first zero are taken as a lead-in.
 //
 // The end. The packet is over when two and a half half-bits pass without a
 // change; the modulation must then be off (a level that stays modulated is a
@@ -72,8 +72,8 @@
 // have its start bit 0, its parity bit equal to the XOR of its data bits, its
 // stop bit 1, the number of bytes must be what the header's length rule says,
 // and the XOR of all bytes must be 0. Any word of 0 or 0xFFFF (no carrier)
-// ends the packet without a frame and the carrier is looked for anew; so does
-// a word far outside both levels.
+// ends a packet under way without a frame and the carrier is looked for anew
+// (a frame already read stands); so does a word far outside both levels.
 //
 // Measured (tests/events/FskBothReadersTest, every transmitter header and the
 // ACK, NAK and ND patterns at 110, 128, 145, 175 and 205 kHz, the depths
@@ -81,9 +81,9 @@
 // each packet at a random offset against the grid, 2 ticks of jitter, 100 Hz/s
 // of drift, no lead-in): merged with the frame decoder 2400 of 2400 exact and
 // nothing that was not sent; the frame decoder alone 801 of 2400 (33 %, and 44
-// frames that were not sent), none at all at 128 cycles a bit but for the
-// ACKs that happen to fit. Speed (one core, bench/FskWireReaderBench): about
-// 130 M words a second, where a carrier sends some 10 thousand.
+// frames that were not sent), 0 to 3 % at 128 cycles a bit. Speed (one core, bench/FskWireReaderBench): about
+// 110 M words a second (RelWithDebInfo, a shared machine), where a carrier
+// sends some 10 thousand.
 #include "decode/FskWireReader.h"
 
 #include <algorithm>
