@@ -411,6 +411,13 @@ void CDataManager::ReadFskWire(const uint16_t* words, const int64_t* ticks, size
 {
     if (n == 0 || !words || !ticks)
         return;
+    const int32_t bandMin = m_fskBandMin.load(std::memory_order_relaxed);
+    const int32_t bandMax = m_fskBandMax.load(std::memory_order_relaxed);
+    if (bandMin != m_fskReaderMin || bandMax != m_fskReaderMax) {
+        m_fskWireReader = FskWireReader(bandMin, bandMax);
+        m_fskReaderMin = bandMin;
+        m_fskReaderMax = bandMax;
+    }
     if (m_fskRingWords.size() != kFskRing) {
         m_fskRingWords.assign(kFskRing, 0);
         m_fskRingTicks.assign(kFskRing, 0);

@@ -66,7 +66,12 @@ public:
     // the one the carrier tracker is built with.
     void SetSecondFskReader(bool on) { m_secondFskReader.store(on, std::memory_order_relaxed); }
     bool SecondFskReader() const { return m_secondFskReader.load(std::memory_order_relaxed); }
-    void SetFskBand(int32_t minFreqHz, int32_t maxFreqHz) { m_fskWireReader = FskWireReader(minFreqHz, maxFreqHz); }
+    // (Taken by the reader when it is next fed, on the thread that feeds it.)
+    void SetFskBand(int32_t minFreqHz, int32_t maxFreqHz)
+    {
+        m_fskBandMin.store(minFreqHz, std::memory_order_relaxed);
+        m_fskBandMax.store(maxFreqHz, std::memory_order_relaxed);
+    }
     // From an FSK decoding thread: the period words as they came, with their
     // capture times (60 MHz ticks), and how far the frame decoder has got
     // (every packet beginning before `us` is decoded).
@@ -210,6 +215,8 @@ private:
     // newest words it was given.
     std::atomic<bool> m_secondFskReader{true};
     FskWireReader m_fskWireReader;
+    std::atomic<int32_t> m_fskBandMin{110000}, m_fskBandMax{210000};
+    int32_t m_fskReaderMin = 110000, m_fskReaderMax = 210000;  // the band the reader was built with
     std::vector<uint16_t> m_fskRingWords;
     std::vector<int64_t> m_fskRingTicks;
     uint64_t m_fskRingNext = 0;  // count of words put in the ring

@@ -145,3 +145,27 @@ TEST_F(DecoderLinkTest, TheSecondFskReaderReadsTheWordsItIsHandedAndHearsTheChai
     EXPECT_GE(later[0]->capture->samples.size(), 256u);
     EXPECT_LE(later[0]->capture->samples.size(), 258u);
 }
+
+TEST_F(DecoderLinkTest, TheSecondFskReaderLooksForTheCarrierInTheBandItIsGiven)
+{
+    // The same ACK at 128 kHz, with a band of 140 to 210 kHz: no carrier.
+    manager.SetFskBand(140000, 210000);
+    qisim::FskWaveParams p;
+    qisim::FskWaveWriter w(p, 3);
+    w.Carrier(100);
+    w.Pattern(0xFF);
+    w.Carrier(100);
+    std::vector<uint16_t> words = w.Words();
+    std::vector<int64_t> ticks(words.size());
+    int64_t at = 0;
+    for (size_t i = 0; i < words.size(); ++i)
+        ticks[i] = at += words[i];
+    link.ReadFskWire(words.data(), ticks.data(), words.size());
+    link.FskChainPassed(static_cast<uint64_t>(at / 60));
+    std::vector<MsgInfoPtr> out, later;
+    manager.GetEvents(out);
+    clock.Advance(1001);
+    manager.GetEvents(later);
+    EXPECT_TRUE(later.empty());
+    EXPECT_EQ(manager.FskMerges().recovered, 0);
+}
