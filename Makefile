@@ -51,6 +51,7 @@ bench: deps
 	@echo "== ASK decode rates"; ./build-release/bench/ask_decode_rates
 	@echo "== ASK readers compared: edge finders A and B, the list decoder, both merged"; ./build-release/bench/ask_reader_compare 1000
 	@echo "== FSK decode rates"; ./build-release/bench/fsk_decode_rates
+	@echo "== FSK readers compared: the frame decoder alone and merged with the second reader"; ./build-release/tests/events_tests --gtest_filter='FskBothReaders.Every*' | grep -v '^\['
 	@echo "== real-time dock refresh"; ./build-release/bench/dock_refresh
 	@echo "== wave panel refresh"; ./build-release/bench/wave_panel_refresh
 	@echo "== live capture at real speed (60 s)"; ./build-release/bench/live_capture cpu --seconds 60

@@ -54,6 +54,7 @@ void PrintStats(const EventLogModel& model, size_t heapAtStart, double seconds)
 
 const char* kCaptureHelp =
     "usage: coilscope-cli capture [--seconds N] [--json] [--stats] [--ask-reader list|both]\n"
+    "                             [--fsk-reader list|both]\n"
     "\n"
     "Finds the sniffer on the serial ports (/dev/ttyACM0 to 99, or the printf\n"
     "pattern in COILSCOPE_PORTS), starts streaming and prints the session's\n"
@@ -72,6 +73,8 @@ const char* kCaptureHelp =
     "\n"
     "--ask-reader: as for replay (list: the list decoder alone; both: with the\n"
     "second reader; without it, as the settings say, both by default).\n"
+    "--fsk-reader: likewise for the transmitter's side (list: the FSK frame\n"
+    "decoder alone; both: with the second FSK reader).\n"
     "\n"
     "example:\n"
     "  COILSCOPE_PORTS=/tmp/sim/ttyACM%d coilscope-cli capture --seconds 20\n";
@@ -121,6 +124,11 @@ int RunCapture(int argc, char** argv)
                 return 2;
             // For this run only: the settings file is not written from here.
             SettingParams::Instance().m_ask_second_reader = both ? 1 : 0;
+        } else if (a == "--fsk-reader" && i + 1 < argc) {
+            bool both = true;
+            if (!ParseFskReader(argv[++i], both))
+                return 2;
+            SettingParams::Instance().m_fsk_second_reader = both ? 1 : 0;
         } else if (a == "--seconds" && i + 1 < argc) {
             char* end = nullptr;
             seconds = std::strtod(argv[++i], &end);

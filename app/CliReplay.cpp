@@ -18,6 +18,7 @@ namespace {
 
 const char* kReplayHelp =
     "usage: coilscope-cli replay ASKFILE [FSKFILE] [--sid OUT] [--json] [--ask-reader list|both]\n"
+    "                            [--fsk-reader list|both]\n"
     "       coilscope-cli replay SESSION.sid [--json]\n"
     "\n"
     "Raw capture files (.2k.bin, .fsk.bin; a capture header is skipped, and so\n"
@@ -30,6 +31,10 @@ const char* kReplayHelp =
     "second reader, which recovers what the list decoder missed and corrects\n"
     "what it misread (\"reading\" and \"otherReading\" in --json); list keeps\n"
     "the list decoder alone.\n"
+    "--fsk-reader both (the default, unless the settings turn it off) reads the\n"
+    "transmitter's packets and response patterns with the FSK frame decoder\n"
+    "and a second reader of the period words, merged the same way; list keeps\n"
+    "the frame decoder alone.\n"
     "A session file (.sid) is played through the event log between a Start\n"
     "and a Stop marker, as opening it in the window does; the Start marker\n"
     "saves the replayed session anew in a session folder (told on stderr).\n"
@@ -54,15 +59,25 @@ bool EndsWith(const std::string& s, const std::string& tail)
 
 }  // namespace
 
-bool ParseAskReader(const char* value, bool& both)
+bool ParseReaderChoice(const char* option, const char* value, bool& both)
 {
     const std::string v = value ? value : "";
     if (v == "list" || v == "both") {
         both = v == "both";
         return true;
     }
-    std::fprintf(stderr, "coilscope-cli: --ask-reader takes list or both, not \"%s\"\n", v.c_str());
+    std::fprintf(stderr, "coilscope-cli: %s takes list or both, not \"%s\"\n", option, v.c_str());
     return false;
+}
+
+bool ParseAskReader(const char* value, bool& both)
+{
+    return ParseReaderChoice("--ask-reader", value, both);
+}
+
+bool ParseFskReader(const char* value, bool& both)
+{
+    return ParseReaderChoice("--fsk-reader", value, both);
 }
 
 int RunReplay(int argc, char** argv)
@@ -71,6 +86,7 @@ int RunReplay(int argc, char** argv)
     std::string sidOut;
     bool json = false;
     int askReader = -1;  // -1: as the settings say
+    int fskReader = -1;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "--help" || a == "-h") {
@@ -86,6 +102,12 @@ int RunReplay(int argc, char** argv)
             if (!ParseAskReader(argv[++i], both))
                 return 2;
             askReader = both ? 1 : 0;
+        }
+        else if (a == "--fsk-reader" && i + 1 < argc) {
+            bool both = true;
+            if (!ParseFskReader(argv[++i], both))
+                return 2;
+            fskReader = both ? 1 : 0;
         }
         else if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
             std::fprintf(stderr, "coilscope-cli replay: unknown option %s (try --help)\n", a.c_str());
@@ -140,6 +162,8 @@ int RunReplay(int argc, char** argv)
     StreamReplay replay(std::move(ask), std::move(fsk));
     if (askReader >= 0)
         replay.Manager().SetSecondAskReader(askReader == 1);
+    if (fskReader >= 0)
+        replay.Manager().SetSecondFskReader(fskReader == 1);
     // A capture begins where the port was when streaming started, often inside
     // a frame: what lies before the first whole frame is not played.
     if (replay.SkippedAsk() > 0)

@@ -1,7 +1,9 @@
 // Replay of a synthesized ten-minute session of the emulator's script (ASK and
 // FSK streams) through the chains and the data manager, on one core, in
-// capture-time order with the clock following capture time; with the list
-// decoder alone (/0) and with the second ASK reader beside it (/1).
+// capture-time order with the clock following capture time; with the first
+// readers alone (/0), with the second ASK reader beside the list decoder (/1),
+// and with both second readers (/3: the second FSK reader beside the FSK frame
+// decoder too).
 #include "events/StreamReplay.h"
 #include "services/SettingParams.h"
 #include "sim/StreamSynth.h"
@@ -41,8 +43,9 @@ void BM_ReplayTenMinutes(benchmark::State& state)
     SettingParams band;
     band.m_min_freq = 110000;
     band.m_max_freq = 210000;
-    // 0: the list decoder alone; 1: with the second ASK reader merged.
-    band.m_ask_second_reader = static_cast<int32_t>(state.range(0));
+    // Bit 0: the second ASK reader; bit 1: the second FSK reader.
+    band.m_ask_second_reader = static_cast<int32_t>(state.range(0) & 1);
+    band.m_fsk_second_reader = static_cast<int32_t>((state.range(0) >> 1) & 1);
     size_t events = 0;
     for (auto _ : state) {
         StreamReplay replay(s.ask, s.fsk, &band);
@@ -53,7 +56,7 @@ void BM_ReplayTenMinutes(benchmark::State& state)
     state.counters["events"] = static_cast<double>(events);
     state.counters["packets"] = static_cast<double>(s.packets);
 }
-BENCHMARK(BM_ReplayTenMinutes)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->MinTime(5.0);
+BENCHMARK(BM_ReplayTenMinutes)->Arg(0)->Arg(1)->Arg(3)->Unit(benchmark::kMillisecond)->MinTime(5.0);
 
 }  // namespace
 

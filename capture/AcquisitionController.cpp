@@ -176,6 +176,11 @@ void AcquisitionController::DevStart()
     const bool secondReader = settings.m_ask_second_reader != 0;
     m_manager.SetSecondAskReader(secondReader);
     m_ask.Stream().SetWireFeed(secondReader);
+    // And the second FSK reader the stream's period words.
+    const bool secondFskReader = settings.m_fsk_second_reader != 0;
+    m_manager.SetSecondFskReader(secondFskReader);
+    m_manager.SetFskBand(settings.m_min_freq, settings.m_max_freq);
+    m_fsk.SetWireFeed(secondFskReader);
     MyThread::Start();
     // The FSK decoding loop runs twice, as two workers on the same lists.
     if (!m_extraRun1.joinable())

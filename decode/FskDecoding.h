@@ -26,6 +26,19 @@ public:
     // The link is lost: reset it, report the timeout, re-send the DAC value.
     virtual void LinkLost() = 0;
     virtual void PushFrequency(double first, double second) = 0;
+
+    // The second FSK reader, for hosts that have one: whether it reads, the
+    // words of the stream's wire feed as they came (each with its capture time
+    // in 60 MHz ticks), and how far the FSK chain has got: every packet that
+    // begins before `us` (capture time, microseconds) has been decoded.
+    virtual bool ReadsFskWire() const { return false; }
+    virtual void ReadFskWire(const uint16_t* words, const int64_t* ticks, size_t n)
+    {
+        (void)words;
+        (void)ticks;
+        (void)n;
+    }
+    virtual void FskChainPassed(uint64_t us) { (void)us; }
 };
 
 // One pass of the loop. Returns the milliseconds to sleep: 200 while not

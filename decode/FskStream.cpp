@@ -240,6 +240,7 @@ void FskCarrierTracker::Detect(int32_t w, int64_t t)
         m_packet->samples.assign(m_history.begin(), m_history.end());
         m_history.clear();
         m_packet->samples.push_back(w);
+        m_packetFromTicks = t - std::accumulate(m_packet->samples.begin(), m_packet->samples.end(), int64_t{0});
         return;
     }
 
@@ -271,6 +272,20 @@ void FskCarrierTracker::Detect(int32_t w, int64_t t)
         m_lastLowCount = m_detectorWords;
     }
     m_packet->samples.push_back(w);
+}
+
+int64_t FskCarrierTracker::OpenFrom(int64_t now) const
+{
+    // A packet under way began where its start time will be reckoned from.
+    if (m_active)
+        return m_packetFromTicks;
+    // A packet found later starts in a block still to come, at the earliest
+    // with the words of the history before it (its time is reckoned back over
+    // them from the word that starts it); a word of margin for the de-spiking.
+    int64_t from = m_current.empty() ? now : m_blockStartTicks - m_current.front();
+    for (int32_t w : m_history)
+        from -= w;
+    return from - (m_history.empty() ? 0 : m_history.back());
 }
 
 std::shared_ptr<TriggerData> FskCarrierTracker::TakePacket()

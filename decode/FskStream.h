@@ -72,6 +72,13 @@ public:
     bool PingInProgress() const { return m_pingInProgress; }
     bool PacketActive() const { return m_active; }
     int64_t MinPeriod() const { return m_minPeriod; }
+
+    // How far the tracker has looked, for whoever waits on the packets it will
+    // still hand over: no packet given out after this call begins before the
+    // returned time (60 MHz ticks; `now` is the time of the newest word fed).
+    int64_t OpenFrom(int64_t now) const;
+    // True right after the word that completed a block (the block was judged).
+    bool BlockJustJudged() const { return m_current.empty(); }
     int64_t MaxPeriod() const { return m_maxPeriod; }
 
     // The block fit: intercept of the least-squares line (the period at the
@@ -109,6 +116,7 @@ private:
     bool m_active = false;
     int64_t m_packetStartCount = 0;
     int64_t m_packetStartTicks = 0;
+    int64_t m_packetFromTicks = 0;  // start of the packet's first word, as its start time will be reckoned
     int64_t m_lastLowCount = 0;
     std::shared_ptr<TriggerData> m_packet;
 };

@@ -43,6 +43,10 @@ int CThreadFSK::OpenWithoutLoop(const std::string& portName, bool writeHeader, i
     }
     m_tracker.Reset();
     m_divider = 5;
+    {
+        std::lock_guard<std::mutex> lock(m_listMutex);
+        m_chainOpenFrom = 0;
+    }
     if (m_port)
         return 1;
     m_replay.clear();
@@ -95,7 +99,63 @@ size_t CThreadFSK::RunPass()
     const size_t take = std::min<size_t>(left, 3000);
     for (size_t k = 0; k < take; ++k)
         Word(m_replay[m_replayIndex++]);
+    PassWireWords();
     return bytes;
+}
+
+void CThreadFSK::PassWireWords()
+{
+    if (m_wireWords.empty())
+        return;
+    std::lock_guard<std::mutex> lock(m_wireMutex);
+    if (m_wireOutWords.empty()) {
+        m_wireOutWords.swap(m_wireWords);
+        m_wireOutTicks.swap(m_wireTicks);
+    } else {
+        m_wireOutWords.insert(m_wireOutWords.end(), m_wireWords.begin(), m_wireWords.end());
+        m_wireOutTicks.insert(m_wireOutTicks.end(), m_wireTicks.begin(), m_wireTicks.end());
+    }
+    m_wireWords.clear();
+    m_wireTicks.clear();
+}
+
+bool CThreadFSK::TakeWire(std::vector<uint16_t>& words, std::vector<int64_t>& ticks)
+{
+    words.clear();
+    ticks.clear();
+    std::lock_guard<std::mutex> lock(m_wireMutex);
+    if (m_wireOutWords.empty())
+        return false;
+    words.swap(m_wireOutWords);
+    ticks.swap(m_wireOutTicks);
+    return true;
+}
+
+std::shared_ptr<TriggerData> CThreadFSK::TakePacketToDecode()
+{
+    std::lock_guard<std::mutex> lock(m_listMutex);
+    if (m_packets.empty())
+        return nullptr;
+    auto p = m_packets.front();
+    m_packets.pop_front();
+    m_decoding += 1;
+    return p;
+}
+
+void CThreadFSK::PacketDecoded()
+{
+    std::lock_guard<std::mutex> lock(m_listMutex);
+    if (m_decoding > 0)
+        m_decoding -= 1;
+}
+
+bool CThreadFSK::ChainPassed(uint64_t& us)
+{
+    std::lock_guard<std::mutex> lock(m_listMutex);
+    if (!m_packets.empty() || m_decoding > 0)
+        return false;
+    us = m_chainOpenFrom > 0 ? static_cast<uint64_t>(m_chainOpenFrom / 60) : 0;
+    return true;
 }
 
 void CThreadFSK::LoadReplay(const std::vector<uint16_t>& words)
@@ -125,12 +185,24 @@ void CThreadFSK::ParseChunk(const uint8_t* bytes, size_t words)
             break;
         }
     }
+    PassWireWords();
 }
 
 void CThreadFSK::Word(uint16_t w)
 {
     m_ticks += w;
     m_tracker.Feed(w, m_ticks);
+    if (m_wireFeed.load(std::memory_order_relaxed)) {
+        m_wireWords.push_back(w);
+        m_wireTicks.push_back(m_ticks);
+        // After each block the tracker has judged, how far the chain has got
+        // (a packet it finished is in the list by now).
+        if (m_tracker.BlockJustJudged()) {
+            const int64_t from = m_tracker.OpenFrom(m_ticks);
+            std::lock_guard<std::mutex> lock(m_listMutex);
+            m_chainOpenFrom = from;
+        }
+    }
     if (m_decimation++ == m_divider) {
         m_decimation = 0;
         std::lock_guard<std::mutex> lock(m_displayMutex);

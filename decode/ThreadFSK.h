@@ -49,6 +49,24 @@ public:
     DigitalPingInfoPtr TakeDigitalPing();
     int64_t CurrentFrequency() const { return m_tracker.DisplayFrequency(); }
 
+    // ---- the second FSK reader
+    // The wire feed: every period word with its capture time (60 MHz ticks at
+    // the word's end), as the parser delivers them, for the second reader.
+    void SetWireFeed(bool on) { m_wireFeed.store(on, std::memory_order_relaxed); }
+    bool WireFeed() const { return m_wireFeed.load(std::memory_order_relaxed); }
+    // The words handed over since the last call, oldest first; false if none.
+    bool TakeWire(std::vector<uint16_t>& words, std::vector<int64_t>& ticks);
+    // The two decoding loops take turns at feeding the reader, so that it
+    // reads the words in order.
+    std::mutex& WireTurn() { return m_wireTurn; }
+    // A packet taken for decoding, counted until PacketDecoded: while one is
+    // being decoded, the chain has not passed it.
+    std::shared_ptr<TriggerData> TakePacketToDecode();
+    void PacketDecoded();
+    // When no packet is waiting or being decoded: true, with the capture time
+    // in microseconds before which every packet of the chain has been decoded.
+    bool ChainPassed(uint64_t& us);
+
     // Words to feed back into the tracker, taken 3000 a pass.
     void LoadReplay(const std::vector<uint16_t>& words);
 
@@ -66,6 +84,7 @@ public:
 
 private:
     void Word(uint16_t w);
+    void PassWireWords();
 
     std::mutex m_clearMutex;
     std::mutex m_displayMutex;
@@ -83,6 +102,18 @@ private:
     StreamFrameParser m_parser;
     int64_t m_chunkSum = 0;
     std::atomic<uint32_t> m_stampCopy{0};
+    // The wire feed: words gathered by the run loop, handed over at the end
+    // of each pass under the wire mutex.
+    std::atomic<bool> m_wireFeed{false};
+    std::vector<uint16_t> m_wireWords;
+    std::vector<int64_t> m_wireTicks;
+    std::mutex m_wireMutex;
+    std::vector<uint16_t> m_wireOutWords;  // guarded by m_wireMutex
+    std::vector<int64_t> m_wireOutTicks;   // guarded by m_wireMutex
+    std::mutex m_wireTurn;
+    // The chain's progress: under m_listMutex.
+    int64_t m_chainOpenFrom = 0;
+    int m_decoding = 0;
     std::unique_ptr<StreamPort> m_port;
     PortFactory m_factory;
     SettingParams* m_settings;

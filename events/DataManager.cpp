@@ -159,37 +159,23 @@ void CDataManager::GetEvents(std::vector<MsgInfoPtr>& out)
     if (m_resetPending.exchange(false, std::memory_order_relaxed))
         m_dispatcher.Reset();
 
+    const bool all = m_settleAll.exchange(false, std::memory_order_relaxed);
     if (SecondAskReader()) {
-        ReleaseHeld();
+        ReleaseHeld(
+            m_ask, [this] { return m_askFilter.TakeFrame(); }, 25, all,
+            [this](const std::shared_ptr<CMsgData>& frame) { m_dispatcher.Receive(frame); });
     } else {
         while (auto frame = m_askFilter.TakeFrame())
             m_dispatcher.Receive(frame);
     }
 
-    while (auto frame = m_fskFilter.TakeFrame()) {
-        auto e = std::make_shared<MsgInfo>();
-        const std::string hex = FrameHex(*frame);
-        e->str = Q(hex);
-        if (!frame->pattern) {
-            m_dispatcher.Receive(frame);
-            continue;
-        }
-        const uint8_t byte = frame->FrameByte(0);
-        // Only answers during negotiation: a NAK or an ND elsewhere is dropped.
-        if ((byte == 0x00 || byte == 0xBB) && m_askFilter.Phase() != 3)
-            continue;
-        const std::string name = PatternName(byte);
-        e->type = kTypeTxPattern;
-        e->direction = 1;
-        e->eventG.eventCount = 1;
-        e->common.Summary = name;
-        e->common.typeString = "Tx Pattern";
-        e->common.logData = "Tx Pattern: " + name;
-        e->str = Q("Pattern: " + name);
-        e->packet = frame->packet;
-        e->timing = frame->timing;
-        e->capture = frame->capture;
-        Enqueue(e);
+    if (SecondFskReader()) {
+        ReleaseHeld(
+            m_fsk, [this] { return m_fskFilter.TakeFrame(); }, 1, all,
+            [this](const std::shared_ptr<CMsgData>& frame) { DeliverFsk(frame); });
+    } else {
+        while (auto frame = m_fskFilter.TakeFrame())
+            DeliverFsk(frame);
     }
 
     std::vector<MsgInfoPtr> ready;
@@ -209,43 +195,83 @@ void CDataManager::GetEvents(std::vector<MsgInfoPtr>& out)
     out = std::move(ready);
 }
 
+void CDataManager::DeliverFsk(const std::shared_ptr<CMsgData>& frame)
+{
+    auto e = std::make_shared<MsgInfo>();
+    const std::string hex = FrameHex(*frame);
+    e->str = Q(hex);
+    if (!frame->pattern) {
+        m_dispatcher.Receive(frame);
+        return;
+    }
+    const uint8_t byte = frame->FrameByte(0);
+    // Only answers during negotiation: a NAK or an ND elsewhere is dropped.
+    if ((byte == 0x00 || byte == 0xBB) && m_askFilter.Phase() != 3)
+        return;
+    const std::string name = PatternName(byte);
+    e->type = kTypeTxPattern;
+    e->direction = 1;
+    e->eventG.eventCount = 1;
+    e->common.Summary = name;
+    e->common.typeString = "Tx Pattern";
+    e->common.logData = "Tx Pattern: " + name;
+    e->str = Q("Pattern: " + name);
+    e->packet = frame->packet;
+    e->timing = frame->timing;
+    e->capture = frame->capture;
+    Enqueue(e);
+}
+
+void CDataManager::MergeLane::Clear()
+{
+    {
+        std::lock_guard<std::mutex> lock(wireMutex);
+        wireOut.clear();
+    }
+    held.clear();
+}
+
 void CDataManager::Clear()
 {
     {
         std::lock_guard<std::mutex> lock(m_queueMutex);
         m_queue.clear();
     }
-    {
-        std::lock_guard<std::mutex> lock(m_wireMutex);
-        m_wireOut.clear();
-    }
-    m_held.clear();
+    m_ask.Clear();
+    m_fsk.Clear();
     m_settleAll.store(false, std::memory_order_relaxed);
     m_askFilter.Clear();
     m_fskFilter.Clear();
     m_askFilter.ResetCounters();
 }
 
-// ------------------------------------------------- the second ASK reader
+// ------------------------------------------------- the second readers
 
-// The two ASK readers are merged frame by frame. Each frame waits until both
-// readers have looked past its span (the list decoder has decoded every burst
-// there, the second reader has read every sample), then the frames whose
-// spans overlap are settled together:
-//  - a frame of the second reader where the list decoder gave nothing becomes
+// Each first reader (the ASK list decoder, the FSK frame decoder) is merged
+// with its second reader frame by frame. Each frame waits until both readers
+// have looked past its span (the first reader has decoded every burst or
+// packet there, the second reader has read every sample or word), then the
+// frames whose spans overlap are settled together:
+//  - a frame of the second reader where the first reader gave nothing becomes
 //    an event of its own, marked "recovered";
-//  - where both read the same bytes, the list decoder's frame stands as it is;
-//  - where the list decoder read other bytes, the second reading stands (it
-//    checked the parity of every byte and the checksum; the list decoder
-//    checks no parity and forks on ties), marked "corrected", with the list
-//    decoder's bytes beside it.
-// Everything goes through the dispatcher in capture order, as any frame.
+//  - where both read the same bytes, the first reader's frame stands as it is;
+//  - where the first reader read other bytes, the second reading stands (it
+//    checked the parity of every byte and the checksum and forgives nothing;
+//    the list decoder checks no parity and forks on ties, the frame decoder
+//    forgives checksums), marked "corrected", with the first reader's bytes
+//    beside it.
+// Everything goes on in capture order, as any frame: ASK frames to the
+// dispatcher, FSK frames to the dispatcher or, for response patterns, named
+// by the pattern table.
 
 namespace {
 
-// The newest samples the second reader was given, for the capture records of
-// its frames: 2^17 samples are 3.3 s, far more than the longest packet.
+// The newest samples the second ASK reader was given, for the capture records
+// of its frames: 2^17 samples are 3.3 s, far more than the longest packet.
 constexpr size_t kWireRing = size_t{1} << 17;
+// The newest words the second FSK reader was given: 2^15 words are about 3 s
+// at the lowest carrier, more than the longest packet at 512 cycles a bit.
+constexpr size_t kFskRing = size_t{1} << 15;
 
 bool Overlap(uint64_t a0, uint64_t a1, uint64_t b0, uint64_t b1)
 {
@@ -306,94 +332,183 @@ void CDataManager::ReadWire(const int32_t* samples, size_t n, uint64_t first)
     m_wireRingNext = first + n;
     m_wireReader.Feed(samples, n, first);
     std::vector<AskWireFrame> frames = m_wireReader.Take();
-    if (!frames.empty()) {
-        std::vector<std::pair<AskWireFrame, std::shared_ptr<CMsgData>>> made;
-        made.reserve(frames.size());
-        for (AskWireFrame& w : frames) {
-            auto frame = WireFrame(w);
-            made.emplace_back(std::move(w), std::move(frame));
-        }
-        std::lock_guard<std::mutex> lock(m_wireMutex);
-        for (auto& m : made)
-            m_wireOut.push_back(std::move(m));
-    }
-    // Told after the frames are in hand: whoever sees this mark finds them.
-    m_wireSettled.store(m_wireReader.SettledThrough(), std::memory_order_release);
+    AddWireFrames(frames, m_wireReader.SettledThrough());
 }
 
 void CDataManager::AddWireFrames(const std::vector<AskWireFrame>& frames, uint64_t settledThrough)
 {
-    {
-        std::lock_guard<std::mutex> lock(m_wireMutex);
-        for (const AskWireFrame& w : frames)
-            m_wireOut.emplace_back(w, WireFrame(w));
+    if (!frames.empty()) {
+        std::vector<Held> made;
+        made.reserve(frames.size());
+        for (const AskWireFrame& w : frames) {
+            Held h;
+            h.frame = WireFrame(w);
+            h.first = w.firstSample;
+            h.last = std::max(w.firstSample, w.endSample);
+            h.wire = true;
+            made.push_back(std::move(h));
+        }
+        std::lock_guard<std::mutex> lock(m_ask.wireMutex);
+        for (Held& h : made)
+            m_ask.wireOut.push_back(std::move(h));
     }
-    m_wireSettled.store(settledThrough, std::memory_order_release);
+    // Told after the frames are in hand: whoever sees this mark finds them.
+    m_ask.wireSettled.store(settledThrough, std::memory_order_release);
 }
 
 void CDataManager::ListDecoderPassed(uint64_t sample)
 {
-    m_listPassed.store(sample, std::memory_order_release);
+    m_ask.firstPassed.store(sample, std::memory_order_release);
 }
 
-void CDataManager::TakeAskFrames()
+std::shared_ptr<CMsgData> CDataManager::FskWireMsg(const FskWireFrame& w)
 {
-    const int64_t now = TickMs();
-    while (auto frame = m_askFilter.TakeFrame()) {
-        Held h;
-        h.frame = frame;
-        if (frame->capture) {
-            h.first = frame->capture->startTime / 25;
-            h.last = std::max(h.first, frame->capture->endTime / 25);
+    auto frame = std::make_shared<CMsgData>();
+    frame->SetFrame(w.bytes.data(), w.bytes.size());
+    frame->packet.PacketData = SpacedHex(w.bytes.data(), w.bytes.size());
+    frame->packet.numbytesInPacket = w.bytes.size();
+    frame->packet.Status = "NoError";
+    frame->packet.premambleCount = 0;
+    frame->packet.reading = "recovered";
+
+    auto capture = std::make_shared<TriggerData>();
+    capture->startTime = w.startTicks > 0 ? static_cast<uint64_t>(w.startTicks / 60) : 0;
+    capture->endTime = w.endTicks > 0 ? static_cast<uint64_t>(w.endTicks / 60) : 0;
+    capture->highPeriod = std::max(w.carrierPeriod, w.modulatedPeriod);
+    capture->lowPeriod = std::min(w.carrierPeriod, w.modulatedPeriod);
+    // The frame decoder's convention: 0 where the modulated period is the
+    // shorter one.
+    capture->polarity = w.polarity < 0 ? 0 : 1;
+    // The words of the packet, when the ring still holds them all: those that
+    // end after its start and begin before its end.
+    if (m_fskRingWords.size() == kFskRing && m_fskRingNext > 0) {
+        const uint64_t oldest = m_fskRingNext > kFskRing ? m_fskRingNext - kFskRing : 0;
+        uint64_t k = m_fskRingNext;
+        while (k > oldest) {
+            const size_t at = static_cast<size_t>((k - 1) & (kFskRing - 1));
+            if (m_fskRingTicks[at] <= w.startTicks)
+                break;
+            --k;
         }
-        h.heldSince = now;
-        m_held.push_back(std::move(h));
+        if (k > oldest) {
+            for (; k < m_fskRingNext; ++k) {
+                const size_t at = static_cast<size_t>(k & (kFskRing - 1));
+                if (m_fskRingTicks[at] - m_fskRingWords[at] >= w.endTicks)
+                    break;
+                capture->samples.push_back(m_fskRingWords[at]);
+            }
+        }
     }
-    std::vector<std::pair<AskWireFrame, std::shared_ptr<CMsgData>>> wire;
-    {
-        std::lock_guard<std::mutex> lock(m_wireMutex);
-        wire.swap(m_wireOut);
-    }
-    for (auto& w : wire) {
-        Held h;
-        h.frame = std::move(w.second);
-        h.first = w.first.firstSample;
-        h.last = std::max(w.first.firstSample, w.first.endSample);
-        h.wire = true;
-        h.heldSince = now;
-        m_held.push_back(std::move(h));
-    }
-    std::stable_sort(m_held.begin(), m_held.end(), [](const Held& a, const Held& b) { return a.first < b.first; });
+    const uint64_t hz = w.carrierPeriod > 0 ? static_cast<uint64_t>(960000000LL / w.carrierPeriod) : 0;
+    FillTiming(*frame, *capture, hz);
+    frame->direction = 1;
+    frame->pattern = w.pattern ? 1 : 0;
+    frame->capture = capture;
+    return frame;
 }
 
-void CDataManager::ReleaseHeld()
+void CDataManager::ReadFskWire(const uint16_t* words, const int64_t* ticks, size_t n)
+{
+    if (n == 0 || !words || !ticks)
+        return;
+    const int32_t bandMin = m_fskBandMin.load(std::memory_order_relaxed);
+    const int32_t bandMax = m_fskBandMax.load(std::memory_order_relaxed);
+    if (bandMin != m_fskReaderMin || bandMax != m_fskReaderMax) {
+        m_fskWireReader = FskWireReader(bandMin, bandMax);
+        m_fskReaderMin = bandMin;
+        m_fskReaderMax = bandMax;
+    }
+    if (m_fskRingWords.size() != kFskRing) {
+        m_fskRingWords.assign(kFskRing, 0);
+        m_fskRingTicks.assign(kFskRing, 0);
+    }
+    for (size_t i = 0; i < n; ++i) {
+        const size_t at = static_cast<size_t>(m_fskRingNext & (kFskRing - 1));
+        m_fskRingWords[at] = words[i];
+        m_fskRingTicks[at] = ticks[i];
+        ++m_fskRingNext;
+    }
+    m_fskWireReader.Feed(words, ticks, n);
+    AddFskWireFrames(m_fskWireReader.Take(), m_fskWireReader.SettledThrough());
+}
+
+void CDataManager::AddFskWireFrames(const std::vector<FskWireFrame>& frames, int64_t settledThroughTicks)
+{
+    if (!frames.empty()) {
+        std::vector<Held> made;
+        made.reserve(frames.size());
+        for (const FskWireFrame& w : frames) {
+            Held h;
+            h.frame = FskWireMsg(w);
+            h.first = h.frame->capture->startTime;
+            h.last = std::max(h.first, h.frame->capture->endTime);
+            h.wire = true;
+            made.push_back(std::move(h));
+        }
+        std::lock_guard<std::mutex> lock(m_fsk.wireMutex);
+        for (Held& h : made)
+            m_fsk.wireOut.push_back(std::move(h));
+    }
+    // Told after the frames are in hand: whoever sees this mark finds them.
+    m_fsk.wireSettled.store(settledThroughTicks > 0 ? static_cast<uint64_t>(settledThroughTicks / 60) : 0,
+                            std::memory_order_release);
+}
+
+void CDataManager::FskChainPassed(uint64_t us)
+{
+    m_fsk.firstPassed.store(us, std::memory_order_release);
+}
+
+void CDataManager::ReleaseHeld(MergeLane& lane, const std::function<std::shared_ptr<CMsgData>()>& takeFirst,
+                               uint64_t unitUs, bool all,
+                               const std::function<void(const std::shared_ptr<CMsgData>&)>& deliver)
 {
     // The marks are read before the frames are taken: each is told after the
     // frames behind it were handed over, so every frame below a mark read
     // here is among those taken next.
-    const uint64_t listPassed = m_listPassed.load(std::memory_order_acquire);
-    const uint64_t settled = m_wireSettled.load(std::memory_order_acquire);
-    TakeAskFrames();
-    const bool all = m_settleAll.exchange(false, std::memory_order_relaxed);
+    const uint64_t firstPassed = lane.firstPassed.load(std::memory_order_acquire);
+    const uint64_t settled = lane.wireSettled.load(std::memory_order_acquire);
     const int64_t now = TickMs();
-    while (!m_held.empty()) {
-        uint64_t end = m_held.front().last;
+    while (auto frame = takeFirst()) {
+        Held h;
+        h.frame = frame;
+        if (frame->capture) {
+            h.first = frame->capture->startTime / unitUs;
+            h.last = std::max(h.first, frame->capture->endTime / unitUs);
+        }
+        h.heldSince = now;
+        lane.held.push_back(std::move(h));
+    }
+    std::vector<Held> wire;
+    {
+        std::lock_guard<std::mutex> lock(lane.wireMutex);
+        wire.swap(lane.wireOut);
+    }
+    for (Held& h : wire) {
+        h.heldSince = now;
+        lane.held.push_back(std::move(h));
+    }
+    std::stable_sort(lane.held.begin(), lane.held.end(), [](const Held& a, const Held& b) { return a.first < b.first; });
+
+    while (!lane.held.empty()) {
+        uint64_t end = lane.held.front().last;
         size_t k = 1;
-        while (k < m_held.size() && m_held[k].first <= end) {
-            end = std::max(end, m_held[k].last);
+        while (k < lane.held.size() && lane.held[k].first <= end) {
+            end = std::max(end, lane.held[k].last);
             ++k;
         }
-        const bool passed = listPassed > end && settled > end;
-        if (!all && !passed && now - m_held.front().heldSince <= kHoldLimitMs)
+        const bool passed = firstPassed > end && settled > end;
+        if (!all && !passed && now - lane.held.front().heldSince <= kHoldLimitMs)
             break;
-        std::vector<Held> cluster(std::make_move_iterator(m_held.begin()),
-                                  std::make_move_iterator(m_held.begin() + static_cast<std::ptrdiff_t>(k)));
-        m_held.erase(m_held.begin(), m_held.begin() + static_cast<std::ptrdiff_t>(k));
-        ResolveCluster(cluster);
+        std::vector<Held> cluster(std::make_move_iterator(lane.held.begin()),
+                                  std::make_move_iterator(lane.held.begin() + static_cast<std::ptrdiff_t>(k)));
+        lane.held.erase(lane.held.begin(), lane.held.begin() + static_cast<std::ptrdiff_t>(k));
+        ResolveCluster(lane, cluster, deliver);
     }
 }
 
-void CDataManager::ResolveCluster(std::vector<Held>& cluster)
+void CDataManager::ResolveCluster(MergeLane& lane, std::vector<Held>& cluster,
+                                  const std::function<void(const std::shared_ptr<CMsgData>&)>& deliver)
 {
     std::vector<Held*> wire, list;
     for (Held& h : cluster)
@@ -401,14 +516,14 @@ void CDataManager::ResolveCluster(std::vector<Held>& cluster)
     std::vector<bool> listMatched(list.size(), false), listDropped(list.size(), false);
     std::vector<bool> wireDropped(wire.size(), false);
 
-    // Both read the same bytes: the list decoder's frame stands.
+    // Both read the same bytes: the first reader's frame stands.
     for (size_t i = 0; i < wire.size(); ++i) {
         for (size_t j = 0; j < list.size(); ++j) {
             if (listMatched[j] || list[j]->frame->packet.PacketData != wire[i]->frame->packet.PacketData)
                 continue;
             listMatched[j] = true;
             wireDropped[i] = true;
-            m_merges.agreed += 1;
+            lane.counts.agreed += 1;
             break;
         }
     }
@@ -418,19 +533,19 @@ void CDataManager::ResolveCluster(std::vector<Held>& cluster)
         for (size_t j = 0; j < list.size(); ++j) {
             if (listMatched[j] || listDropped[j] || !Overlap(w.first, w.last, list[j]->first, list[j]->last))
                 continue;
-            // The list decoder read other bytes over this span: the checked
-            // reading stands (or, where the list decoder also read the packet
+            // The first reader read other bytes over this span: the checked
+            // reading stands (or, where the first reader also read the packet
             // right in another candidate, that one does) and this one goes.
             listDropped[j] = true;
             if (!wireDropped[i] && !corrected) {
                 w.frame->packet.reading = "corrected";
                 w.frame->packet.otherReading = list[j]->frame->packet.PacketData;
                 corrected = true;
-                m_merges.corrected += 1;
+                lane.counts.corrected += 1;
             }
         }
         if (!wireDropped[i] && !corrected)
-            m_merges.recovered += 1;
+            lane.counts.recovered += 1;
     }
 
     std::vector<Held*> out;
@@ -442,7 +557,7 @@ void CDataManager::ResolveCluster(std::vector<Held>& cluster)
             out.push_back(list[j]);
     std::stable_sort(out.begin(), out.end(), [](const Held* a, const Held* b) { return a->first < b->first; });
     for (Held* h : out)
-        m_dispatcher.Receive(h->frame);
+        deliver(h->frame);
 }
 
 // ------------------------------------------------------------------- slots

@@ -8,11 +8,13 @@
 #include "decode/AskWireReader.h"
 #include "decode/DataFilter.h"
 #include "decode/FskFrameDecoder.h"
+#include "decode/FskWireReader.h"
 #include "events/MsgInfo.h"
 #include "packets/Interface.h"
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <list>
 #include <mutex>
 #include <vector>
@@ -52,11 +54,33 @@ public:
     void SettleHeldFrames() { m_settleAll.store(true, std::memory_order_relaxed); }
 
     struct MergeCounts {
-        int64_t recovered = 0;  // the second reader's frames where the list decoder had none
-        int64_t corrected = 0;  // the second reader's frames where the list decoder read other bytes
+        int64_t recovered = 0;  // the second reader's frames where the first reader had none
+        int64_t corrected = 0;  // the second reader's frames where the first reader read other bytes
         int64_t agreed = 0;     // frames both read alike
     };
-    MergeCounts Merges() const { return m_merges; }
+    MergeCounts Merges() const { return m_ask.counts; }
+
+    // ---- the second FSK reader
+    // The same for the transmitter's side, beside the FSK frame decoder. Off,
+    // every frame of the frame decoder is handled as it comes. The band is
+    // the one the carrier tracker is built with.
+    void SetSecondFskReader(bool on) { m_secondFskReader.store(on, std::memory_order_relaxed); }
+    bool SecondFskReader() const { return m_secondFskReader.load(std::memory_order_relaxed); }
+    // (Taken by the reader when it is next fed, on the thread that feeds it.)
+    void SetFskBand(int32_t minFreqHz, int32_t maxFreqHz)
+    {
+        m_fskBandMin.store(minFreqHz, std::memory_order_relaxed);
+        m_fskBandMax.store(maxFreqHz, std::memory_order_relaxed);
+    }
+    // From an FSK decoding thread: the period words as they came, with their
+    // capture times (60 MHz ticks), and how far the frame decoder has got
+    // (every packet beginning before `us` is decoded).
+    void ReadFskWire(const uint16_t* words, const int64_t* ticks, size_t n);
+    void FskChainPassed(uint64_t us);
+    // From the thread that feeds the reader (tests): frames read elsewhere, and
+    // how far that reader has looked (ticks).
+    void AddFskWireFrames(const std::vector<FskWireFrame>& frames, int64_t settledThroughTicks);
+    MergeCounts FskMerges() const { return m_fsk.counts; }
 
     // A held frame is given out after this long even when a reader has not
     // caught up (a stream that stopped in the middle of a packet).
@@ -126,18 +150,38 @@ private:
     void Enqueue(const MsgInfoPtr& event);
     int FrequencyHz();
 
-    // One frame held for the merge of the two ASK readers: its span in sample
-    // numbers and, for the second reader's, its bytes.
+    // One frame held for the merge of two readers: its span (sample numbers
+    // on the ASK side, microseconds on the FSK side) and whose it is.
     struct Held {
         std::shared_ptr<CMsgData> frame;
         uint64_t first = 0, last = 0;
         bool wire = false;
         int64_t heldSince = 0;
     };
+    // The merge of a first reader (the list decoder, the FSK frame decoder)
+    // with a second reader: the second reader's frames as they come, the two
+    // progress marks, the frames waiting for each other and the tally.
+    struct MergeLane {
+        std::mutex wireMutex;
+        std::vector<Held> wireOut;  // guarded by wireMutex
+        std::atomic<uint64_t> wireSettled{0};
+        std::atomic<uint64_t> firstPassed{0};
+        std::deque<Held> held;
+        MergeCounts counts;
+        void Clear();
+    };
     std::shared_ptr<CMsgData> WireFrame(const AskWireFrame& w);
-    void TakeAskFrames();
-    void ReleaseHeld();
-    void ResolveCluster(std::vector<Held>& cluster);
+    std::shared_ptr<CMsgData> FskWireMsg(const FskWireFrame& w);
+    // Takes what both readers of the lane have finished, then settles every
+    // cluster of overlapping frames that both readers have looked past (or
+    // that waited too long, or all of them) and hands the frames that stand
+    // to `deliver` in capture order.
+    void ReleaseHeld(MergeLane& lane, const std::function<std::shared_ptr<CMsgData>()>& takeFirst, uint64_t unitUs,
+                     bool all, const std::function<void(const std::shared_ptr<CMsgData>&)>& deliver);
+    void ResolveCluster(MergeLane& lane, std::vector<Held>& cluster,
+                        const std::function<void(const std::shared_ptr<CMsgData>&)>& deliver);
+    // A frame of the FSK side: a packet to the dispatcher, a pattern named.
+    void DeliverFsk(const std::shared_ptr<CMsgData>& frame);
 
     CInterface m_dispatcher;
     CDataFilter m_askFilter;
@@ -167,12 +211,16 @@ private:
     AskWireReader m_wireReader;
     std::vector<int32_t> m_wireRing;
     uint64_t m_wireRingNext = 0;  // number of the sample after the newest in the ring
-    std::mutex m_wireMutex;
-    std::vector<std::pair<AskWireFrame, std::shared_ptr<CMsgData>>> m_wireOut;  // guarded
-    std::atomic<uint64_t> m_wireSettled{0};
-    std::atomic<uint64_t> m_listPassed{0};
+    // The second FSK reader, on the FSK decoding threads in turn, with the
+    // newest words it was given.
+    std::atomic<bool> m_secondFskReader{true};
+    FskWireReader m_fskWireReader;
+    std::atomic<int32_t> m_fskBandMin{110000}, m_fskBandMax{210000};
+    int32_t m_fskReaderMin = 110000, m_fskReaderMax = 210000;  // the band the reader was built with
+    std::vector<uint16_t> m_fskRingWords;
+    std::vector<int64_t> m_fskRingTicks;
+    uint64_t m_fskRingNext = 0;  // count of words put in the ring
     std::atomic<bool> m_settleAll{false};
-    // On the interface thread: frames of both readers waiting for the other.
-    std::deque<Held> m_held;
-    MergeCounts m_merges;
+    MergeLane m_ask;
+    MergeLane m_fsk;
 };

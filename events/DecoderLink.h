@@ -40,6 +40,12 @@ public:
     bool ClaimLinkLoss() override;
     void LinkLost() override;
     void PushFrequency(double first, double second) override { m_manager.PushFrequency(first, second); }
+    bool ReadsFskWire() const override { return m_manager.SecondFskReader(); }
+    void ReadFskWire(const uint16_t* words, const int64_t* ticks, size_t n) override
+    {
+        m_manager.ReadFskWire(words, ticks, n);
+    }
+    void FskChainPassed(uint64_t us) override { m_manager.FskChainPassed(us); }
 
     // ---- the controller
     void SetAcquiring(bool on) { m_acquiring.store(on, std::memory_order_relaxed); }

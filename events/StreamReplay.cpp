@@ -36,6 +36,8 @@ StreamReplay::StreamReplay(std::vector<uint8_t> askBytes, std::vector<uint8_t> f
     if (settings)
         m_askThread.SetSettings(settings);
     m_manager.SetSecondAskReader(SettingParams::Or(settings).m_ask_second_reader != 0);
+    m_manager.SetSecondFskReader(SettingParams::Or(settings).m_fsk_second_reader != 0);
+    m_manager.SetFskBand(SettingParams::Or(settings).m_min_freq, SettingParams::Or(settings).m_max_freq);
     m_link.SetAcquiring(true);
 }
 
@@ -71,6 +73,7 @@ void StreamReplay::Run(const std::function<void(std::vector<MsgInfoPtr>&)>& batc
     ManualClock clock(1);
     SetClock(&clock);
     m_askThread.Stream().SetWireFeed(m_manager.SecondAskReader());
+    m_fskThread.SetWireFeed(m_manager.SecondFskReader());
     size_t ai = 0, fi = 0;
     double askMs = 0.0;  // capture time reached on the ASK stream
     double nextRefresh = 30.0;
@@ -122,8 +125,8 @@ void StreamReplay::Run(const std::function<void(std::vector<MsgInfoPtr>&)>& batc
             refresh(fskMs < 1e299 ? fskMs : askMs);
         }
     }
-    // No more samples come: the frames the two ASK readers hold for each
-    // other are settled with what they have; everything still queued leaves a
+    // No more samples come: the frames that the first and second readers hold
+    // for each other are settled with what they have; everything still queued leaves a
     // second later.
     m_manager.SettleHeldFrames();
     const double end = std::max(askMs, nextRefresh);

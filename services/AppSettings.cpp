@@ -157,6 +157,7 @@ bool AppSettings::Parse(const char* text, SettingParams& p)
     TakeInt(root, "m_ask_capture_data", p.m_ask_capture_data);
     TakeInt(root, "m_fsk_capture_data", p.m_fsk_capture_data);
     TakeInt(root, "m_ask_second_reader", p.m_ask_second_reader);
+    TakeInt(root, "m_fsk_second_reader", p.m_fsk_second_reader);
 
     const Json::Value* savePath = Member(root, "savePath");
     if (savePath && savePath->type() == Json::stringValue)
@@ -187,6 +188,7 @@ void AppSettings::SetDefaults(SettingParams& p, const std::string& savePath)
     p.m_ask_capture_data = 0;
     p.m_fsk_capture_data = 0;
     p.m_ask_second_reader = 1;
+    p.m_fsk_second_reader = 1;
     p.m_dac_value = 1700;
     p.m_auto_scope = 0;
     p.savePath = savePath;
@@ -211,6 +213,7 @@ std::string AppSettings::Serialize(const SettingParams& p)
     root["m_ask_capture_data"] = Json::Int(p.m_ask_capture_data);
     root["m_fsk_capture_data"] = Json::Int(p.m_fsk_capture_data);
     root["m_ask_second_reader"] = Json::Int(p.m_ask_second_reader);
+    root["m_fsk_second_reader"] = Json::Int(p.m_fsk_second_reader);
     root["savePath"] = p.savePath;
     root["m_skip_version"] = Json::Int(p.m_skip_version);
     root["m_auto_scope"] = Json::Int(p.m_auto_scope);

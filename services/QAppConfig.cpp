@@ -44,6 +44,7 @@ const Row kRows[] = {
     NumberRow("ASK", "DAC Value", 7, &SettingParams::m_dac_value),
     SwitchRow("ASK", "Second Reader", 11, &SettingParams::m_ask_second_reader),
     SwitchRow("FSK", "Catpure Data", 5, &SettingParams::m_fsk_capture_data),
+    SwitchRow("FSK", "Second Reader", 12, &SettingParams::m_fsk_second_reader),
     NumberRow("Frequency", "Min Frequency", 1, &SettingParams::m_min_freq),
     NumberRow("Frequency", "Max Frequency", 2, &SettingParams::m_max_freq),
     TextRow("SavePath", "DataSavePath", 8, &SettingParams::savePath),

@@ -30,6 +30,8 @@ struct SettingParams {
     bool m_Polarity = false;
     // The second ASK reader beside the list decoder: 1 on (the default), 0 off.
     int32_t m_ask_second_reader = 1;
+    // The second FSK reader beside the FSK frame decoder: 1 on (the default), 0 off.
+    int32_t m_fsk_second_reader = 1;
     // Learnt from the traffic of this run: 0 none, 1 or -1. Written by the
     // packet layer and read by the FSK decoders on other threads.
     std::atomic<int32_t> detectedPolarity{0};

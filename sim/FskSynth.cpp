@@ -17,9 +17,11 @@ constexpr uint64_t kTicksPerFrame = 300000;  // 5 ms
 
 void CheckParams(const FskWaveParams& p) {
     if (!(p.carrierHz > 0.0) || !std::isfinite(p.driftHzPerSecond) || (p.polarity != 1 && p.polarity != -1) ||
-        p.cyclesPerBit <= 0 || p.cyclesPerBit % kWordsPerBitUnit != 0 || !(p.noiseTicks >= 0.0))
+        p.cyclesPerBit <= 0 || p.cyclesPerBit % kWordsPerBitUnit != 0 || !(p.noiseTicks >= 0.0) ||
+        !std::isfinite(p.depthTicks) || p.gridOffsetCycles < 0 || p.gridOffsetCycles > 15)
         throw std::invalid_argument("FskWaveParams: carrierHz must be positive, polarity +1 or -1, "
-                                    "cyclesPerBit a positive multiple of 32, noiseTicks non-negative");
+                                    "cyclesPerBit a positive multiple of 32, noiseTicks non-negative, "
+                                    "depthTicks finite, gridOffsetCycles 0..15");
 }
 
 void CheckMs(double ms) {
@@ -94,6 +96,10 @@ void FskWaveWriter::OffMs(double ms) {
 // boundary. If the last bit leaves the carrier modulated, one unmodulated word
 // marks the return at the end of the bit.
 size_t FskWaveWriter::Bits(const std::vector<uint8_t>& bits) {
+    if (params_.randomGridOffset)
+        return BitsOffGrid(bits, static_cast<int>(rng_() % 16));
+    if (params_.gridOffsetCycles != 0)
+        return BitsOffGrid(bits, params_.gridOffsetCycles);
     const size_t start = words_.size();
     const size_t halfWords = static_cast<size_t>(params_.cyclesPerBit) / kWordsPerBitUnit;
     const double shift = static_cast<double>(params_.polarity) * params_.depthTicks;
@@ -108,6 +114,32 @@ size_t FskWaveWriter::Bits(const std::vector<uint8_t>& bits) {
         half();
     }
     if (modulated) Append(0.0);
+    return start;
+}
+
+// The modulation state of every carrier cycle from the start of the word that
+// holds the first change (offset cycles of carrier first) to the end of the
+// word that holds the return to carrier; each word takes the share of its 16
+// cycles that are modulated.
+size_t FskWaveWriter::BitsOffGrid(const std::vector<uint8_t>& bits, int offset) {
+    const size_t start = words_.size();
+    const size_t halfCycles = static_cast<size_t>(params_.cyclesPerBit) / 2;
+    std::vector<uint8_t> cycles(static_cast<size_t>(offset), 0);
+    cycles.reserve(cycles.size() + bits.size() * 2 * halfCycles + 16);
+    uint8_t modulated = 0;
+    for (uint8_t bit : bits) {
+        modulated ^= 1;
+        cycles.insert(cycles.end(), halfCycles, modulated);
+        if (bit) modulated ^= 1;
+        cycles.insert(cycles.end(), halfCycles, modulated);
+    }
+    while (cycles.size() % 16 != 0) cycles.push_back(0);
+    const double shift = static_cast<double>(params_.polarity) * params_.depthTicks;
+    for (size_t w = 0; w < cycles.size(); w += 16) {
+        int m = 0;
+        for (size_t c = w; c < w + 16; ++c) m += cycles[c];
+        Append(shift * m / 16.0);
+    }
     return start;
 }
 

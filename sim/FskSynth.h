@@ -22,11 +22,22 @@ std::vector<uint8_t> FskPatternBits(uint8_t pattern);
 struct FskWaveParams {
     double carrierHz = 128000.0;   // operating frequency while not modulating
     double driftHzPerSecond = 0.0; // slow drift of the operating frequency
-    int depthTicks = 60;           // period shift of a modulated word, in ticks per 16 cycles
+    double depthTicks = 60;        // period shift of a modulated word, in ticks per 16 cycles
     int polarity = 1;              // +1: modulated words are longer by depthTicks; -1: shorter
     int cyclesPerBit = 512;        // 512 or 128 carrier cycles a bit (32 or 8 words)
     double noiseTicks = 0.0;       // standard deviation of gaussian noise added to each word
+    // Where a packet's bits lie on the 16-cycle grid of the words: a packet
+    // begins this many carrier cycles (0..15) into a word, so that the
+    // modulation changes inside words; with randomGridOffset each packet takes
+    // its own offset from the writer's generator.
+    int gridOffsetCycles = 0;
+    bool randomGridOffset = false;
 };
+
+// Period shift of a word, in ticks per 16 cycles, for a modulation depth given
+// as the change of one carrier cycle's period in nanoseconds (16 cycles of a
+// 60 MHz clock: 0.96 ticks a nanosecond).
+inline double FskDepthTicks(double depthNs) { return depthNs * 0.96; }
 
 class FskWaveWriter {
 public:
@@ -48,7 +59,9 @@ public:
     // Differential bi-phase of the bits on the carrier: the modulation state
     // toggles at every bit boundary and, for a one, at half the bit. The state
     // returns to unmodulated after the last bit. Returns the index of the
-    // first word of the packet.
+    // first word of the packet. With a grid offset, the words are made cycle
+    // by cycle: a word that holds a change of state is the mix of the two
+    // periods in the proportion of its cycles.
     size_t Bits(const std::vector<uint8_t>& bits);
     size_t Packet(const std::vector<uint8_t>& frame, int leadOnes) { return Bits(FskPacketBits(frame, leadOnes)); }
     size_t Pattern(uint8_t pattern) { return Bits(FskPatternBits(pattern)); }
@@ -63,6 +76,7 @@ private:
     void Append(double shiftTicks);
     // Appends a word as it is.
     void AppendRaw(uint16_t word);
+    size_t BitsOffGrid(const std::vector<uint8_t>& bits, int offset);
 
     FskWaveParams params_;
     std::mt19937 rng_;

@@ -63,8 +63,14 @@ void AddGroup(PropertyTree& tree, Group g, const MsgInfo& e)
         // the packet; other packets show the rows they always had.
         if (!e.packet.reading.empty())
             tree.AddRow(group, QStringLiteral("Reading"), Text(e.packet.reading));
+        // The other reading is the first reader's of the packet's side: the
+        // list decoder's for the receiver, the frame decoder's for the
+        // transmitter.
         if (!e.packet.otherReading.empty())
-            tree.AddRow(group, QStringLiteral("List Decoder Reading"), Text(e.packet.otherReading));
+            tree.AddRow(group,
+                        e.direction == 1 ? QStringLiteral("Frame Decoder Reading")
+                                         : QStringLiteral("List Decoder Reading"),
+                        Text(e.packet.otherReading));
         break;
     }
     case kBitTiming: {

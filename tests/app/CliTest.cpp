@@ -304,7 +304,7 @@ std::string Field(const std::string& line, const std::string& key)
 
 TEST(CliReplayRecorded, TheListDecoderAloneGivesTheEventsItAlwaysGave)
 {
-    const Result r = RunCli("replay " + kRecorded + " --json --ask-reader list");
+    const Result r = RunCli("replay " + kRecorded + " --json --ask-reader list --fsk-reader list");
     ASSERT_EQ(r.status, 0);
     const std::string expected = ReadText(std::string(COILSCOPE_TEST_DATA) + "/emulator.list-decoder.jsonl");
     ASSERT_FALSE(expected.empty());
@@ -344,6 +344,49 @@ TEST(CliReplayRecorded, WithBothReadersEveryReceiverPacketSentComesBack)
             sent.push_back(Field(line, "bytes"));
     ASSERT_GT(sent.size(), 20u);
     EXPECT_EQ(got, sent);
+}
+
+TEST(CliReplayRecorded, WithBothFskReadersEveryTransmitterPacketAndPatternSentComesBack)
+{
+    // The frame decoder reads every one of this recording's transmitter
+    // packets and ACKs; the second reader agrees with each, so the events are
+    // the frame decoder's, unmarked, as with the second FSK reader off.
+    const Result both = RunCli("replay " + kRecorded + " --json --ask-reader list");
+    ASSERT_EQ(both.status, 0);
+    const std::string expected = ReadText(std::string(COILSCOPE_TEST_DATA) + "/emulator.list-decoder.jsonl");
+    EXPECT_EQ(WithoutWallClock(both.out), expected);
+    std::vector<std::string> got;
+    for (const std::string& line : Lines(both.out)) {
+        if (line.find("\"direction\":1") == std::string::npos || Field(line, "PacketData").empty())
+            continue;
+        got.push_back(Field(line, "PacketData"));
+        EXPECT_EQ(Field(line, "reading"), "") << line;
+    }
+    std::vector<std::string> sent;
+    for (const std::string& line : Lines(ReadText(std::string(COILSCOPE_TEST_DATA) + "/emulator.sent.jsonl")))
+        if (Field(line, "direction") == "FSK")
+            sent.push_back(Field(line, "bytes"));
+    ASSERT_EQ(sent.size(), 7u);
+    EXPECT_EQ(got, sent);
+}
+
+TEST(CliReplayRecorded, FskReaderTakesListOrBoth)
+{
+    const Result bad = RunCli("replay " + kRecorded + " --fsk-reader maybe", true);
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.out.find("--fsk-reader takes list or both"), std::string::npos) << bad.out;
+    const Result help = RunCli("replay --help");
+    EXPECT_NE(help.out.find("--fsk-reader list|both"), std::string::npos);
+}
+
+TEST(CliCaptureOptions, FskReaderTakesListOrBothBeforeLookingForTheDevice)
+{
+    const Result bad = RunCli("capture --fsk-reader none --seconds 1", true);
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.out.find("--fsk-reader takes list or both, not \"none\""), std::string::npos) << bad.out;
+    EXPECT_EQ(bad.out.find("Not found Sniffer Device."), std::string::npos) << bad.out;
+    const Result help = RunCli("capture --help");
+    EXPECT_NE(help.out.find("--fsk-reader list|both"), std::string::npos);
 }
 
 TEST(CliReplayRecorded, AskReaderTakesListOrBoth)

@@ -241,6 +241,7 @@ TEST_F(DataManagerTest, LateAskEventWithAnEarlierStartLeavesFirst)
     // An FSK response is queued first; the ASK request that came before it is
     // decoded later.
     dm.FskFilter().Emit(Frame({0x1F, 0x64, 0x7B}, 1, 5000));
+    FskReadersPassed();
     std::vector<MsgInfoPtr> out;
     dm.GetEvents(out);
     dm.Dispatcher().Receive(Frame({0x03, 0x00, 0x03}, 2, 1000));
@@ -253,6 +254,7 @@ TEST_F(DataManagerTest, LateAskEventWithAnEarlierStartLeavesFirst)
 
 TEST_F(DataManagerTest, PatternsAreNamedAndAnUnnamedByteKeepsItsHex)
 {
+    FskReadersPassed();
     dm.AskFilter().SetPhase(5);
     dm.FskFilter().Emit(Pattern(0xFF));
     dm.FskFilter().Emit(Pattern(0x55));
@@ -273,6 +275,7 @@ TEST_F(DataManagerTest, PatternsAreNamedAndAnUnnamedByteKeepsItsHex)
 
 TEST_F(DataManagerTest, NakIsShownInNegotiationOnly)
 {
+    FskReadersPassed();
     dm.AskFilter().SetPhase(3);
     dm.FskFilter().Emit(Pattern(0x00));
     auto events = Drain();

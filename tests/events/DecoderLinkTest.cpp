@@ -1,6 +1,7 @@
 #include "common/Clock.h"
 #include "events/DecoderLink.h"
 #include "services/SettingParams.h"
+#include "sim/FskSynth.h"
 
 #include <gtest/gtest.h>
 
@@ -108,4 +109,63 @@ TEST_F(DecoderLinkTest, PingsPassOnlyWhileTheLinkIsIdle)
     EXPECT_TRUE(link.LinkIdle());
     link.SetLastAskTime(123);
     EXPECT_FALSE(link.LinkIdle());
+}
+
+TEST_F(DecoderLinkTest, TheSecondFskReaderReadsTheWordsItIsHandedAndHearsTheChainsProgress)
+{
+    EXPECT_TRUE(link.ReadsFskWire());  // on by default
+    manager.SetSecondFskReader(false);
+    EXPECT_FALSE(link.ReadsFskWire());
+    manager.SetSecondFskReader(true);
+    // An ACK at 128 kHz on a quiet carrier, handed over in two parts.
+    qisim::FskWaveParams p;
+    qisim::FskWaveWriter w(p, 3);
+    w.Carrier(100);
+    w.Pattern(0xFF);
+    w.Carrier(100);
+    std::vector<uint16_t> words = w.Words();
+    std::vector<int64_t> ticks(words.size());
+    int64_t at = 0;
+    for (size_t i = 0; i < words.size(); ++i)
+        ticks[i] = at += words[i];
+    const size_t half = words.size() / 2;
+    link.ReadFskWire(words.data(), ticks.data(), half);
+    link.ReadFskWire(words.data() + half, ticks.data() + half, words.size() - half);
+    link.FskChainPassed(static_cast<uint64_t>(at / 60));
+    manager.AskFilter().SetPhase(3);
+    std::vector<MsgInfoPtr> out, later;
+    manager.GetEvents(out);
+    clock.Advance(1001);
+    manager.GetEvents(later);
+    ASSERT_EQ(later.size(), 1u);
+    EXPECT_EQ(later[0]->str.toStdString(), "Pattern: ACK");
+    EXPECT_EQ(later[0]->packet.reading, "recovered");
+    // The record holds the words of the pattern: eight bits of 32 words.
+    ASSERT_TRUE(later[0]->capture);
+    EXPECT_GE(later[0]->capture->samples.size(), 256u);
+    EXPECT_LE(later[0]->capture->samples.size(), 258u);
+}
+
+TEST_F(DecoderLinkTest, TheSecondFskReaderLooksForTheCarrierInTheBandItIsGiven)
+{
+    // The same ACK at 128 kHz, with a band of 140 to 210 kHz: no carrier.
+    manager.SetFskBand(140000, 210000);
+    qisim::FskWaveParams p;
+    qisim::FskWaveWriter w(p, 3);
+    w.Carrier(100);
+    w.Pattern(0xFF);
+    w.Carrier(100);
+    std::vector<uint16_t> words = w.Words();
+    std::vector<int64_t> ticks(words.size());
+    int64_t at = 0;
+    for (size_t i = 0; i < words.size(); ++i)
+        ticks[i] = at += words[i];
+    link.ReadFskWire(words.data(), ticks.data(), words.size());
+    link.FskChainPassed(static_cast<uint64_t>(at / 60));
+    std::vector<MsgInfoPtr> out, later;
+    manager.GetEvents(out);
+    clock.Advance(1001);
+    manager.GetEvents(later);
+    EXPECT_TRUE(later.empty());
+    EXPECT_EQ(manager.FskMerges().recovered, 0);
 }

@@ -143,7 +143,7 @@ TEST_F(AppConfigTest, FormGroupsAndRowsInOrder)
     const QString save = QString::fromStdString(SettingParams::Instance().savePath);
     EXPECT_EQ(t.Rows(0), (QStringList{"Signal Reverse=false", "Catpure Data=false", "Trigger Samples=2200",
                                       "DAC Value=1700", "Second Reader=true"}));
-    EXPECT_EQ(t.Rows(1).value(0), "Catpure Data=false");
+    EXPECT_EQ(t.Rows(1), (QStringList{"Catpure Data=false", "Second Reader=true"}));
     EXPECT_EQ(t.Rows(2), (QStringList{"Min Frequency=110000", "Max Frequency=210000"}));
     EXPECT_EQ(t.Rows(3), (QStringList{"DataSavePath=" + save}));
     EXPECT_EQ(t.Rows(4), (QStringList{"WindowLimitTime(minute)=15", "Default Polarity=false"}));
@@ -175,6 +175,7 @@ TEST_F(AppConfigTest, SavingWritesEveryRowIntoTheFile)
     Toggle("ASK", "Catpure Data");
     Toggle("FSK", "Catpure Data");
     Toggle("ASK", "Second Reader");
+    Toggle("FSK", "Second Reader");
     Toggle("Common", "Default Polarity");
     TypeText("SavePath", "DataSavePath", path);
     Save();
@@ -195,6 +196,7 @@ TEST_F(AppConfigTest, SavingWritesEveryRowIntoTheFile)
     EXPECT_EQ(f["m_ask_capture_data"].asInt(), 1);
     EXPECT_EQ(f["m_fsk_capture_data"].asInt(), 1);
     EXPECT_EQ(f["m_ask_second_reader"].asInt(), 0);
+    EXPECT_EQ(f["m_fsk_second_reader"].asInt(), 0);
     EXPECT_TRUE(f["m_Polarity"].isBool());
     EXPECT_TRUE(f["m_Polarity"].asBool());
     // The path goes to the file as UTF-8 (the styled writer escapes what
@@ -203,6 +205,7 @@ TEST_F(AppConfigTest, SavingWritesEveryRowIntoTheFile)
     AppSettings::ReloadForTest();
     EXPECT_EQ(SettingParams::Instance().savePath, path.toUtf8().toStdString());
     EXPECT_EQ(SettingParams::Instance().m_ask_second_reader, 0);
+    EXPECT_EQ(SettingParams::Instance().m_fsk_second_reader, 0);
 }
 
 TEST_F(AppConfigTest, EqualMinAndMaxFrequencyAreRefused)

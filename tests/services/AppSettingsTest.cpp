@@ -40,6 +40,7 @@ struct Values {
     int askCapture = 0;
     int askReverse = 0;
     int askSecondReader = 1;
+    int fskSecondReader = 1;
     int askTrigger = 2200;
     int autoScope = 0;
     int dacLocked = 0;
@@ -69,6 +70,7 @@ std::string Styled(const Values& v)
            "   \"m_dac_manual\" : " + std::to_string(v.dacManual) + ",\n"
            "   \"m_dac_value\" : " + std::to_string(v.dacValue) + ",\n"
            "   \"m_fsk_capture_data\" : " + std::to_string(v.fskCapture) + ",\n"
+           "   \"m_fsk_second_reader\" : " + std::to_string(v.fskSecondReader) + ",\n"
            "   \"m_max_freq\" : " + std::to_string(v.maxFreq) + ",\n"
            "   \"m_min_freq\" : " + std::to_string(v.minFreq) + ",\n"
            "   \"m_skip_version\" : " + std::to_string(v.skipVersion) + ",\n"
@@ -760,4 +762,25 @@ TEST_F(AppSettingsFile, SecondAskReaderTurnedOffStaysOffAndIsWrittenBack)
     SettingParams again;
     ASSERT_TRUE(AppSettings::Parse(text.c_str(), again));
     EXPECT_EQ(again.m_ask_second_reader, 0);
+}
+
+// ------------------------------------------------------ m_fsk_second_reader
+
+TEST_F(AppSettingsFile, SecondFskReaderIsOnWhenTheFileDoesNotSay)
+{
+    auto settings = LoadText("{ \"params_ver\" : 20190713, \"m_ask_second_reader\" : 0 }");
+    EXPECT_EQ(m_record.m_fsk_second_reader, 1);
+    EXPECT_EQ(m_record.m_ask_second_reader, 0);
+}
+
+TEST_F(AppSettingsFile, SecondFskReaderTurnedOffStaysOffAndIsWrittenBack)
+{
+    auto settings = LoadText("{ \"params_ver\" : 20190713, \"m_fsk_second_reader\" : 0 }");
+    EXPECT_EQ(m_record.m_fsk_second_reader, 0);
+    EXPECT_EQ(m_record.m_ask_second_reader, 1);
+    const std::string text = AppSettings::Serialize(m_record);
+    EXPECT_NE(text.find("\"m_fsk_second_reader\" : 0"), std::string::npos) << text;
+    SettingParams again;
+    ASSERT_TRUE(AppSettings::Parse(text.c_str(), again));
+    EXPECT_EQ(again.m_fsk_second_reader, 0);
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <numeric>
 #include <stdexcept>
@@ -361,4 +362,53 @@ TEST(FskStreamFrames, FramesCoverFiveMillisecondsAndGiveTheWordsBack) {
     EXPECT_EQ(joined, words);
     EXPECT_EQ(end, w.Ticks());
     EXPECT_EQ(frames.size(), (w.Ticks() + 299999) / 300000);
+}
+
+TEST(FskWaveWriter, AGridOffsetMixesTheTwoPeriodsInTheWordsThatHoldAChange)
+{
+    FskWaveParams p;
+    p.carrierHz = 120000;  // 8000 ticks a word
+    p.depthTicks = 64;
+    p.polarity = 1;
+    p.cyclesPerBit = 128;
+    p.gridOffsetCycles = 4;
+    FskWaveWriter w(p, 1);
+    w.Carrier(3);
+    EXPECT_EQ(w.Pattern(0x00), 3u);
+    const auto& words = w.Words();
+    // Eight bits of 128 cycles after 4 cycles of carrier, up to the end of the
+    // word: 1040 cycles, 65 words.
+    ASSERT_EQ(words.size(), 3u + 65u);
+    // The first bit is modulated from cycle 4 to 132: 12 of the first word's
+    // cycles, all of the next seven, 4 of the ninth.
+    EXPECT_EQ(words[3], 8000 + 48);
+    for (size_t k = 4; k < 11; ++k)
+        EXPECT_EQ(words[k], 8064) << k;
+    EXPECT_EQ(words[11], 8000 + 16);
+    // The second bit is unmodulated; the third modulated again from cycle 260.
+    EXPECT_EQ(words[12], 8000);
+    EXPECT_EQ(words[19], 8000 + 48);
+    EXPECT_EQ(words.back(), 8000);
+    EXPECT_EQ(std::accumulate(words.begin() + 3, words.end(), uint64_t{0}), 65u * 8000 + 4u * 128 * 64 / 16);
+}
+
+TEST(FskWaveWriter, ARandomGridOffsetDiffersFromPacketToPacketAndIsRejectedOutOfRange)
+{
+    FskWaveParams p;
+    p.carrierHz = 120000;
+    p.depthTicks = 64;
+    p.cyclesPerBit = 512;
+    p.randomGridOffset = true;
+    FskWaveWriter w(p, 5);
+    std::vector<uint16_t> firsts;
+    for (int k = 0; k < 12; ++k) {
+        w.Carrier(10);
+        firsts.push_back(w.Words()[w.Pattern(0xFF)]);
+    }
+    std::sort(firsts.begin(), firsts.end());
+    EXPECT_GT(std::unique(firsts.begin(), firsts.end()) - firsts.begin(), 3);
+    p.randomGridOffset = false;
+    p.gridOffsetCycles = 16;
+    EXPECT_THROW(FskWaveWriter(p, 1), std::invalid_argument);
+    EXPECT_DOUBLE_EQ(FskDepthTicks(265.5), 254.88);
 }

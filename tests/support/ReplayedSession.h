@@ -23,12 +23,18 @@ inline void UseViewSettings(const std::string& folder)
     s.eventPath = s.logPath = folder + "/";
 }
 
+// The emulator's built-in session, or the session of a script's text.
 inline void ReplaySessionIntoSamples(double seconds, uint32_t seed,
-                                     const std::function<void(RealTimeSample&)>& refresh)
+                                     const std::function<void(RealTimeSample&)>& refresh,
+                                     const char* scriptText = nullptr)
 {
     coilsim::SynthOptions o;
     o.seed = seed;
-    coilsim::StreamSynth synth(coilsim::SessionScript::Default(seed), o);
+    coilsim::SessionScript script = coilsim::SessionScript::Default(seed);
+    std::string error;
+    if (scriptText)
+        coilsim::SessionScript::Parse(scriptText, script, error);
+    coilsim::StreamSynth synth(std::move(script), o);
     std::vector<uint8_t> ask, fsk, a, f;
     while (synth.StreamUs() < static_cast<uint64_t>(seconds * 1e6)) {
         synth.NextFrames(a, f);

@@ -2,7 +2,11 @@
 // script played through the chains for 28 s, one refresh per 30 ms) and saves
 // the window as a PNG: the picture a user sees in the middle of power
 // transfer. Run it under a real X server to look at it:
-//   xvfb-run -a -s "-screen 0 1600x900x24" build/tests/dock_shot dock.png [--recovered]
+//   xvfb-run -a -s "-screen 0 1600x900x24" build/tests/dock_shot dock.png [--recovered | --fsk-recovered]
+// (--fsk-recovered plays a negotiation whose transmitter also answers NAK and
+// ND, and selects the first transmitter packet the second FSK reader had a
+// say in.)
+#include "NegotiationScript.h"
 #include "ReplayedSession.h"
 #include "events/ui/QEventWindow.h"
 #include "services/SettingParams.h"
@@ -27,19 +31,24 @@ int main(int argc, char** argv)
     dock.resize(1500, 850);
     dock.show();
     dock.StartMark();
-    ReplaySessionIntoSamples(28.0, 9, [&](RealTimeSample& sample) {
-        dock.PushSample(sample);
-        dock.Redraw();
-        app.processEvents();
-    });
+    const QString mode = argc > 2 ? QString::fromLocal8Bit(argv[2]) : QString();
+    const bool fsk = mode == QStringLiteral("--fsk-recovered");
+    ReplaySessionIntoSamples(
+        fsk ? 4.0 : 28.0, 9,
+        [&](RealTimeSample& sample) {
+            dock.PushSample(sample);
+            dock.Redraw();
+            app.processEvents();
+        },
+        fsk ? kNegotiationScript : nullptr);
     // A packet selected, as a click would select it: with --recovered, the
     // first one that the second ASK reader recovered or corrected.
     QStandardItem* root = dock.EventWindow()->Model().Root();
-    const bool recovered = argc > 2 && QString::fromLocal8Bit(argv[2]) == QStringLiteral("--recovered");
+    const bool recovered = mode == QStringLiteral("--recovered") || fsk;
     std::function<QStandardItemEx*(QStandardItem*)> findRecovered = [&](QStandardItem* parent) -> QStandardItemEx* {
         for (int r = 0; r < parent->rowCount(); ++r) {
             auto* item = static_cast<QStandardItemEx*>(parent->child(r));
-            if (item->mode == kItemEvent && !item->info.packet.reading.empty())
+            if (item->mode == kItemEvent && !item->info.packet.reading.empty() && (!fsk || item->info.direction == 1))
                 return item;
             if (QStandardItemEx* found = findRecovered(item))
                 return found;

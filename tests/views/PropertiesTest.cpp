@@ -135,3 +135,16 @@ TEST(Properties, APacketTheSecondReaderHadASayInShowsItsMarkAndTheOtherReading)
               (QStringList{"Data Packet Error=", "NumBytesInPacket=3", "PacketData=03 03 00 ", "PacketStatus=NoError",
                            "PreambleCount=11", "Reading=corrected", "List Decoder Reading=03 13 10 "}));
 }
+
+TEST(Properties, ATransmitterPacketCorrectedByTheSecondFskReaderShowsTheFrameDecodersReading)
+{
+    Properties p;
+    MsgInfo corrected = Full();
+    corrected.direction = 1;
+    corrected.packet.reading = "corrected";
+    corrected.packet.otherReading = "03 13 10 ";
+    p.Fill(corrected, kItemEvent);
+    EXPECT_EQ(p.Tree()->Rows(1),
+              (QStringList{"Data Packet Error=", "NumBytesInPacket=3", "PacketData=03 03 00 ", "PacketStatus=NoError",
+                           "PreambleCount=11", "Reading=corrected", "Frame Decoder Reading=03 13 10 "}));
+}
