@@ -5,7 +5,7 @@
 // 2 kHz, all samples of it at 40 kHz). Prints the median and the 90th
 // percentile of the panel's part of the refresh cycle (the copy handed to the
 // chart) and of the chart's paint tick that follows (the series takes the
-// points, lays out the spline and paints; at most every 200 ms), over 200
+// points, lays out the spline and paints; at most every 300 ms), over 200
 // refreshes on the offscreen platform.
 #include "services/SettingParams.h"
 #include "views/QwtChart.h"

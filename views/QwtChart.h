@@ -80,7 +80,7 @@ public:
     // hands over the series every 30 ms, which no eye follows on a 20 s chart,
     // and laying out and painting 700-point splines at that pace was a large
     // part of the interface thread's work.
-    static constexpr int kPaintIntervalMs = 200;
+    static constexpr int kPaintIntervalMs = 300;
 
 private:
     void ApplyKind();

@@ -50,8 +50,10 @@ public:
     // batches that follow within this many milliseconds are painted,
     // expanded and followed together at its end. Laying the tree out and
     // painting it at every 30 ms refresh was the interface thread's largest
-    // cost during a live capture.
-    static constexpr int kTreeCatchUpMs = 250;
+    // cost during a live capture. Events reach the window a second after
+    // they were heard, so twice a second keeps the tree as current as the
+    // user can follow it.
+    static constexpr int kTreeCatchUpMs = 500;
     // True while the shown tree has batches it has not caught up with.
     bool TreeBehind() const { return m_treeBehind; }
     // Catches up at once: before the tree is grabbed as a picture, which
