@@ -403,7 +403,7 @@ const char* SessionScript::FormatHelp() {
            "  fsk HH HH ...        a transmitter packet on the FSK stream, likewise;\n"
            "                       it switches the carrier on if it was off\n"
            "  pattern HH           a transmitter response pattern of one byte\n"
-           "                       (FF is ACK, 00 NAK, 88 MPP)\n"
+           "                       (FF is ACK, 00 NAK, 55 ND, 88 MPP)\n"
            "  ping MS [HZ]         carrier for MS milliseconds (at HZ, else at the\n"
            "                       present frequency), then no carrier\n"
            "  carrier HZ MS        carrier at HZ hertz for MS milliseconds; it stays on\n"
