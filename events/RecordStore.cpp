@@ -301,6 +301,10 @@ bool RecordStore::Create(const std::string& path)
     Close();
     std::lock_guard<std::mutex> lock(m_mutex);
     m_path = path;
+    // A file of the same name is unlinked rather than cut: a reader that has
+    // it open (a session being played again into a file of the same second)
+    // keeps its records.
+    ::unlink(path.c_str());
     m_fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (m_fd < 0) {
         Fail("cannot create", errno);
