@@ -1,10 +1,17 @@
 #include "events/EventLogModel.h"
 #include "events/SessionFile.h"
+#include "services/Log.h"
 #include "services/SettingParams.h"
 
 #include <gtest/gtest.h>
 
 #include <QTemporaryDir>
+
+#include <csignal>
+#include <fstream>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -597,4 +604,68 @@ TEST_F(EventLogModelTest, OpenedSessionWithoutRecordFilePlaysAsBefore)
         EXPECT_FALSE(e->capture);
     EXPECT_EQ(m.Records()->Count(), 0u);
     EXPECT_EQ(m.Root()->info.eventG.eventCount, 5);
+}
+
+// The record file meets the largest size a process may write, as a full disk
+// would refuse it: in a child process, so that the limit stays there. The
+// .sid (smaller) goes on, the records stored before load back, the later ones
+// show no wave, and the application log says it once.
+TEST_F(EventLogModelTest, RecordFileThatCannotGrowLeavesLaterEventsWithoutWave)
+{
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        auto told = [] {
+            const std::string logPath = Log::Instance().FilePath();
+            std::ifstream in(logPath, std::ios::binary);
+            const std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+            const std::string line = "Capture records are no longer stored";
+            int n = 0;
+            for (size_t at = all.find(line); at != std::string::npos; at = all.find(line, at + 1))
+                ++n;
+            return n;
+        };
+        const int toldBefore = told();
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{};
+        limit.rlim_cur = limit.rlim_max = 400 * 1024;
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+            _exit(10);
+        EventLogModel m;
+        m.SetLiveRecords(2);
+        m.StartAcquisition();
+        std::vector<TriggerData> live;
+        for (uint32_t i = 0; i < 100; ++i) {
+            auto events = CapturedEvents(1 + i, 1, live);
+            // About 80 kB a record: the record file fills after a few.
+            events[0]->capture->samples.resize(10000, 7);
+            events[0]->capture->rawSamples.resize(10000, 9);
+            live.back() = *events[0]->capture;
+            m.AddEvents(events);
+        }
+        const size_t stored = m.Records()->Count();
+        if (!m.Records()->Failed() || stored == 0 || stored >= 100)
+            _exit(11);
+        for (uint32_t i = 0; i < 100; ++i) {
+            QStandardItemEx* item = FindItem(m, 2 + i);
+            if (!item)
+                _exit(12);
+            const TriggerDataPtr r = m.Select(item).capture;
+            // The two newest are still live, in memory, stored or not.
+            if ((r != nullptr) != (i < stored || i >= 98))
+                _exit(13);
+            if (r && (r->samples != live[i].samples || r->rawSamples != live[i].rawSamples))
+                _exit(14);
+        }
+        std::vector<MsgInfoPtr> back;
+        if (!ReadSessionFile(m.SidPath(), back) || back.size() != 100)
+            _exit(15);
+        if (told() != toldBefore + 1)
+            _exit(16);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
