@@ -34,6 +34,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -339,6 +340,28 @@ void TreeOfSession(const std::string& askFile, const std::string& fskFile, const
     model.StopAcquisition();
     const uint64_t recordBytes = model.Records() ? model.Records()->Size() : 0;
     const size_t recordsStored = model.Records() ? model.Records()->Count() : 0;
+    // What a click on an old event costs: its record read back and decoded,
+    // spread over the whole file (the file is in the page cache, as it is
+    // for a session written in this run).
+    double loadMean = 0, loadMax = 0;
+    size_t loads = 0;
+    if (model.Records() && recordsStored) {
+        const size_t last = static_cast<size_t>(events);
+        for (size_t n = 1; n <= last; n += std::max<size_t>(1, last / 2000)) {
+            if (!model.Records()->Has(n))
+                continue;
+            const auto t = Clock::now();
+            const TriggerDataPtr r = model.Records()->Load(n);
+            const double us = Since(t) * 1e6;
+            if (!r)
+                continue;
+            loadMean += us;
+            loadMax = std::max(loadMax, us);
+            loads += 1;
+        }
+        if (loads)
+            loadMean /= static_cast<double>(loads);
+    }
     model.CloseStreams();
     const size_t after = HeapInUse();
 
@@ -353,6 +376,8 @@ void TreeOfSession(const std::string& askFile, const std::string& fskFile, const
     std::printf("    its record file beside the .sid holds %zu capture records in %.1f MB (%.0f bytes a record)\n",
                 recordsStored, static_cast<double>(recordBytes) * mb,
                 recordsStored ? static_cast<double>(recordBytes) / static_cast<double>(recordsStored) : 0.0);
+    std::printf("    loading a record back: %.0f us on average, %.0f us at most, over %zu records\n", loadMean,
+                loadMax, loads);
 }
 
 int Usage()
