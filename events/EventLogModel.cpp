@@ -42,6 +42,21 @@ QString Q(const std::string& s)
     return QString::fromUtf8(s.data(), static_cast<int>(s.size()));
 }
 
+// What tells an event's record from another's when a .sid is read back: the
+// fields the .sid keeps exactly (type, texts, frame bytes, time stamps). A
+// record file whose records no longer line up with its .sid (a record of
+// the .sid lost) then gives the events no wave rather than another's.
+uint32_t EventTag(const MsgInfo& e)
+{
+    std::string key = std::to_string(e.type);
+    for (const std::string* part : {&e.common.logData, &e.packet.PacketData, &e.timing.startTimeStamp,
+                                    &e.timing.endTimeStamp}) {
+        key += '\0';
+        key += *part;
+    }
+    return RecordStore::Checksum(key.data(), key.size());
+}
+
 int32_t WindowTime()
 {
     return SettingParams::Instance().m_window_time;
@@ -138,7 +153,7 @@ void EventLogModel::StoreRecord(const MsgInfoPtr& e)
     // A record that cannot be stored (the store logs why, once) is dropped
     // all the same when its event leaves the live views: it shows no wave
     // rather than keep memory growing.
-    m_records->Append(m_recordNumber, *e->capture);
+    m_records->Append(m_recordNumber, *e->capture, EventTag(*e));
     m_pendingNumber = m_recordNumber;
 }
 
@@ -463,8 +478,12 @@ void EventLogModel::AddEvents(const std::vector<MsgInfoPtr>& events)
         if (!e)
             continue;
         // An opened session's events get their records from its record file.
-        if (m_source && !e->capture && e->id > 0)
-            e->capture = m_source->Load(static_cast<uint64_t>(e->id));
+        if (m_source && !e->capture && e->id > 0) {
+            uint32_t tag = 0;
+            TriggerDataPtr record = m_source->Load(static_cast<uint64_t>(e->id), &tag);
+            if (record && tag == EventTag(*e))
+                e->capture = std::move(record);
+        }
         WriteSessionRecord(m_sid, *e);
         StoreRecord(e);
         const int32_t number = m_nextNumber++;

@@ -192,12 +192,13 @@ uint64_t WalkFrames(uint64_t size, const ReadAt& read,
         if (!read(at, head, sizeof head) || Get32(head) != kFrameMark)
             break;
         const uint64_t number = Get64(head + 4);
-        const uint32_t length = Get32(head + 12);
-        const uint32_t crc = Get32(head + 16);
+        const uint32_t tag = Get32(head + 12);
+        const uint32_t length = Get32(head + 16);
+        const uint32_t crc = Get32(head + 20);
         const uint64_t payload = at + RecordStore::kFrameHeaderSize;
         if (size - payload < length)
             break;
-        uint32_t check = Crc32(0, head + 4, 12);
+        uint32_t check = Crc32(0, head + 4, 16);
         bool readable = true;
         for (uint64_t done = 0; done < length;) {
             const size_t n = static_cast<size_t>(std::min<uint64_t>(chunk.size(), length - done));
@@ -214,6 +215,7 @@ uint64_t WalkFrames(uint64_t size, const ReadAt& read,
         e.offset = payload;
         e.length = length;
         e.crc = crc;
+        e.tag = tag;
         found(number, e);
         at = payload + length;
     }
@@ -442,7 +444,12 @@ bool RecordStore::Scan(const uint8_t* bytes, size_t size, std::vector<std::pair<
     return true;
 }
 
-bool RecordStore::Append(uint64_t number, const TriggerData& record)
+uint32_t RecordStore::Checksum(const void* bytes, size_t n, uint32_t crc)
+{
+    return Crc32(crc, static_cast<const uint8_t*>(bytes), n);
+}
+
+bool RecordStore::Append(uint64_t number, const TriggerData& record, uint32_t tag)
 {
     std::vector<uint8_t> payload = Encode(record);
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -458,8 +465,9 @@ bool RecordStore::Append(uint64_t number, const TriggerData& record)
     frame.reserve(kFrameHeaderSize + payload.size());
     Put32(frame, kFrameMark);
     Put64(frame, number);
+    Put32(frame, tag);
     Put32(frame, length);
-    const uint32_t crc = Crc32(Crc32(0, frame.data() + 4, 12), payload.data(), payload.size());
+    const uint32_t crc = Crc32(Crc32(0, frame.data() + 4, 16), payload.data(), payload.size());
     Put32(frame, crc);
     frame.insert(frame.end(), payload.begin(), payload.end());
     int error = 0;
@@ -475,12 +483,13 @@ bool RecordStore::Append(uint64_t number, const TriggerData& record)
     e.offset = m_end + kFrameHeaderSize;
     e.length = length;
     e.crc = crc;
+    e.tag = tag;
     m_index[number] = e;
     m_end += frame.size();
     return true;
 }
 
-TriggerDataPtr RecordStore::Load(uint64_t number) const
+TriggerDataPtr RecordStore::Load(uint64_t number, uint32_t* tag) const
 {
     Entry e;
     int fd;
@@ -496,16 +505,20 @@ TriggerDataPtr RecordStore::Load(uint64_t number) const
         std::vector<uint8_t> payload(e.length);
         if (!ReadAll(fd, payload.data(), payload.size(), e.offset))
             return nullptr;
-        uint8_t head[12];
+        uint8_t head[16];
         for (int i = 0; i < 8; ++i)
             head[i] = static_cast<uint8_t>(number >> (8 * i));
-        for (int i = 0; i < 4; ++i)
-            head[8 + i] = static_cast<uint8_t>(e.length >> (8 * i));
-        if (Crc32(Crc32(0, head, 12), payload.data(), payload.size()) != e.crc)
+        for (int i = 0; i < 4; ++i) {
+            head[8 + i] = static_cast<uint8_t>(e.tag >> (8 * i));
+            head[12 + i] = static_cast<uint8_t>(e.length >> (8 * i));
+        }
+        if (Crc32(Crc32(0, head, 16), payload.data(), payload.size()) != e.crc)
             return nullptr;
         auto record = std::make_shared<TriggerData>();
         if (!Decode(payload.data(), payload.size(), *record))
             return nullptr;
+        if (tag)
+            *tag = e.tag;
         return record;
     }
 }

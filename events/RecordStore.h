@@ -7,8 +7,9 @@
 //   frames   one per record:
 //              4 bytes frame mark 0x46525343 ("CSRF")
 //              8 bytes record number
+//              4 bytes tag of the event the record belongs to
 //              4 bytes payload length
-//              4 bytes CRC-32 of the number, the length and the payload
+//              4 bytes CRC-32 of the number, the tag, the length and the payload
 //              payload (see RecordStore.cpp)
 //
 // The record number is the record's place in the .sid (1 for its first
@@ -48,12 +49,13 @@ public:
     void Close();
 
     // Stores one record under its number (a later record of the same number
-    // replaces the earlier one in the index). False if the store is closed,
-    // read only, has failed before, or the write fails now.
-    bool Append(uint64_t number, const TriggerData& record);
-    // The record stored under the number, or null if there is none or its
-    // bytes no longer check.
-    TriggerDataPtr Load(uint64_t number) const;
+    // replaces the earlier one in the index), with a tag that tells which
+    // event it belongs to. False if the store is closed, read only, has
+    // failed before, or the write fails now.
+    bool Append(uint64_t number, const TriggerData& record, uint32_t tag = 0);
+    // The record stored under the number (and its tag), or null if there is
+    // none or its bytes no longer check.
+    TriggerDataPtr Load(uint64_t number, uint32_t* tag = nullptr) const;
     bool Has(uint64_t number) const;
 
     size_t Count() const;
@@ -77,12 +79,16 @@ public:
         uint64_t offset = 0;  // of the payload
         uint32_t length = 0;
         uint32_t crc = 0;
+        uint32_t tag = 0;
     };
     static bool Scan(const uint8_t* bytes, size_t size, std::vector<std::pair<uint64_t, Entry>>& frames,
                      uint64_t* validEnd = nullptr);
 
     static constexpr size_t kHeaderSize = 16;
-    static constexpr size_t kFrameHeaderSize = 20;
+    static constexpr size_t kFrameHeaderSize = 24;
+
+    // CRC-32 (the polynomial of zip and PNG), continued from crc.
+    static uint32_t Checksum(const void* bytes, size_t n, uint32_t crc = 0);
 
 private:
     void Fail(const char* what, int error);

@@ -432,6 +432,7 @@ std::vector<MsgInfoPtr> CapturedEvents(uint32_t first, uint32_t count, std::vect
         MsgInfoPtr e = i % 3 == 0 ? Event(3, 2, "ControlError 1.0", 1.0f, 128000) : Event(4, 2, "ReceivedPower 10%");
         e->capture = Capture(i);
         e->timing.startTime = e->capture->startTime;
+        e->timing.startTimeStamp = "00:00:00." + std::to_string(100000 + i);
         live.push_back(*e->capture);
         events.push_back(e);
     }
@@ -668,4 +669,54 @@ TEST_F(EventLogModelTest, RecordFileThatCannotGrowLeavesLaterEventsWithoutWave)
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// A .sid that lost a record in its middle no longer lines up with its record
+// file: the events after the gap get no wave rather than their neighbours'.
+TEST_F(EventLogModelTest, OpenedSessionThatLostARecordGivesNoWrongWaves)
+{
+    std::vector<TriggerData> live;
+    std::string sid;
+    {
+        EventLogModel m;
+        m.StartAcquisition();
+        m.AddEvents(CapturedEvents(1, 12, live));
+        sid = m.SidPath();
+    }
+    std::string bytes;
+    {
+        std::ifstream in(sid, std::ios::binary);
+        bytes.assign((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    }
+    // Cut the sixth record out.
+    size_t from = 0;
+    for (int k = 0; k < 5; ++k)
+        from = bytes.find('\0', from) + 1;
+    const size_t to = bytes.find('\0', from) + 1;
+    bytes.erase(from, to - from);
+    const std::string damaged = dir.path().toStdString() + "/damaged.sid";
+    {
+        std::ofstream out(damaged, std::ios::binary);
+        out << bytes;
+    }
+    std::ifstream rec(RecordStore::PathBeside(sid), std::ios::binary);
+    std::ofstream(RecordStore::PathBeside(damaged), std::ios::binary) << rec.rdbuf();
+
+    std::vector<MsgInfoPtr> loaded;
+    ASSERT_TRUE(ReadSessionFile(damaged, loaded));
+    ASSERT_EQ(loaded.size(), 11u);
+    EventLogModel m;
+    m.SetRecordSource(damaged);
+    ASSERT_TRUE(m.HasRecordSource());
+    m.StartAcquisition();
+    m.AddEvents(loaded);
+    for (size_t i = 0; i < 11; ++i) {
+        SCOPED_TRACE(i);
+        if (i < 5) {
+            ASSERT_TRUE(loaded[i]->capture);
+            ExpectSameRecord(live[i], *loaded[i]->capture);
+        } else {
+            EXPECT_FALSE(loaded[i]->capture);
+        }
+    }
 }

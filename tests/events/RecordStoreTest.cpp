@@ -477,3 +477,26 @@ TEST(RecordStore, DecodeRefusesInconsistentPayloads)
     longer.push_back(0);
     EXPECT_FALSE(RecordStore::Decode(longer.data(), longer.size(), back));
 }
+
+TEST(RecordStore, TagsComeBackWithTheirRecords)
+{
+    QTemporaryDir dir;
+    const std::string path = Dir(dir) + "/s.rec";
+    {
+        RecordStore store;
+        ASSERT_TRUE(store.Create(path));
+        ASSERT_TRUE(store.Append(1, Burst(1, 10, 2), 0xDEADBEEFu));
+        ASSERT_TRUE(store.Append(2, Burst(2, 10, 2)));
+        uint32_t tag = 0;
+        ASSERT_TRUE(store.Load(1, &tag));
+        EXPECT_EQ(tag, 0xDEADBEEFu);
+    }
+    RecordStore again;
+    ASSERT_TRUE(again.Open(path));
+    uint32_t tag = 1;
+    ASSERT_TRUE(again.Load(2, &tag));
+    EXPECT_EQ(tag, 0u);
+    ASSERT_TRUE(again.Load(1, &tag));
+    EXPECT_EQ(tag, 0xDEADBEEFu);
+    EXPECT_EQ(RecordStore::Checksum("123456789", 9), 0xCBF43926u);  // the CRC-32 check value
+}
