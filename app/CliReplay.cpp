@@ -134,6 +134,9 @@ int RunReplay(int argc, char** argv)
         const std::string folder = AppSettings::Instance().MakeSessionFolders();
         std::fprintf(stderr, "replayed session saved in %s\n", folder.c_str());
         printer.Before();
+        // The capture records beside the .sid, if any, go with the events
+        // into the replayed session's own record file.
+        model.SetRecordSource(files[0]);
         model.StartAcquisition();
         model.AddEvents(events);
         model.StopAcquisition();

@@ -9,7 +9,9 @@
 //       the emulator at the given speed; the capture's resident size when the
 //       stream has run the given minutes, with the capture's own account of
 //       what its session holds (`capture --stats`, asked by SIGUSR1): the
-//       tree's items, the capture records they keep, the heap in use. Then
+//       tree's items, the capture records they keep, the heap in use; and
+//       the disk the session's files take (.sid, .log, and the .rec of the
+//       capture records that left memory), per hour of stream. Then
 //       the streams the emulator recorded as they went out are played through
 //       the same chains into a fresh event log model in this process, with
 //       5 ms passes of capture time as at real speed: the tree that the same
@@ -32,6 +34,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -270,6 +273,41 @@ std::string FindSession(const std::string& home)
     return std::string();
 }
 
+// Bytes of the session's files (.sid, .log, the capture records' .rec) in the
+// folder of the session file found under home.
+struct SessionDisk {
+    uint64_t sid = 0, log = 0, rec = 0;
+    uint64_t Total() const { return sid + log + rec; }
+};
+
+SessionDisk DiskOfSession(const std::string& home)
+{
+    SessionDisk d;
+    const std::string sid = FindSession(home);
+    if (sid.empty())
+        return d;
+    std::error_code error;
+    for (const auto& entry :
+         std::filesystem::directory_iterator(std::filesystem::path(sid).parent_path(), error)) {
+        if (!entry.is_regular_file())
+            continue;
+        const std::string ext = entry.path().extension().string();
+        const uint64_t size = entry.file_size(error);
+        if (ext == ".sid")
+            d.sid += size;
+        else if (ext == ".log")
+            d.log += size;
+        else if (ext == ".rec")
+            d.rec += size;
+    }
+    // The .log of the session lies in its own folder when logPath differs.
+    if (d.log == 0)
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(home, error))
+            if (entry.is_regular_file() && entry.path().extension() == ".log")
+                d.log += entry.file_size(error);
+    return d;
+}
+
 size_t HeapInUse()
 {
     return mallinfo2().uordblks;
@@ -300,6 +338,30 @@ void TreeOfSession(const std::string& askFile, const std::string& fskFile, const
         model.AddEvents(batch);
     });
     model.StopAcquisition();
+    const uint64_t recordBytes = model.Records() ? model.Records()->Size() : 0;
+    const size_t recordsStored = model.Records() ? model.Records()->Count() : 0;
+    // What a click on an old event costs: its record read back and decoded,
+    // spread over the whole file (the file is in the page cache, as it is
+    // for a session written in this run).
+    double loadMean = 0, loadMax = 0;
+    size_t loads = 0;
+    if (model.Records() && recordsStored) {
+        const size_t last = static_cast<size_t>(events);
+        for (size_t n = 1; n <= last; n += std::max<size_t>(1, last / 2000)) {
+            if (!model.Records()->Has(n))
+                continue;
+            const auto t = Clock::now();
+            const TriggerDataPtr r = model.Records()->Load(n);
+            const double us = Since(t) * 1e6;
+            if (!r)
+                continue;
+            loadMean += us;
+            loadMax = std::max(loadMax, us);
+            loads += 1;
+        }
+        if (loads)
+            loadMean /= static_cast<double>(loads);
+    }
     model.CloseStreams();
     const size_t after = HeapInUse();
 
@@ -311,6 +373,11 @@ void TreeOfSession(const std::string& askFile, const std::string& fskFile, const
                 events, f.items, f.records, static_cast<double>(after - before) * mb,
                 events ? static_cast<double>(after - before) / static_cast<double>(events) : 0.0,
                 static_cast<double>(f.recordBytes) * mb);
+    std::printf("    its record file beside the .sid holds %zu capture records in %.1f MB (%.0f bytes a record)\n",
+                recordsStored, static_cast<double>(recordBytes) * mb,
+                recordsStored ? static_cast<double>(recordBytes) / static_cast<double>(recordsStored) : 0.0);
+    std::printf("    loading a record back: %.0f us on average, %.0f us at most, over %zu records\n", loadMean,
+                loadMax, loads);
 }
 
 int Usage()
@@ -376,6 +443,11 @@ int main(int argc, char** argv)
             std::printf("at %5.1f min of stream (%6.1f s of wall time): resident %6ld kB, %7ld log lines printed\n", m,
                         Since(rig.firstLine), RssKb(rig.cli), rig.lines.load());
             std::printf("    capture's %s\n", rig.Stats().c_str());
+            const SessionDisk disk = DiskOfSession(rig.home);
+            const double mb = 1.0 / (1024.0 * 1024.0);
+            std::printf("    session files: .sid %.1f MB, .log %.1f MB, .rec %.1f MB; %.1f MB an hour of stream\n",
+                        static_cast<double>(disk.sid) * mb, static_cast<double>(disk.log) * mb,
+                        static_cast<double>(disk.rec) * mb, static_cast<double>(disk.Total()) * mb * 60.0 / m);
             std::fflush(stdout);
         }
         rig.Stop();

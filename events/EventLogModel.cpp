@@ -42,6 +42,21 @@ QString Q(const std::string& s)
     return QString::fromUtf8(s.data(), static_cast<int>(s.size()));
 }
 
+// What tells an event's record from another's when a .sid is read back: the
+// fields the .sid keeps exactly (type, texts, frame bytes, time stamps). A
+// record file whose records no longer line up with its .sid (a record of
+// the .sid lost) then gives the events no wave rather than another's.
+uint32_t EventTag(const MsgInfo& e)
+{
+    std::string key = std::to_string(e.type);
+    for (const std::string* part : {&e.common.logData, &e.packet.PacketData, &e.timing.startTimeStamp,
+                                    &e.timing.endTimeStamp}) {
+        key += '\0';
+        key += *part;
+    }
+    return RecordStore::Checksum(key.data(), key.size());
+}
+
 int32_t WindowTime()
 {
     return SettingParams::Instance().m_window_time;
@@ -99,6 +114,8 @@ EventLogModel::Footprint EventLogModel::TreeFootprint() const
 
 void EventLogModel::CloseStreams()
 {
+    // The record file stays readable for the items that point into it.
+    m_records.reset();
     if (m_sid)
         std::fclose(m_sid);
     if (m_log)
@@ -116,6 +133,105 @@ void EventLogModel::OpenStreams()
     // A stream that does not open stays null: nothing is written, nothing said.
     m_sid = std::fopen(m_sidPath.c_str(), "wb");
     m_log = std::fopen(m_logPath.c_str(), "wb");
+    // The capture records go beside the .sid, numbered by their place in it.
+    m_recordNumber = 0;
+    if (m_sid) {
+        m_records = std::make_shared<RecordStore>();
+        m_records->Create(RecordStore::PathBeside(m_sidPath));
+        m_recordFiles.push_back(m_records);
+    }
+}
+
+void EventLogModel::StoreRecord(const MsgInfoPtr& e)
+{
+    m_pendingNumber = 0;
+    if (!m_sid || !m_records)
+        return;
+    m_recordNumber += 1;
+    if (!e->capture)
+        return;
+    // A record that cannot be stored (the store logs why, once) is dropped
+    // all the same when its event leaves the live views: it shows no wave
+    // rather than keep memory growing.
+    m_records->Append(m_recordNumber, *e->capture, EventTag(*e));
+    m_pendingNumber = m_recordNumber;
+}
+
+void EventLogModel::MarkRecord(QStandardItemEx* item, const MsgInfo& e)
+{
+    if (!m_pendingNumber || !e.capture)
+        return;
+    item->setData(QVariant::fromValue<qulonglong>(m_pendingNumber), kRecordNumberRole);
+    item->setData(static_cast<int>(m_recordFiles.size() - 1), kRecordFileRole);
+}
+
+void EventLogModel::DropRecord(const QPersistentModelIndex& index)
+{
+    if (!index.isValid() || index == m_selected)
+        return;
+    if (auto* item = static_cast<QStandardItemEx*>(m_model.itemFromIndex(index)))
+        item->info.capture.reset();
+}
+
+void EventLogModel::ReleaseOldRecords()
+{
+    while (m_live.size() > m_liveRecords) {
+        Live& old = m_live.front();
+        if (old.event)
+            old.event->capture.reset();
+        DropRecord(old.item);
+        m_live.pop_front();
+    }
+}
+
+TriggerDataPtr EventLogModel::LoadRecord(const QStandardItem* item)
+{
+    if (!item)
+        return nullptr;
+    const QVariant number = item->data(kRecordNumberRole);
+    const QVariant file = item->data(kRecordFileRole);
+    if (!number.isValid() || !file.isValid())
+        return nullptr;
+    const CacheKey key(file.toInt(), number.toULongLong());
+    for (auto it = m_cache.begin(); it != m_cache.end(); ++it) {
+        if (it->first == key) {
+            m_cache.splice(m_cache.begin(), m_cache, it);
+            return m_cache.front().second;
+        }
+    }
+    if (key.first < 0 || static_cast<size_t>(key.first) >= m_recordFiles.size() || !m_recordFiles[key.first])
+        return nullptr;
+    TriggerDataPtr record = m_recordFiles[key.first]->Load(key.second);
+    if (!record)
+        return nullptr;
+    m_cache.emplace_front(key, record);
+    while (m_cache.size() > kCachedRecords)
+        m_cache.pop_back();
+    return record;
+}
+
+MsgInfo& EventLogModel::Select(QStandardItemEx* item)
+{
+    const QPersistentModelIndex index(item->index());
+    if (m_selected.isValid() && m_selected != index) {
+        auto* before = static_cast<QStandardItemEx*>(m_model.itemFromIndex(m_selected));
+        bool live = false;
+        for (const Live& l : m_live)
+            live = live || l.item == m_selected;
+        if (before && !live && before->data(kRecordNumberRole).isValid())
+            before->info.capture.reset();
+    }
+    m_selected = index;
+    if (item->mode == kItemEvent && !item->info.capture)
+        item->info.capture = LoadRecord(item);
+    return item->info;
+}
+
+void EventLogModel::SetRecordSource(const std::string& sidPath)
+{
+    m_source = std::make_unique<RecordStore>();
+    if (!m_source->Open(RecordStore::PathBeside(sidPath)))
+        m_source.reset();
 }
 
 QString EventLogModel::LogText() const
@@ -293,11 +409,11 @@ void EventLogModel::RetitleRoot()
     m_root->setText(m_rootTitle + QStringLiteral(" (%1 events)").arg(static_cast<qlonglong>(m_root->info.eventG.eventCount)));
 }
 
-void EventLogModel::AddToTree(const MsgInfoPtr& e)
+QStandardItemEx* EventLogModel::AddToTree(const MsgInfoPtr& e)
 {
     if (!m_phaseGroup) {
         Log::Printf("Must not Arrive there, state is not ok.");
-        return;
+        return nullptr;
     }
     QStandardItemEx* item = nullptr;
     if (e->type == kTypeDigitalPing || e->type == 3) {
@@ -308,17 +424,20 @@ void EventLogModel::AddToTree(const MsgInfoPtr& e)
             m_phaseGroup->appendRow(m_subGroup);
         }
         item = new QStandardItemEx(e->str, kItemEvent);
+        MarkRecord(item, *e);
         m_subGroup->appendRow(item);
         m_subGroup->events.push_back(e);
         RollUp(item, *e);
         RetitleSubGroup();
-        return;
+        return item;
     }
     const QString prefix = e->direction == 1 ? QStringLiteral("Tx ") : e->direction == 2 ? QStringLiteral("Rx ") : QString();
     item = new QStandardItemEx(prefix + e->str, kItemEvent);
+    MarkRecord(item, *e);
     m_phaseGroup->appendRow(item);
     m_subGroup = nullptr;
     RollUp(item, *e);
+    return item;
 }
 
 void EventLogModel::ViolationItem(const MsgInfo& e)
@@ -350,6 +469,7 @@ void EventLogModel::ContractItem(const MsgInfo& e)
     item->info = e;
     m_root->appendRow(item);
     CloseGroups();
+    // Contract events come without a capture record; nothing to keep here.
 }
 
 void EventLogModel::AddEvents(const std::vector<MsgInfoPtr>& events)
@@ -357,7 +477,15 @@ void EventLogModel::AddEvents(const std::vector<MsgInfoPtr>& events)
     for (const MsgInfoPtr& e : events) {
         if (!e)
             continue;
+        // An opened session's events get their records from its record file.
+        if (m_source && !e->capture && e->id > 0) {
+            uint32_t tag = 0;
+            TriggerDataPtr record = m_source->Load(static_cast<uint64_t>(e->id), &tag);
+            if (record && tag == EventTag(*e))
+                e->capture = std::move(record);
+        }
         WriteSessionRecord(m_sid, *e);
+        StoreRecord(e);
         const int32_t number = m_nextNumber++;
         e->common.eventNumber = number;
         e->id = number;
@@ -375,8 +503,12 @@ void EventLogModel::AddEvents(const std::vector<MsgInfoPtr>& events)
             continue;
         }
         PhaseStep(*e);
-        AddToTree(e);
+        QStandardItemEx* item = AddToTree(e);
         RetitlePhase();
+        if (item && m_pendingNumber && e->capture) {
+            m_live.push_back(Live{QPersistentModelIndex(item->index()), e});
+            ReleaseOldRecords();
+        }
     }
 
     if (m_phaseGroup) {
@@ -433,6 +565,7 @@ void EventLogModel::StartAcquisition(const std::string&)
 
 void EventLogModel::StopAcquisition(const std::string&)
 {
+    m_source.reset();
     if (!m_root)
         return;
     Marker(kItemStop, false);
@@ -441,6 +574,17 @@ void EventLogModel::StopAcquisition(const std::string&)
 
 void EventLogModel::ClearAll()
 {
+    for (Live& l : m_live)
+        if (l.event)
+            l.event->capture.reset();
+    m_live.clear();
+    m_cache.clear();
+    m_selected = QPersistentModelIndex();
+    // No item points into the files of earlier sessions any more; their
+    // slots stay so that the current file keeps its index.
+    for (auto& f : m_recordFiles)
+        if (f != m_records)
+            f.reset();
     m_model.clear();
     m_root = new QStandardItemEx(m_rootTitle, kItemRoot);
     m_model.appendRow(m_root);

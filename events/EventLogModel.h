@@ -6,13 +6,20 @@
 #pragma once
 
 #include "events/MsgInfo.h"
+#include "events/RecordStore.h"
 
 #include <QStandardItem>
 #include <QStandardItemModel>
 #include <QStringList>
 
+#include <QPersistentModelIndex>
+
 #include <cstdio>
+#include <deque>
 #include <functional>
+#include <list>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -82,6 +89,40 @@ public:
     };
     Footprint TreeFootprint() const;
 
+    // Capture records on disk. While a session's autosave is open, each
+    // event's capture record is appended to the record file beside the .sid
+    // under the event's place in the .sid, and the tree keeps in memory only
+    // the records of the newest events (LiveRecords of them), of the item
+    // selected last, and a few loaded back; an item keeps where its record
+    // lies (its place in the .sid and which session file).
+    static constexpr size_t kLiveRecords = 256;
+    static constexpr size_t kCachedRecords = 16;
+    void SetLiveRecords(size_t n) { m_liveRecords = n; }
+    size_t LiveRecords() const { return m_liveRecords; }
+    // The event of an item as it is shown and selected: an event item whose
+    // record left memory gets it back from the record file (null if it could
+    // not be stored). The item becomes the one selected, whose record stays.
+    MsgInfo& Select(QStandardItemEx* item);
+    // The record file of the running session; null before the first Start
+    // or when the .sid did not open.
+    const RecordStore* Records() const { return m_records.get(); }
+    // Loads the record of an item from its session's record file (through
+    // the cache), without selecting it; null if it has none.
+    TriggerDataPtr LoadRecord(const QStandardItem* item);
+    // Records loaded back from files and still cached.
+    size_t CachedRecords() const { return m_cache.size(); }
+    // The records of the next events that come without one are taken from
+    // the record file beside this .sid, by the number a read of the .sid gave
+    // each event (its id): how an opened session gets its waves back. Ends
+    // with the Stop marker. A file that is missing or not a record file
+    // leaves the events as they are.
+    void SetRecordSource(const std::string& sidPath);
+    bool HasRecordSource() const { return m_source != nullptr; }
+    // Item data roles: the record's place in its .sid, and which session's
+    // record file (an index into the files this model made).
+    static constexpr int kRecordNumberRole = Qt::UserRole + 40;
+    static constexpr int kRecordFileRole = Qt::UserRole + 41;
+
     // The device's record as the markers copy it; empty fields until set.
     std::function<DeviceGroup()> deviceGroup;
     // Told when an event opens a phase group: the phase's name and the event
@@ -95,13 +136,17 @@ private:
     void ContractItem(const MsgInfo& event);
     void PhaseStep(const MsgInfo& event);
     void OpenGroup(const MsgInfo& event);
-    void AddToTree(const MsgInfoPtr& event);
+    QStandardItemEx* AddToTree(const MsgInfoPtr& event);
     void RollUp(QStandardItemEx* item, const MsgInfo& event);
     void RetitlePhase();
     void RetitleSubGroup();
     void RetitleRoot();
     void CloseGroups();
     void Marker(StandardItemMode mode, bool start);
+    void StoreRecord(const MsgInfoPtr& e);
+    void MarkRecord(QStandardItemEx* item, const MsgInfo& e);
+    void ReleaseOldRecords();
+    void DropRecord(const QPersistentModelIndex& index);
 
     QStandardItemModel m_model;
     QString m_rootTitle;
@@ -118,4 +163,24 @@ private:
     int32_t m_nextNumber = 1;
     int64_t m_linesWritten = 0;
     int32_t m_lineLimit = 0;
+
+    // Capture records on disk: the files made by this model (one per Start;
+    // older ones stay readable for the items of earlier sessions), the
+    // current one, and the place in the .sid of the last record written.
+    std::vector<std::shared_ptr<RecordStore>> m_recordFiles;
+    std::shared_ptr<RecordStore> m_records;
+    uint64_t m_recordNumber = 0;
+    // The event being added and the record number it got (0 for none).
+    uint64_t m_pendingNumber = 0;
+    struct Live {
+        QPersistentModelIndex item;
+        MsgInfoPtr event;
+    };
+    std::deque<Live> m_live;
+    size_t m_liveRecords = kLiveRecords;
+    QPersistentModelIndex m_selected;
+    // Loaded-back records, most recent first; keyed by file and number.
+    using CacheKey = std::pair<int, uint64_t>;
+    std::list<std::pair<CacheKey, TriggerDataPtr>> m_cache;
+    std::unique_ptr<RecordStore> m_source;
 };

@@ -493,6 +493,9 @@ void MainWindow::OpenSession()
     // one batch, Stop marker. The Start marker saves the replay anew.
     AppSettings::Instance().MakeSessionFolders();
     m_dock->Clear();
+    // The record file beside the .sid, if there is one, gives the events
+    // their capture records back as they are added.
+    m_dock->EventWindow()->Model().SetRecordSource(path.toStdString());
     m_dock->StartMark();
     RealTimeSample sample;
     sample.events = std::move(events);

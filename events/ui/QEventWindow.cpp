@@ -399,7 +399,7 @@ void QEventWindow::eventClidked(const QModelIndex& index)
         return;
     // A "Digital Ping" sub-group selects nothing.
     if (item->mode >= 0 && item->mode <= 8 && item->mode != kItemDigitalPing)
-        emit EventWindowSelect_Signal(item->info, item->mode);
+        emit EventWindowSelect_Signal(m_model.Select(item), item->mode);
 }
 
 void QEventWindow::on_listView_doubleClicked(const QModelIndex&)

@@ -1,10 +1,17 @@
 #include "events/EventLogModel.h"
 #include "events/SessionFile.h"
+#include "services/Log.h"
 #include "services/SettingParams.h"
 
 #include <gtest/gtest.h>
 
 #include <QTemporaryDir>
+
+#include <csignal>
+#include <fstream>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -349,4 +356,367 @@ TEST_F(EventLogModelTest, TreeFootprintCountsEachCaptureRecordOnceWithWhatItRese
 
     m.ClearAll();
     EXPECT_EQ(m.TreeFootprint().records, 0u);
+}
+
+// ---- Capture records on disk ----
+
+namespace {
+
+TriggerDataPtr Capture(uint32_t seed)
+{
+    auto r = std::make_shared<TriggerData>();
+    r->startTime = 5000000ull * seed;
+    r->endTime = r->startTime + 1234;
+    r->amplitude = seed;
+    r->highPeriod = -static_cast<int64_t>(seed);
+    for (uint32_t i = 0; i < 200 + seed % 50; ++i) {
+        r->samples.push_back(static_cast<int32_t>(seed * 1000 + i * 7));
+        r->rawSamples.push_back(static_cast<int32_t>(seed * 1000 - i));
+    }
+    for (uint32_t p = 0; p < 10; ++p) {
+        PulseRecord pr;
+        pr.duration = 20;
+        pr.level = p & 1;
+        pr.mark = seed * 100 + p;
+        pr.spare = p;
+        pr.samples.assign(r->samples.begin() + 20 * p, r->samples.begin() + 20 * (p + 1));
+        r->pulses.push_back(pr);
+    }
+    r->pulses[3].samples.push_back(-1);  // one pulse not a run of the burst
+    return r;
+}
+
+void ExpectSameRecord(const TriggerData& a, const TriggerData& b)
+{
+    EXPECT_EQ(a.startTime, b.startTime);
+    EXPECT_EQ(a.endTime, b.endTime);
+    EXPECT_EQ(a.amplitude, b.amplitude);
+    EXPECT_EQ(a.highPeriod, b.highPeriod);
+    EXPECT_EQ(a.lowPeriod, b.lowPeriod);
+    EXPECT_EQ(a.polarity, b.polarity);
+    EXPECT_EQ(a.samples, b.samples);
+    EXPECT_EQ(a.rawSamples, b.rawSamples);
+    ASSERT_EQ(a.pulses.size(), b.pulses.size());
+    for (size_t i = 0; i < a.pulses.size(); ++i) {
+        EXPECT_EQ(a.pulses[i].duration, b.pulses[i].duration);
+        EXPECT_EQ(a.pulses[i].level, b.pulses[i].level);
+        EXPECT_EQ(a.pulses[i].mark, b.pulses[i].mark);
+        EXPECT_EQ(a.pulses[i].spare, b.pulses[i].spare);
+        EXPECT_EQ(a.pulses[i].samples, b.pulses[i].samples);
+    }
+}
+
+// The event item whose event has this number.
+QStandardItemEx* FindItem(EventLogModel& m, int64_t number)
+{
+    std::vector<QStandardItem*> pending = {m.Model().invisibleRootItem()};
+    while (!pending.empty()) {
+        QStandardItem* item = pending.back();
+        pending.pop_back();
+        auto* x = dynamic_cast<QStandardItemEx*>(item);
+        if (x && x->mode == kItemEvent && x->info.common.eventNumber == number)
+            return x;
+        for (int r = 0; r < item->rowCount(); ++r)
+            pending.push_back(item->child(r));
+    }
+    return nullptr;
+}
+
+// Events with capture records, in the shapes the tree files them: control
+// errors into a sub-group, other packets into the phase group; and the
+// copies of their records as they were live.
+std::vector<MsgInfoPtr> CapturedEvents(uint32_t first, uint32_t count, std::vector<TriggerData>& live)
+{
+    std::vector<MsgInfoPtr> events;
+    for (uint32_t i = first; i < first + count; ++i) {
+        MsgInfoPtr e = i % 3 == 0 ? Event(3, 2, "ControlError 1.0", 1.0f, 128000) : Event(4, 2, "ReceivedPower 10%");
+        e->capture = Capture(i);
+        e->timing.startTime = e->capture->startTime;
+        e->timing.startTimeStamp = "00:00:00." + std::to_string(100000 + i);
+        live.push_back(*e->capture);
+        events.push_back(e);
+    }
+    return events;
+}
+
+}  // namespace
+
+TEST_F(EventLogModelTest, OldEventLoadsItsRecordBackIdentical)
+{
+    EventLogModel m;
+    m.SetLiveRecords(8);
+    m.StartAcquisition();
+    std::vector<TriggerData> live;
+    std::vector<MsgInfoPtr> kept;
+    for (uint32_t batch = 0; batch < 10; ++batch) {
+        auto events = CapturedEvents(1 + batch * 10, 10, live);
+        kept.insert(kept.end(), events.begin(), events.end());
+        m.AddEvents(events);
+    }
+    ASSERT_TRUE(m.Records());
+    EXPECT_EQ(m.Records()->Count(), 100u);
+    EXPECT_EQ(m.Records()->Path(), RecordStore::PathBeside(m.SidPath()));
+    // Only the newest records stay in memory.
+    EXPECT_LE(m.TreeFootprint().records, 8u);
+    EXPECT_FALSE(kept[0]->capture);
+    EXPECT_TRUE(kept[99]->capture);
+
+    // Event number 2 is the first event (the Start marker took 1).
+    QStandardItemEx* old = FindItem(m, 2);
+    ASSERT_TRUE(old);
+    EXPECT_FALSE(old->info.capture);
+    const std::string shown = old->info.ToJson();
+    MsgInfo& selected = m.Select(old);
+    EXPECT_EQ(&selected, &old->info);
+    ASSERT_TRUE(selected.capture);
+    ExpectSameRecord(live[0], *selected.capture);
+    EXPECT_EQ(selected.ToJson(), shown);
+    EXPECT_EQ(selected.str.toStdString(), "ReceivedPower 10%");
+
+    // A control error inside its sub-group, long gone from memory too.
+    QStandardItemEx* inGroup = FindItem(m, 4);
+    ASSERT_TRUE(inGroup);
+    ASSERT_EQ(static_cast<QStandardItemEx*>(inGroup->parent())->mode, kItemControlError);
+    ASSERT_FALSE(inGroup->info.capture);
+    ASSERT_TRUE(m.Select(inGroup).capture);
+    ExpectSameRecord(live[2], *inGroup->info.capture);
+    // The one selected before lets its record go; the selected one keeps it.
+    EXPECT_FALSE(old->info.capture);
+    m.AddEvents(CapturedEvents(101, 20, live));
+    EXPECT_TRUE(inGroup->info.capture);
+    EXPECT_LE(m.TreeFootprint().records, 9u);
+
+    // Selecting again is served from the cache.
+    EXPECT_EQ(m.CachedRecords(), 2u);
+    ASSERT_TRUE(m.Select(old).capture);
+    ExpectSameRecord(live[0], *old->info.capture);
+    EXPECT_EQ(m.CachedRecords(), 2u);
+
+    // Every event of the session loads back identical.
+    for (uint32_t i = 0; i < 120; ++i) {
+        QStandardItemEx* item = FindItem(m, 2 + i);
+        ASSERT_TRUE(item) << i;
+        ASSERT_TRUE(m.Select(item).capture) << i;
+        ExpectSameRecord(live[i], *item->info.capture);
+    }
+    EXPECT_LE(m.TreeFootprint().records, 9u);
+    EXPECT_LE(m.CachedRecords(), EventLogModel::kCachedRecords);
+}
+
+TEST_F(EventLogModelTest, EventsWithoutRecordsAndMarkersSelectAsBefore)
+{
+    EventLogModel m;
+    m.SetLiveRecords(1);
+    m.StartAcquisition();
+    std::vector<TriggerData> live;
+    auto events = CapturedEvents(1, 3, live);
+    events.insert(events.begin() + 1, Event(253, 1, "Digital Ping"));
+    m.AddEvents(events);
+    QStandardItemEx* ping = FindItem(m, 3);
+    ASSERT_TRUE(ping);
+    EXPECT_FALSE(m.Select(ping).capture);
+    EXPECT_EQ(m.Select(m.Root()).eventG.eventCount, 4);
+    // Only the three events with records were stored, under their place in
+    // the .sid.
+    ASSERT_TRUE(m.Records());
+    EXPECT_EQ(m.Records()->Count(), 3u);
+    EXPECT_TRUE(m.Records()->Has(1));
+    EXPECT_FALSE(m.Records()->Has(2));
+    EXPECT_TRUE(m.Records()->Has(4));
+}
+
+TEST_F(EventLogModelTest, BeforeAnyStartRecordsStayInMemory)
+{
+    EventLogModel m;
+    m.SetLiveRecords(1);
+    std::vector<TriggerData> live;
+    auto events = CapturedEvents(1, 5, live);
+    m.AddEvents(events);
+    EXPECT_FALSE(m.Records());
+    for (const auto& e : events)
+        EXPECT_TRUE(e->capture);
+    EXPECT_EQ(m.TreeFootprint().records, 5u);
+}
+
+TEST_F(EventLogModelTest, OpenedSessionGetsItsRecordsBack)
+{
+    std::vector<TriggerData> live;
+    std::string sid;
+    {
+        EventLogModel m;
+        m.SetLiveRecords(4);
+        m.StartAcquisition();
+        auto events = CapturedEvents(1, 30, live);
+        events.insert(events.begin() + 5, Event(253, 1, "Digital Ping"));
+        m.AddEvents(events);
+        m.StopAcquisition();
+        sid = m.SidPath();
+    }
+    std::vector<MsgInfoPtr> loaded;
+    ASSERT_TRUE(ReadSessionFile(sid, loaded));
+    ASSERT_EQ(loaded.size(), 31u);
+
+    // Replayed as the main window does, into a new session (within the same
+    // second it takes the same names: the new record file must not cut the
+    // one being read).
+    EventLogModel m;
+    m.SetLiveRecords(4);
+    m.SetRecordSource(sid);
+    EXPECT_TRUE(m.HasRecordSource());
+    m.StartAcquisition();
+    m.AddEvents(loaded);
+    m.StopAcquisition();
+    EXPECT_FALSE(m.HasRecordSource());
+    EXPECT_LE(m.TreeFootprint().records, 4u);
+    ASSERT_TRUE(m.Records());
+    EXPECT_EQ(m.Records()->Count(), 30u);
+    for (uint32_t i = 0; i < 31; ++i) {
+        QStandardItemEx* item = FindItem(m, 2 + i);
+        ASSERT_TRUE(item) << i;
+        const TriggerDataPtr record = m.Select(item).capture;
+        if (i == 5) {
+            EXPECT_FALSE(record);
+            continue;
+        }
+        ASSERT_TRUE(record) << i;
+        ExpectSameRecord(live[i < 5 ? i : i - 1], *record);
+    }
+}
+
+TEST_F(EventLogModelTest, OpenedSessionWithoutRecordFilePlaysAsBefore)
+{
+    std::vector<TriggerData> live;
+    std::string sid;
+    {
+        EventLogModel m;
+        m.StartAcquisition();
+        m.AddEvents(CapturedEvents(1, 5, live));
+        sid = m.SidPath();
+    }
+    ASSERT_EQ(std::remove(RecordStore::PathBeside(sid).c_str()), 0);
+    std::vector<MsgInfoPtr> loaded;
+    ASSERT_TRUE(ReadSessionFile(sid, loaded));
+    EventLogModel m;
+    m.SetRecordSource(sid);
+    EXPECT_FALSE(m.HasRecordSource());
+    m.StartAcquisition();
+    m.AddEvents(loaded);
+    for (const auto& e : loaded)
+        EXPECT_FALSE(e->capture);
+    EXPECT_EQ(m.Records()->Count(), 0u);
+    EXPECT_EQ(m.Root()->info.eventG.eventCount, 5);
+}
+
+// The record file meets the largest size a process may write, as a full disk
+// would refuse it: in a child process, so that the limit stays there. The
+// .sid (smaller) goes on, the records stored before load back, the later ones
+// show no wave, and the application log says it once.
+TEST_F(EventLogModelTest, RecordFileThatCannotGrowLeavesLaterEventsWithoutWave)
+{
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        auto told = [] {
+            const std::string logPath = Log::Instance().FilePath();
+            std::ifstream in(logPath, std::ios::binary);
+            const std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+            const std::string line = "Capture records are no longer stored";
+            int n = 0;
+            for (size_t at = all.find(line); at != std::string::npos; at = all.find(line, at + 1))
+                ++n;
+            return n;
+        };
+        const int toldBefore = told();
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{};
+        limit.rlim_cur = limit.rlim_max = 400 * 1024;
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+            _exit(10);
+        EventLogModel m;
+        m.SetLiveRecords(2);
+        m.StartAcquisition();
+        std::vector<TriggerData> live;
+        for (uint32_t i = 0; i < 100; ++i) {
+            auto events = CapturedEvents(1 + i, 1, live);
+            // About 80 kB a record: the record file fills after a few.
+            events[0]->capture->samples.resize(10000, 7);
+            events[0]->capture->rawSamples.resize(10000, 9);
+            live.back() = *events[0]->capture;
+            m.AddEvents(events);
+        }
+        const size_t stored = m.Records()->Count();
+        if (!m.Records()->Failed() || stored == 0 || stored >= 100)
+            _exit(11);
+        for (uint32_t i = 0; i < 100; ++i) {
+            QStandardItemEx* item = FindItem(m, 2 + i);
+            if (!item)
+                _exit(12);
+            const TriggerDataPtr r = m.Select(item).capture;
+            // The two newest are still live, in memory, stored or not.
+            if ((r != nullptr) != (i < stored || i >= 98))
+                _exit(13);
+            if (r && (r->samples != live[i].samples || r->rawSamples != live[i].rawSamples))
+                _exit(14);
+        }
+        std::vector<MsgInfoPtr> back;
+        if (!ReadSessionFile(m.SidPath(), back) || back.size() != 100)
+            _exit(15);
+        if (told() != toldBefore + 1)
+            _exit(16);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// A .sid that lost a record in its middle no longer lines up with its record
+// file: the events after the gap get no wave rather than their neighbours'.
+TEST_F(EventLogModelTest, OpenedSessionThatLostARecordGivesNoWrongWaves)
+{
+    std::vector<TriggerData> live;
+    std::string sid;
+    {
+        EventLogModel m;
+        m.StartAcquisition();
+        m.AddEvents(CapturedEvents(1, 12, live));
+        sid = m.SidPath();
+    }
+    std::string bytes;
+    {
+        std::ifstream in(sid, std::ios::binary);
+        bytes.assign((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    }
+    // Cut the sixth record out.
+    size_t from = 0;
+    for (int k = 0; k < 5; ++k)
+        from = bytes.find('\0', from) + 1;
+    const size_t to = bytes.find('\0', from) + 1;
+    bytes.erase(from, to - from);
+    const std::string damaged = dir.path().toStdString() + "/damaged.sid";
+    {
+        std::ofstream out(damaged, std::ios::binary);
+        out << bytes;
+    }
+    std::ifstream rec(RecordStore::PathBeside(sid), std::ios::binary);
+    std::ofstream(RecordStore::PathBeside(damaged), std::ios::binary) << rec.rdbuf();
+
+    std::vector<MsgInfoPtr> loaded;
+    ASSERT_TRUE(ReadSessionFile(damaged, loaded));
+    ASSERT_EQ(loaded.size(), 11u);
+    EventLogModel m;
+    m.SetRecordSource(damaged);
+    ASSERT_TRUE(m.HasRecordSource());
+    m.StartAcquisition();
+    m.AddEvents(loaded);
+    for (size_t i = 0; i < 11; ++i) {
+        SCOPED_TRACE(i);
+        if (i < 5) {
+            ASSERT_TRUE(loaded[i]->capture);
+            ExpectSameRecord(live[i], *loaded[i]->capture);
+        } else {
+            EXPECT_FALSE(loaded[i]->capture);
+        }
+    }
 }

@@ -357,6 +357,59 @@ TEST_F(EventWindowTest, SelectionCarriesTheItemsOwnEvent)
     EXPECT_EQ(selected->common.eventNumber, 2);
 }
 
+TEST_F(EventWindowTest, ClickOnAnOldEventShowsTheRecordItHadLive)
+{
+    QEventWindow w;
+    w.show();
+    w.Model().SetLiveRecords(4);
+    w.StartAcquisition();
+    // Forty signal strength events with a capture record each, one per batch.
+    std::vector<TriggerData> live;
+    for (int i = 0; i < 40; ++i) {
+        MsgInfoPtr e = MakeEvent(1, 2, "SignalStrength 50", "01 80 81 ");
+        auto record = std::make_shared<TriggerData>();
+        record->startTime = 1000000u + 5000u * static_cast<uint64_t>(i);
+        record->endTime = record->startTime + 4000;
+        for (int k = 0; k < 120; ++k)
+            record->samples.push_back(i * 1000 + (k % 20 < 10 ? 500 : -500));
+        record->rawSamples = record->samples;
+        for (int p = 0; p < 6; ++p) {
+            PulseRecord pulse;
+            pulse.duration = 20;
+            pulse.level = static_cast<uint8_t>(p & 1);
+            pulse.mark = static_cast<uint32_t>(20 * (p + 1));
+            pulse.samples.assign(record->samples.begin() + 20 * p, record->samples.begin() + 20 * (p + 1));
+            record->pulses.push_back(pulse);
+        }
+        e->capture = record;
+        live.push_back(*record);
+        w.AddEvents({e});
+    }
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !w.TreeBehind(); }, 5000));
+    TriggerDataPtr shown;
+    QObject::connect(&w, &QEventWindow::EventWindowSelect_Signal,
+                     [&](MsgInfo& info, StandardItemMode) { shown = info.capture; });
+    QTreeView* tree = w.EventView();
+    QAbstractItemModel* m = tree->model();
+    const QModelIndex group = m->index(1, 0, m->index(0, 0));
+    ASSERT_EQ(m->rowCount(group), 40);
+    const QModelIndex first = m->index(0, 0, group);
+    ASSERT_FALSE(ItemAt(w, first)->info.capture);  // no longer in memory
+    tree->scrollTo(first);
+    QTest::mouseClick(tree->viewport(), Qt::LeftButton, {}, tree->visualRect(first).center());
+    ASSERT_TRUE(shown);
+    EXPECT_EQ(shown->startTime, live[0].startTime);
+    EXPECT_EQ(shown->endTime, live[0].endTime);
+    EXPECT_EQ(shown->samples, live[0].samples);
+    EXPECT_EQ(shown->rawSamples, live[0].rawSamples);
+    ASSERT_EQ(shown->pulses.size(), live[0].pulses.size());
+    for (size_t p = 0; p < shown->pulses.size(); ++p) {
+        EXPECT_EQ(shown->pulses[p].samples, live[0].pulses[p].samples);
+        EXPECT_EQ(shown->pulses[p].mark, live[0].pulses[p].mark);
+        EXPECT_EQ(shown->pulses[p].level, live[0].pulses[p].level);
+    }
+}
+
 TEST_F(EventWindowTest, OpenSavedDirOpensTheSessionFolderOrSaysToStartFirst)
 {
     QEventWindow w;

@@ -391,6 +391,58 @@ TEST_F(MainWindowTest, EmptySessionFilePlaysTheTwoMarkersOnly)
     EXPECT_TRUE(lines[1].startsWith("   [2] Stop Acquisition: "));
 }
 
+TEST_F(MainWindowTest, OpenedSessionGivesItsEventsTheirRecordsBack)
+{
+    // A session written as a capture writes it: its .sid and, beside it,
+    // the record file of its events' capture records.
+    const std::string written = dir.path().toStdString() + "/written/";
+    ASSERT_TRUE(QDir().mkpath(QString::fromStdString(written)));
+    SettingParams::Instance().eventPath = SettingParams::Instance().logPath = written;
+    std::vector<TriggerData> live;
+    std::string sid;
+    {
+        EventLogModel m;
+        m.StartAcquisition();
+        std::vector<MsgInfoPtr> events;
+        for (int i = 0; i < 3; ++i) {
+            MsgInfoPtr e = MakeEvent(1, 2, "SignalStrength 50", "01 80 81 ");
+            auto record = std::make_shared<TriggerData>();
+            record->startTime = 1000u + static_cast<uint64_t>(i);
+            record->samples = {i, i + 1, i + 2, i + 3};
+            record->rawSamples = {7, 8, 9};
+            PulseRecord p;
+            p.mark = static_cast<uint32_t>(i);
+            p.samples = {i + 1, i + 2};
+            record->pulses.push_back(p);
+            e->capture = record;
+            live.push_back(*record);
+            events.push_back(e);
+        }
+        m.AddEvents(events);
+        sid = m.SidPath();
+    }
+    MainWindow w(Empty());
+    answer = QString::fromStdString(sid);
+    w.actionBtns(w.Action("actionOpen"));
+    EXPECT_TRUE(messages.empty());
+    ASSERT_TRUE(w.FileOpen());
+    EventLogModel& model = w.Dock()->EventWindow()->Model();
+    QStandardItem* group = model.Root()->child(1);
+    ASSERT_TRUE(group);
+    ASSERT_EQ(group->rowCount(), 3);
+    for (int i = 0; i < 3; ++i) {
+        auto* item = static_cast<QStandardItemEx*>(group->child(i));
+        const TriggerDataPtr r = model.Select(item).capture;
+        ASSERT_TRUE(r) << i;
+        EXPECT_EQ(r->startTime, live[i].startTime);
+        EXPECT_EQ(r->samples, live[i].samples);
+        EXPECT_EQ(r->rawSamples, live[i].rawSamples);
+        ASSERT_EQ(r->pulses.size(), 1u);
+        EXPECT_EQ(r->pulses[0].samples, live[i].pulses[0].samples);
+        EXPECT_EQ(r->pulses[0].mark, live[i].pulses[0].mark);
+    }
+}
+
 TEST_F(MainWindowTest, SetSavePathTakesTheChosenFolderAndSavesTheSettings)
 {
     MainWindow w(Empty());

@@ -1,0 +1,502 @@
+#include "events/RecordStore.h"
+
+#include "services/Log.h"
+
+#include <gtest/gtest.h>
+
+#include <QTemporaryDir>
+
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <random>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+void ExpectSame(const TriggerData& a, const TriggerData& b)
+{
+    EXPECT_EQ(a.startTime, b.startTime);
+    EXPECT_EQ(a.endTime, b.endTime);
+    EXPECT_EQ(a.amplitude, b.amplitude);
+    EXPECT_EQ(a.highPeriod, b.highPeriod);
+    EXPECT_EQ(a.lowPeriod, b.lowPeriod);
+    EXPECT_EQ(a.polarity, b.polarity);
+    EXPECT_EQ(a.samples, b.samples);
+    EXPECT_EQ(a.rawSamples, b.rawSamples);
+    ASSERT_EQ(a.pulses.size(), b.pulses.size());
+    for (size_t i = 0; i < a.pulses.size(); ++i) {
+        EXPECT_EQ(a.pulses[i].duration, b.pulses[i].duration) << i;
+        EXPECT_EQ(a.pulses[i].level, b.pulses[i].level) << i;
+        EXPECT_EQ(a.pulses[i].mark, b.pulses[i].mark) << i;
+        EXPECT_EQ(a.pulses[i].spare, b.pulses[i].spare) << i;
+        EXPECT_EQ(a.pulses[i].samples, b.pulses[i].samples) << i;
+    }
+}
+
+// A burst as the ASK stream cuts it: pulses are consecutive runs of the
+// smoothed samples, raw samples differ.
+TriggerData Burst(uint32_t seed, size_t samples, size_t pulses)
+{
+    std::mt19937 rng(seed);
+    TriggerData r;
+    r.startTime = 1000000000ull + seed;
+    r.endTime = r.startTime + samples * 25;
+    r.amplitude = -5 - static_cast<int64_t>(seed);
+    r.highPeriod = INT64_MAX;
+    r.lowPeriod = INT64_MIN;
+    r.polarity = -1;
+    for (size_t i = 0; i < samples; ++i) {
+        r.samples.push_back(static_cast<int32_t>(rng()));
+        r.rawSamples.push_back(static_cast<int32_t>(rng()));
+    }
+    size_t at = 0;
+    for (size_t p = 0; p < pulses; ++p) {
+        PulseRecord pr;
+        const size_t n = samples ? std::min(samples - at, static_cast<size_t>(1 + rng() % 40)) : 0;
+        pr.samples.assign(r.samples.begin() + static_cast<long>(at), r.samples.begin() + static_cast<long>(at + n));
+        at += n;
+        pr.duration = static_cast<int64_t>(n) - 3;
+        pr.level = static_cast<uint8_t>(p % 2 ? 255 : 0);
+        pr.mark = 0xFFFFFFF0u + static_cast<uint32_t>(p);
+        pr.spare = -static_cast<int64_t>(p) * 1000003;
+        r.pulses.push_back(pr);
+    }
+    return r;
+}
+
+std::vector<TriggerData> Shapes()
+{
+    std::vector<TriggerData> all;
+    all.push_back(TriggerData());  // empty
+    TriggerData noSamples;
+    noSamples.startTime = 7;
+    for (int i = 0; i < 5; ++i) {
+        PulseRecord p;
+        p.duration = i;
+        p.level = static_cast<uint8_t>(i & 1);
+        p.mark = static_cast<uint32_t>(i * 3);
+        noSamples.pulses.push_back(p);
+    }
+    all.push_back(noSamples);
+    all.push_back(Burst(1, 400, 20));  // shared runs
+    TriggerData own = Burst(2, 100, 6);  // pulses with samples of their own
+    for (auto& p : own.pulses)
+        p.samples = {1, 2, 3, -4, INT32_MIN, INT32_MAX};
+    all.push_back(own);
+    TriggerData mixed = Burst(3, 300, 12);  // out of order and repeated runs
+    std::swap(mixed.pulses[2], mixed.pulses[7]);
+    mixed.pulses[4].samples = mixed.pulses[0].samples;
+    mixed.pulses[5].samples.push_back(12345);
+    all.push_back(mixed);
+    TriggerData rawSame = Burst(4, 50, 3);  // raw samples equal to samples
+    rawSame.rawSamples = rawSame.samples;
+    all.push_back(rawSame);
+    TriggerData rawOnly;  // FSK-like: raw samples only
+    rawOnly.rawSamples = {5, 6, 7};
+    rawOnly.highPeriod = 100;
+    all.push_back(rawOnly);
+    all.push_back(Burst(5, 2000000, 50000));  // huge
+    return all;
+}
+
+std::string Dir(const QTemporaryDir& d)
+{
+    return d.path().toStdString();
+}
+
+std::vector<uint8_t> FileBytes(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+void WriteBytes(const std::string& path, const uint8_t* p, size_t n)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(p), static_cast<std::streamsize>(n));
+}
+
+int LogCount(const std::string& what)
+{
+    const std::string path = Log::Instance().FilePath();
+    if (path.empty())
+        return 0;
+    std::ifstream in(path, std::ios::binary);
+    const std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    int n = 0;
+    for (size_t at = all.find(what); at != std::string::npos; at = all.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+const char kFault[] = "Capture records are no longer stored";
+
+}  // namespace
+
+TEST(RecordStore, PathBesideTheSid)
+{
+    EXPECT_EQ(RecordStore::PathBeside("/a/b/EventWindow_2026_01_02 03_04_05.sid"),
+              "/a/b/EventWindow_2026_01_02 03_04_05.rec");
+    EXPECT_EQ(RecordStore::PathBeside("/a.b/session"), "/a.b/session.rec");
+}
+
+TEST(RecordStore, EveryShapeLoadsBackIdentical)
+{
+    QTemporaryDir dir;
+    RecordStore store;
+    ASSERT_TRUE(store.Create(Dir(dir) + "/s.rec"));
+    const auto shapes = Shapes();
+    for (size_t i = 0; i < shapes.size(); ++i)
+        ASSERT_TRUE(store.Append(i + 1, shapes[i]));
+    EXPECT_EQ(store.Count(), shapes.size());
+    for (size_t i = 0; i < shapes.size(); ++i) {
+        SCOPED_TRACE(i);
+        const TriggerDataPtr back = store.Load(i + 1);
+        ASSERT_TRUE(back);
+        ExpectSame(shapes[i], *back);
+    }
+    EXPECT_FALSE(store.Load(0));
+    EXPECT_FALSE(store.Load(shapes.size() + 1));
+}
+
+TEST(RecordStore, SharedRunsAreStoredOnce)
+{
+    const TriggerData burst = Burst(9, 10000, 400);
+    TriggerData apart = burst;
+    for (auto& p : apart.pulses)
+        if (!p.samples.empty())
+            p.samples.back() ^= 1;  // no longer a run of the burst
+    const size_t shared = RecordStore::Encode(burst).size();
+    const size_t own = RecordStore::Encode(apart).size();
+    size_t covered = 0;
+    size_t nonEmpty = 0;
+    for (const auto& p : burst.pulses) {
+        covered += p.samples.size();
+        nonEmpty += p.samples.empty() ? 0 : 1;
+    }
+    ASSERT_GT(covered, 5000u);
+    // Burst and raw samples, 26 bytes a pulse (its fields, the kind and a
+    // count) and 4 more for a run's offset; apart, the pulses' samples once more.
+    EXPECT_EQ(shared, 48 + 4 + 4 * 10000 + 1 + 4 + 4 * 10000 + 4 + 26 * 400 + 4 * nonEmpty);
+    EXPECT_EQ(own, shared + 4 * covered - 4 * nonEmpty);
+}
+
+TEST(RecordStore, ReopenRebuildsTheIndex)
+{
+    QTemporaryDir dir;
+    const std::string path = Dir(dir) + "/s.rec";
+    std::vector<TriggerData> records;
+    {
+        RecordStore store;
+        ASSERT_TRUE(store.Create(path));
+        for (uint32_t i = 0; i < 30; ++i) {
+            records.push_back(Burst(i, 50 + i * 7, i % 9));
+            ASSERT_TRUE(store.Append(100 + i, records.back()));
+        }
+        // The same number again: the later record wins.
+        records[3] = Burst(777, 20, 2);
+        ASSERT_TRUE(store.Append(103, records[3]));
+    }
+    RecordStore again;
+    ASSERT_TRUE(again.Open(path));
+    EXPECT_EQ(again.Count(), 30u);
+    for (uint32_t i = 0; i < 30; ++i) {
+        SCOPED_TRACE(i);
+        const TriggerDataPtr back = again.Load(100 + i);
+        ASSERT_TRUE(back);
+        ExpectSame(records[i], *back);
+    }
+    // Opened for reading: appends are refused.
+    EXPECT_FALSE(again.Append(1, records[0]));
+    EXPECT_FALSE(again.Failed());
+}
+
+TEST(RecordStore, FilesThatAreNotRecordFilesDoNotOpen)
+{
+    QTemporaryDir dir;
+    RecordStore store;
+    EXPECT_FALSE(store.Open(Dir(dir) + "/missing.rec"));
+    const std::string path = Dir(dir) + "/x.rec";
+    const uint8_t text[] = "{ \"common\" : \"\" }";
+    WriteBytes(path, text, sizeof text);
+    EXPECT_FALSE(store.Open(path));
+    EXPECT_FALSE(store.Load(1));
+}
+
+TEST(RecordStore, TruncatedAtEveryByteLoadsTheWholeRecordsBefore)
+{
+    QTemporaryDir dir;
+    const std::string path = Dir(dir) + "/s.rec";
+    std::vector<TriggerData> records = {Burst(1, 12, 3), TriggerData(), Burst(2, 5, 1), Burst(3, 9, 4)};
+    std::vector<uint64_t> ends;
+    {
+        RecordStore store;
+        ASSERT_TRUE(store.Create(path));
+        for (size_t i = 0; i < records.size(); ++i) {
+            ASSERT_TRUE(store.Append(i + 1, records[i]));
+            ends.push_back(store.Size());
+        }
+    }
+    const std::vector<uint8_t> whole = FileBytes(path);
+    ASSERT_EQ(whole.size(), ends.back());
+    const std::string cut = Dir(dir) + "/cut.rec";
+    for (size_t n = 0; n <= whole.size(); ++n) {
+        SCOPED_TRACE(n);
+        WriteBytes(cut, whole.data(), n);
+        RecordStore store;
+        const bool opened = store.Open(cut);
+        EXPECT_EQ(opened, n >= RecordStore::kHeaderSize);
+        size_t expected = 0;
+        while (expected < ends.size() && ends[expected] <= n)
+            ++expected;
+        EXPECT_EQ(store.Count(), expected);
+        for (size_t i = 0; i < records.size(); ++i) {
+            const TriggerDataPtr back = store.Load(i + 1);
+            if (i < expected) {
+                ASSERT_TRUE(back);
+                ExpectSame(records[i], *back);
+            } else {
+                EXPECT_FALSE(back);
+            }
+        }
+    }
+}
+
+TEST(RecordStore, CorruptByteEndsTheFileThere)
+{
+    QTemporaryDir dir;
+    const std::string path = Dir(dir) + "/s.rec";
+    std::vector<TriggerData> records = {Burst(1, 40, 3), Burst(2, 40, 3), Burst(3, 40, 3)};
+    std::vector<uint64_t> ends;
+    {
+        RecordStore store;
+        ASSERT_TRUE(store.Create(path));
+        for (size_t i = 0; i < records.size(); ++i) {
+            ASSERT_TRUE(store.Append(i + 1, records[i]));
+            ends.push_back(store.Size());
+        }
+    }
+    const std::vector<uint8_t> whole = FileBytes(path);
+    const std::string bad = Dir(dir) + "/bad.rec";
+    // Every byte of the second frame, changed in turn.
+    for (uint64_t at = ends[0]; at < ends[1]; ++at) {
+        SCOPED_TRACE(at);
+        std::vector<uint8_t> bytes = whole;
+        bytes[at] ^= 0x5A;
+        WriteBytes(bad, bytes.data(), bytes.size());
+        RecordStore store;
+        ASSERT_TRUE(store.Open(bad));
+        const TriggerDataPtr first = store.Load(1);
+        ASSERT_TRUE(first);
+        ExpectSame(records[0], *first);
+        // A number changed into another is still a checked frame only if its
+        // checksum agrees, which a single changed byte never makes.
+        EXPECT_EQ(store.Count(), 1u);
+        EXPECT_FALSE(store.Load(2));
+        EXPECT_FALSE(store.Load(3));
+    }
+}
+
+TEST(RecordStore, RecordDamagedAfterOpeningLoadsAsNull)
+{
+    QTemporaryDir dir;
+    const std::string path = Dir(dir) + "/s.rec";
+    RecordStore store;
+    ASSERT_TRUE(store.Create(path));
+    const TriggerData a = Burst(1, 100, 5);
+    ASSERT_TRUE(store.Append(1, a));
+    ASSERT_TRUE(store.Append(2, a));
+    {
+        std::fstream f(path, std::ios::binary | std::ios::in | std::ios::out);
+        f.seekp(static_cast<std::streamoff>(store.Size() - 10));
+        f.put('\x7f');
+    }
+    ASSERT_TRUE(store.Load(1));
+    EXPECT_FALSE(store.Load(2));
+}
+
+TEST(RecordStore, FolderThatCannotBeWrittenRefusesOnceLogged)
+{
+    QTemporaryDir dir;
+    const std::string folder = Dir(dir) + "/gone";  // does not exist
+    const int before = LogCount(kFault);
+    RecordStore store;
+    EXPECT_FALSE(store.Create(folder + "/s.rec"));
+    EXPECT_TRUE(store.Failed());
+    const TriggerData a = Burst(1, 10, 2);
+    for (int i = 0; i < 5; ++i)
+        EXPECT_FALSE(store.Append(static_cast<uint64_t>(i + 1), a));
+    EXPECT_FALSE(store.Load(1));
+    EXPECT_EQ(LogCount(kFault), before + 1);
+}
+
+TEST(RecordStore, ReadOnlyFolderRefuses)
+{
+    QTemporaryDir dir;
+    const std::string folder = Dir(dir) + "/ro";
+    ASSERT_EQ(mkdir(folder.c_str(), 0555), 0);
+    if (access(folder.c_str(), W_OK) != 0) {
+        const int before = LogCount(kFault);
+        RecordStore store;
+        EXPECT_FALSE(store.Create(folder + "/s.rec"));
+        EXPECT_FALSE(store.Append(1, Burst(1, 10, 2)));
+        EXPECT_FALSE(store.Append(2, Burst(1, 10, 2)));
+        EXPECT_EQ(LogCount(kFault), before + 1);
+        return;
+    }
+    // Root writes into read-only folders: the refusal is seen by a child
+    // process that has given up root.
+    ASSERT_EQ(chmod(Dir(dir).c_str(), 0755), 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (setgid(65534) != 0 || setuid(65534) != 0)
+            _exit(77);
+        if (access(folder.c_str(), W_OK) == 0)
+            _exit(77);
+        RecordStore store;
+        if (store.Create(folder + "/s.rec") || !store.Failed())
+            _exit(11);
+        if (store.Append(1, Burst(1, 10, 2)) || store.Load(1))
+            _exit(12);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 77)
+        GTEST_SKIP() << "no user to drop to here";
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// The file reaches the largest size the process may write (the same refusal a
+// full disk gives a write): in a child process, so the limit stays there.
+TEST(RecordStore, WriteFaultMidSessionKeepsWhatWasStored)
+{
+    QTemporaryDir dir;
+    const std::string path = Dir(dir) + "/s.rec";
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{};
+        limit.rlim_cur = limit.rlim_max = 64 * 1024;
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+            _exit(10);
+        RecordStore store;
+        if (!store.Create(path))
+            _exit(11);
+        int stored = 0;
+        for (int i = 0; i < 200; ++i) {
+            const bool ok = store.Append(static_cast<uint64_t>(i + 1), Burst(static_cast<uint32_t>(i), 300, 10));
+            if (ok && stored != i)
+                _exit(12);  // an append after a fault succeeded
+            if (ok)
+                ++stored;
+        }
+        if (!store.Failed() || stored == 0 || stored == 200)
+            _exit(13);
+        for (int i = 0; i < 200; ++i) {
+            const TriggerDataPtr back = store.Load(static_cast<uint64_t>(i + 1));
+            if ((back != nullptr) != (i < stored))
+                _exit(14);
+            if (back && back->samples != Burst(static_cast<uint32_t>(i), 300, 10).samples)
+                _exit(15);
+        }
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    // The file holds whole frames only: what was stored reopens.
+    RecordStore again;
+    ASSERT_TRUE(again.Open(path));
+    EXPECT_GT(again.Count(), 0u);
+    EXPECT_LT(again.Count(), 200u);
+    EXPECT_LE(again.Size(), 64u * 1024u);
+}
+
+// A real full file system: a small tmpfs, mounted in a mount namespace of a
+// child process. Skipped where mounting is not permitted.
+TEST(RecordStore, FullFileSystem)
+{
+    QTemporaryDir dir;
+    const std::string mountPoint = Dir(dir) + "/small";
+    ASSERT_EQ(mkdir(mountPoint.c_str(), 0755), 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=256k") != 0)
+            _exit(77);
+        RecordStore store;
+        if (!store.Create(mountPoint + "/s.rec"))
+            _exit(11);
+        int stored = 0;
+        for (int i = 0; i < 400; ++i)
+            if (store.Append(static_cast<uint64_t>(i + 1), Burst(static_cast<uint32_t>(i), 500, 10)))
+                ++stored;
+        if (!store.Failed() || stored == 0 || stored == 400)
+            _exit(13);
+        for (int i = 0; i < 400; ++i) {
+            const TriggerDataPtr back = store.Load(static_cast<uint64_t>(i + 1));
+            if ((back != nullptr) != (i < stored))
+                _exit(14);
+        }
+        store.Close();
+        RecordStore again;
+        if (!again.Open(mountPoint + "/s.rec") || again.Count() != static_cast<size_t>(stored))
+            _exit(16);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 77)
+        GTEST_SKIP() << "mounting a tmpfs is not permitted here";
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST(RecordStore, DecodeRefusesInconsistentPayloads)
+{
+    const TriggerData r = Burst(5, 64, 6);
+    const std::vector<uint8_t> good = RecordStore::Encode(r);
+    TriggerData back;
+    ASSERT_TRUE(RecordStore::Decode(good.data(), good.size(), back));
+    ExpectSame(r, back);
+    for (size_t n = 0; n < good.size(); ++n)
+        EXPECT_FALSE(RecordStore::Decode(good.data(), n, back)) << n;
+    std::vector<uint8_t> longer = good;
+    longer.push_back(0);
+    EXPECT_FALSE(RecordStore::Decode(longer.data(), longer.size(), back));
+}
+
+TEST(RecordStore, TagsComeBackWithTheirRecords)
+{
+    QTemporaryDir dir;
+    const std::string path = Dir(dir) + "/s.rec";
+    {
+        RecordStore store;
+        ASSERT_TRUE(store.Create(path));
+        ASSERT_TRUE(store.Append(1, Burst(1, 10, 2), 0xDEADBEEFu));
+        ASSERT_TRUE(store.Append(2, Burst(2, 10, 2)));
+        uint32_t tag = 0;
+        ASSERT_TRUE(store.Load(1, &tag));
+        EXPECT_EQ(tag, 0xDEADBEEFu);
+    }
+    RecordStore again;
+    ASSERT_TRUE(again.Open(path));
+    uint32_t tag = 1;
+    ASSERT_TRUE(again.Load(2, &tag));
+    EXPECT_EQ(tag, 0u);
+    ASSERT_TRUE(again.Load(1, &tag));
+    EXPECT_EQ(tag, 0xDEADBEEFu);
+    EXPECT_EQ(RecordStore::Checksum("123456789", 9), 0xCBF43926u);  // the CRC-32 check value
+}

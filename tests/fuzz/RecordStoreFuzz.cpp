@@ -1,0 +1,81 @@
+// Fuzz target: bytes of a record file through the frame scanner and the
+// record decoder, from memory and through a real file; every record read is
+// encoded again and must decode to the same record.
+#include "events/RecordStore.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+void Check(const TriggerData& r)
+{
+    const std::vector<uint8_t> again = RecordStore::Encode(r);
+    TriggerData twice;
+    if (!RecordStore::Decode(again.data(), again.size(), twice))
+        __builtin_trap();
+    if (twice.samples != r.samples || twice.rawSamples != r.rawSamples || twice.pulses.size() != r.pulses.size() ||
+        twice.startTime != r.startTime || twice.endTime != r.endTime)
+        __builtin_trap();
+    for (size_t i = 0; i < r.pulses.size(); ++i)
+        if (twice.pulses[i].samples != r.pulses[i].samples || twice.pulses[i].mark != r.pulses[i].mark)
+            __builtin_trap();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    // The bytes as one payload.
+    TriggerData r;
+    if (RecordStore::Decode(data, size, r))
+        Check(r);
+
+    // The bytes as a file, scanned in memory.
+    std::vector<std::pair<uint64_t, RecordStore::Entry>> frames;
+    uint64_t end = 0;
+    if (RecordStore::Scan(data, size, frames, &end)) {
+        if (end > size)
+            __builtin_trap();
+        for (const auto& f : frames) {
+            if (f.second.offset + f.second.length > size)
+                __builtin_trap();
+            TriggerData one;
+            if (RecordStore::Decode(data + f.second.offset, f.second.length, one))
+                Check(one);
+        }
+    }
+
+    // And through a real file, as a .sid's neighbour is opened.
+    struct TempFile {
+        std::string path;
+        TempFile()
+        {
+            char name[] = "/tmp/record_store_fuzz_XXXXXX";
+            const int fd = mkstemp(name);
+            if (fd >= 0)
+                close(fd);
+            path = name;
+        }
+        ~TempFile() { unlink(path.c_str()); }
+    };
+    static const TempFile temp;
+    const std::string& path = temp.path;
+    if (std::FILE* f = std::fopen(path.c_str(), "wb")) {
+        if (size)
+            std::fwrite(data, 1, size, f);
+        std::fclose(f);
+        RecordStore store;
+        if (store.Open(path)) {
+            if (store.Count() > frames.size())
+                __builtin_trap();
+            for (const auto& fr : frames)
+                if (TriggerDataPtr loaded = store.Load(fr.first))
+                    Check(*loaded);
+        }
+    }
+    return 0;
+}
