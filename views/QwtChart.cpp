@@ -9,8 +9,6 @@
 #include <QGraphicsLineItem>
 #include <QGraphicsRectItem>
 #include <QGraphicsScene>
-#include <QGraphicsSimpleTextItem>
-#include <QGraphicsTextItem>
 #include <QPointer>
 #include <QTimer>
 #include <QtCharts/QChart>
@@ -150,14 +148,15 @@ void QwtChart::PaintIfChanged()
     m_chartView->viewport()->update();
 }
 
-// Everything of the chart but its series (background, plot area, grid and
-// axis lines, tick labels, titles) changes only when a range or a size does,
-// yet the view paints it all again each time the line moves: the labels'
-// text layout was most of a chart's painting. Those items keep their picture
-// in a pixmap of the device's resolution, which Qt throws away whenever the
-// item itself changes. Axes make new label items when their range changes,
-// so the walk runs before each paint; an item already cached is left as it
-// is. The series items are not among those types and keep painting directly.
+// The chart's rectangles and lines (background, plot area, grid and axis
+// lines) change only when a range or a size does, yet the view paints them
+// all again each time the series moves. Those items keep their picture in a
+// pixmap of the device's resolution, which Qt throws away whenever the item
+// itself changes. Axes make new grid lines when their range changes, so the
+// walk runs before each paint; an item already cached is left as it is. The
+// tick labels and titles are left out: a label whose text and place the axis
+// changed after a new range kept painting its old, empty picture. The series
+// items are of none of these types and keep painting directly.
 void QwtChart::CacheStillItems()
 {
     const auto top = m_chart->childItems();
@@ -168,8 +167,6 @@ void QwtChart::CacheStillItems()
         switch (item->type()) {
         case QGraphicsRectItem::Type:
         case QGraphicsLineItem::Type:
-        case QGraphicsTextItem::Type:
-        case QGraphicsSimpleTextItem::Type:
             if (item->cacheMode() != QGraphicsItem::DeviceCoordinateCache)
                 item->setCacheMode(QGraphicsItem::DeviceCoordinateCache);
             break;
