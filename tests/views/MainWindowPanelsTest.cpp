@@ -38,31 +38,7 @@
 
 namespace {
 
-struct Device {
-    explicit Device(coilsim::EmulatorOptions o = {})
-    {
-        o.dir = dir.path().toStdString() + "/ports";
-        o.haveSeed = true;
-        o.seed = 9;
-        o.commandLog = dir.path().toStdString() + "/commands.txt";
-        options = o;
-        device = std::make_unique<coilsim::DeviceEmulator>(o);
-        std::string error;
-        ok = device->Start(error);
-        EXPECT_TRUE(ok) << error;
-    }
-    std::string Pattern() const { return device->Directory() + "/ttyACM%d"; }
-    std::string Commands() const
-    {
-        std::ifstream in(dir.path().toStdString() + "/commands.txt");
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-
-    QTemporaryDir dir;
-    coilsim::EmulatorOptions options;
-    std::unique_ptr<coilsim::DeviceEmulator> device;
-    bool ok = false;
-};
+using Device = windowconnect::Emulator;
 
 class MainWindowPanelsTest : public ::testing::Test {
 protected:

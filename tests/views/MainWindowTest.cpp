@@ -37,29 +37,7 @@
 
 namespace {
 
-struct Emulator {
-    explicit Emulator(coilsim::EmulatorOptions options = {})
-    {
-        options.dir = dir.path().toStdString() + "/ports";
-        options.haveSeed = true;
-        options.seed = 9;
-        options.commandLog = dir.path().toStdString() + "/commands.txt";
-        device = std::make_unique<coilsim::DeviceEmulator>(options);
-        std::string error;
-        ok = device->Start(error);
-        EXPECT_TRUE(ok) << error;
-    }
-    std::string Pattern() const { return device->Directory() + "/ttyACM%d"; }
-    std::string Commands() const
-    {
-        std::ifstream in(dir.path().toStdString() + "/commands.txt");
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-
-    QTemporaryDir dir;
-    std::unique_ptr<coilsim::DeviceEmulator> device;
-    bool ok = false;
-};
+using Emulator = windowconnect::Emulator;
 
 class MainWindowTest : public ::testing::Test {
 protected:

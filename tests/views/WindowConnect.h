@@ -8,16 +8,54 @@
 #pragma once
 
 #include "events/ui/UserSeams.h"
+#include "sim/DeviceEmulator.h"
 #include "views/MainWindow.h"
 
+#include <gtest/gtest.h>
+
 #include <QAction>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <chrono>
+#include <fstream>
 #include <functional>
+#include <iterator>
+#include <memory>
+#include <string>
 #include <vector>
 
 namespace windowconnect {
+
+// The device emulator on pseudo-terminals in a folder of its own, with a
+// fixed seed and a log of the commands it received.
+struct Emulator {
+    explicit Emulator(coilsim::EmulatorOptions o = {})
+    {
+        o.dir = dir.path().toStdString() + "/ports";
+        o.haveSeed = true;
+        o.seed = 9;
+        o.commandLog = dir.path().toStdString() + "/commands.txt";
+        options = o;
+        device = std::make_unique<coilsim::DeviceEmulator>(o);
+        std::string error;
+        ok = device->Start(error);
+        EXPECT_TRUE(ok) << error;
+    }
+    // The port pattern the main window finds the emulator's ports by.
+    std::string Pattern() const { return device->Directory() + "/ttyACM%d"; }
+    // The commands the emulator received so far, as its log has them.
+    std::string Commands() const
+    {
+        std::ifstream in(dir.path().toStdString() + "/commands.txt");
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+
+    QTemporaryDir dir;
+    coilsim::EmulatorOptions options;
+    std::unique_ptr<coilsim::DeviceEmulator> device;
+    bool ok = false;
+};
 
 // Runs the event loop until the condition holds or the time is up.
 inline bool WaitUntil(const std::function<bool()>& condition, int ms)
