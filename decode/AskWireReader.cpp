@@ -45,6 +45,7 @@
 // Speed (Release, one core, bench/AskWireReaderBench: packets separated by
 // 20 to 40 ms of idle): about 165 M samples a second.
 #include "decode/AskWireReader.h"
+#include "decode/MessageLength.h"
 
 #include <algorithm>
 #include <cmath>
@@ -92,13 +93,7 @@ constexpr uint64_t kSettleLag = 16;     // a packet start lies at most this far 
 
 int AskWireBitReader::MessageSize(uint8_t header)
 {
-    if (header < 0x20)
-        return 1;
-    if (header < 0x80)
-        return 2 + (header - 0x20) / 16;
-    if (header < 0xE0)
-        return 8 + (header - 0x80) / 8;
-    return 20 + (header - 0xE0) / 4;
+    return QiMessageLength(header);
 }
 
 void AskWireBitReader::Clear()

@@ -85,6 +85,7 @@
 // 110 M words a second (RelWithDebInfo, a shared machine), where a carrier
 // sends some 10 thousand.
 #include "decode/FskWireReader.h"
+#include "decode/MessageLength.h"
 
 #include <algorithm>
 #include <cmath>
@@ -157,13 +158,7 @@ bool FskWireReader::PatternByte(uint8_t bits, uint8_t& byte)
 
 int FskWireReader::MessageSize(uint8_t header)
 {
-    if (header < 0x20)
-        return 1;
-    if (header < 0x80)
-        return 2 + (header - 0x20) / 16;
-    if (header < 0xE0)
-        return 8 + (header - 0x80) / 8;
-    return 20 + (header - 0xE0) / 4;
+    return QiMessageLength(header);
 }
 
 std::vector<FskWireFrame> FskWireReader::Take()
