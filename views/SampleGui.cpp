@@ -231,6 +231,7 @@ void SampleGui::ShowSamples(const std::list<uint16_t>& samples)
 
 void SampleGui::ShowPackets(const std::vector<MsgInfoPtr>& events)
 {
+    ++m_packetLists;
     if (m_paused || events.empty())
         return;
     const MsgInfoPtr& last = events.back();

@@ -49,6 +49,8 @@ public:
     bool AutoDacAllowed() const;
 
     int Kind() const { return m_kind; }
+    // Event lists handed to ShowPackets so far.
+    int PacketLists() const { return m_packetLists; }
     bool Paused() const { return m_paused; }
     bool FreeRun() const { return m_freeRun; }
     QwtChart* Chart() const { return m_chart; }
@@ -74,6 +76,7 @@ private:
     QwtChart* m_chart = nullptr;
     int32_t m_kind = 5;
     bool m_paused = false;
+    int m_packetLists = 0;
     bool m_freeRun = true;
     std::list<uint16_t> m_samples;  // cleared only
     std::mutex m_mutex;             // held while samples are copied

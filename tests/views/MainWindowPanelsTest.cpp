@@ -13,6 +13,8 @@
 #include "views/QProductTest.h"
 #include "views/QwtChart.h"
 #include "views/SampleGui.h"
+#include "events/ui/QEventWindow.h"
+#include "views/QWindowReal.h"
 
 #include "WindowConnect.h"
 
@@ -29,6 +31,7 @@
 #include <QSlider>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTreeView>
 #include <QtCharts/QSplineSeries>
 #include <QtCharts/QValueAxis>
 
@@ -127,6 +130,42 @@ TEST_F(MainWindowPanelsTest, ScopeAndHelpActionsShowAndHideTheirWindows)
     for (const Row& r : rows)
         EXPECT_FALSE(r.window->isVisible()) << r.action;
     EXPECT_TRUE(messages.empty());
+}
+
+TEST_F(MainWindowPanelsTest, HiddenAskPanelInAutoTriggerIsHandedNoEventList)
+{
+    coilsim::EmulatorOptions o;
+    o.speed = 4;
+    Device dev(o);
+    ASSERT_TRUE(dev.ok);
+    MainWindow w(dev.Pattern());
+    w.show();
+    w.AskPanel()->findChild<QCheckBox*>("checkBox_autoTrigger")->click();
+    ASSERT_FALSE(w.AskPanel()->FreeRun());
+    ASSERT_FALSE(w.AskPanel()->isVisible());
+    ASSERT_TRUE(ConnectAndAcquire(w));
+    // Several seconds of events are released to the dock while the panel is
+    // hidden: not one list goes to it.
+    const QAbstractItemModel* tree = w.Dock()->EventWindow()->EventView()->model();
+    auto rows = [tree] {
+        int n = 0;
+        QList<QModelIndex> todo{QModelIndex()};
+        while (!todo.isEmpty()) {
+            const QModelIndex parent = todo.takeLast();
+            for (int r = 0; r < tree->rowCount(parent); ++r) {
+                ++n;
+                todo.append(tree->index(r, 0, parent));
+            }
+        }
+        return n;
+    };
+    ASSERT_TRUE(WaitFor([&] { return rows() > 20; }, 40000));
+    EXPECT_EQ(w.AskPanel()->PacketLists(), 0);
+    // Shown, it is handed the lists of the refreshes.
+    w.Action("action2K_Ware")->trigger();
+    ASSERT_TRUE(w.AskPanel()->isVisible());
+    EXPECT_TRUE(WaitFor([&] { return w.AskPanel()->PacketLists() > 0; }));
+    w.Action("actionDisconnect")->trigger();
 }
 
 TEST_F(MainWindowPanelsTest, ProductTestShowsTheConnectedDevicesNumber)
