@@ -3,6 +3,8 @@
 #include "services/Log.h"
 #include "services/SettingParams.h"
 
+#include "RecordCompare.h"
+
 #include <gtest/gtest.h>
 
 #include <QTemporaryDir>
@@ -386,25 +388,6 @@ TriggerDataPtr Capture(uint32_t seed)
     return r;
 }
 
-void ExpectSameRecord(const TriggerData& a, const TriggerData& b)
-{
-    EXPECT_EQ(a.startTime, b.startTime);
-    EXPECT_EQ(a.endTime, b.endTime);
-    EXPECT_EQ(a.amplitude, b.amplitude);
-    EXPECT_EQ(a.highPeriod, b.highPeriod);
-    EXPECT_EQ(a.lowPeriod, b.lowPeriod);
-    EXPECT_EQ(a.polarity, b.polarity);
-    EXPECT_EQ(a.samples, b.samples);
-    EXPECT_EQ(a.rawSamples, b.rawSamples);
-    ASSERT_EQ(a.pulses.size(), b.pulses.size());
-    for (size_t i = 0; i < a.pulses.size(); ++i) {
-        EXPECT_EQ(a.pulses[i].duration, b.pulses[i].duration);
-        EXPECT_EQ(a.pulses[i].level, b.pulses[i].level);
-        EXPECT_EQ(a.pulses[i].mark, b.pulses[i].mark);
-        EXPECT_EQ(a.pulses[i].spare, b.pulses[i].spare);
-        EXPECT_EQ(a.pulses[i].samples, b.pulses[i].samples);
-    }
-}
 
 // The event item whose event has this number.
 QStandardItemEx* FindItem(EventLogModel& m, int64_t number)
