@@ -45,9 +45,9 @@ void PrintStats(const EventLogModel& model, size_t heapAtStart, double seconds)
     const double mb = 1.0 / (1024.0 * 1024.0);
     const size_t heap = HeapInUse();
     std::fprintf(stderr,
-                 "stats: %.1f s, %lld log lines, %zu tree items, %zu capture records of %.1f MB; heap in use %.1f MB "
-                 "(%+.1f MB since the start)\n",
-                 seconds, static_cast<long long>(model.LinesWritten()), f.items, f.records,
+                 "stats: %.1f s, %lld log lines, %zu tree items (%zu holding their whole event), %zu capture records "
+                 "of %.1f MB; heap in use %.1f MB (%+.1f MB since the start)\n",
+                 seconds, static_cast<long long>(model.LinesWritten()), f.items, f.events, f.records,
                  static_cast<double>(f.recordBytes) * mb, static_cast<double>(heap) * mb,
                  (static_cast<double>(heap) - static_cast<double>(heapAtStart)) * mb);
 }

@@ -101,10 +101,10 @@ EventLogModel::Footprint EventLogModel::TreeFootprint() const
         if (item != m_model.invisibleRootItem())
             f.items += 1;
         if (const auto* x = dynamic_cast<const QStandardItemEx*>(item)) {
-            count(x->info);
-            for (const MsgInfoPtr& e : x->events)
-                if (e)
-                    count(*e);
+            if (x->info) {
+                count(*x->info);
+                f.events += x->mode == kItemEvent;
+            }
         }
         for (int r = 0; r < item->rowCount(); ++r)
             pending.push_back(item->child(r));
@@ -135,7 +135,10 @@ void EventLogModel::OpenStreams()
     m_log = std::fopen(m_logPath.c_str(), "wb");
     // The capture records go beside the .sid, numbered by their place in it.
     m_recordNumber = 0;
+    m_sidBytes = 0;
+    m_sidBroken = false;
     if (m_sid) {
+        m_sidFiles.push_back(m_sidPath);
         m_records = std::make_shared<RecordStore>();
         m_records->Create(RecordStore::PathBeside(m_sidPath));
         m_recordFiles.push_back(m_records);
@@ -157,27 +160,69 @@ void EventLogModel::StoreRecord(const MsgInfoPtr& e)
     m_pendingNumber = m_recordNumber;
 }
 
+void EventLogModel::WriteSid(const MsgInfo& e)
+{
+    m_pendingOffset = -1;
+    if (!m_sid)
+        return;
+    const size_t written = WriteSessionRecord(m_sid, e);
+    if (!written) {
+        // Later records may no longer begin where the count says: from here
+        // on the session's events stay in memory whole.
+        if (!m_sidBroken)
+            Log::Printf("Could not write the session file %s: its events stay in memory from here.",
+                        m_sidPath.c_str());
+        m_sidBroken = true;
+        return;
+    }
+    // A record longer than a reader takes would not read back whole.
+    if (!m_sidBroken && written <= kSessionRecordBuffer)
+        m_pendingOffset = static_cast<int64_t>(m_sidBytes);
+    m_sidBytes += written;
+}
+
 void EventLogModel::MarkRecord(QStandardItemEx* item, const MsgInfo& e)
 {
+    // What the .sid does not keep stays with the item, with where its record
+    // begins (an event whose record did not reach the .sid whole keeps its
+    // event in memory instead).
+    item->number = static_cast<int32_t>(e.common.eventNumber);
+    item->direction = e.direction;
+    item->enqueueTick = e.enqueueTick;
+    item->status = e.packet.Status;
+    if (m_pendingOffset >= 0 && !m_sidFiles.empty()) {
+        item->session = static_cast<int32_t>(m_sidFiles.size() - 1);
+        item->sidOffset = static_cast<uint64_t>(m_pendingOffset);
+    }
     if (!m_pendingNumber || !e.capture)
         return;
     item->setData(QVariant::fromValue<qulonglong>(m_pendingNumber), kRecordNumberRole);
     item->setData(static_cast<int>(m_recordFiles.size() - 1), kRecordFileRole);
 }
 
+void EventLogModel::Release(QStandardItemEx* item)
+{
+    if (!item || item->mode != kItemEvent || !item->info)
+        return;
+    if (item->session >= 0)
+        item->info.reset();
+    else if (item->data(kRecordNumberRole).isValid())
+        item->info->capture.reset();
+}
+
 void EventLogModel::DropRecord(const QPersistentModelIndex& index)
 {
     if (!index.isValid() || index == m_selected)
         return;
-    if (auto* item = static_cast<QStandardItemEx*>(m_model.itemFromIndex(index)))
-        item->info.capture.reset();
+    Release(static_cast<QStandardItemEx*>(m_model.itemFromIndex(index)));
 }
 
 void EventLogModel::ReleaseOldRecords()
 {
     while (m_live.size() > m_liveRecords) {
         Live& old = m_live.front();
-        if (old.event)
+        // A record not stored stays with its event: it has nowhere else.
+        if (old.event && old.stored)
             old.event->capture.reset();
         DropRecord(old.item);
         m_live.pop_front();
@@ -218,13 +263,50 @@ MsgInfo& EventLogModel::Select(QStandardItemEx* item)
         bool live = false;
         for (const Live& l : m_live)
             live = live || l.item == m_selected;
-        if (before && !live && before->data(kRecordNumberRole).isValid())
-            before->info.capture.reset();
+        if (before && !live)
+            Release(before);
     }
     m_selected = index;
-    if (item->mode == kItemEvent && !item->info.capture)
-        item->info.capture = LoadRecord(item);
-    return item->info;
+    if (item->mode == kItemEvent && !item->info) {
+        MsgInfoPtr event = LoadEvent(item);
+        if (!event) {
+            // The .sid became unreadable: the item shows what it still knows.
+            Log::Printf("The event could not be read back from %s.",
+                        item->session >= 0 && static_cast<size_t>(item->session) < m_sidFiles.size()
+                            ? m_sidFiles[item->session].c_str()
+                            : "its session file");
+            event = std::make_shared<MsgInfo>();
+            event->type = item->type;
+            event->direction = item->direction;
+            event->str = item->text();
+        }
+        item->info = std::make_unique<MsgInfo>(std::move(*event));
+    }
+    if (!item->info)
+        item->info = std::make_unique<MsgInfo>();
+    if (item->mode == kItemEvent && !item->info->capture)
+        item->info->capture = LoadRecord(item);
+    return *item->info;
+}
+
+MsgInfoPtr EventLogModel::LoadEvent(const QStandardItemEx* item) const
+{
+    if (!item || item->session < 0 || static_cast<size_t>(item->session) >= m_sidFiles.size() ||
+        m_sidFiles[item->session].empty())
+        return nullptr;
+    MsgInfoPtr e = ReadSessionRecordAt(m_sidFiles[item->session], item->sidOffset);
+    if (!e)
+        return nullptr;
+    // Numbered as the tree numbered it, with what the .sid does not keep.
+    const int32_t n = item->number;
+    e->common.eventNumber = n;
+    e->id = n;
+    e->eventG.FirstEventNumber = n;
+    e->eventG.lastEventNumber = n;
+    e->direction = item->direction;
+    e->enqueueTick = item->enqueueTick;
+    e->packet.Status = item->status;
+    return e;
 }
 
 void EventLogModel::SetRecordSource(const std::string& sidPath)
@@ -318,7 +400,7 @@ void EventLogModel::OpenGroup(const MsgInfo& e)
         group = new QStandardItemEx(QString::fromLatin1(titles[m_phase - 1]), kItemPhase);
     else
         group = new QStandardItemEx(QStringLiteral("Proprietary"), kItemEvent);
-    group->info.direction = e.direction;
+    group->info->direction = e.direction;
     m_root->appendRow(group);
     m_phaseGroup = group;
     if (m_phase == 3)
@@ -342,17 +424,17 @@ void EventLogModel::RollUp(QStandardItemEx* item, const MsgInfo& e)
     for (QStandardItem* at = item; at; at = at->parent()) {
         auto* x = static_cast<QStandardItemEx*>(at);
         if (x->mode == kItemEvent && x == item) {
-            x->info = e;
+            x->SetInfo(e);
             continue;
         }
-        EventGroup& g = x->info.eventG;
+        EventGroup& g = x->info->eventG;
         g.eventCount += e.eventG.eventCount;
         g.failureCount += e.eventG.failureCount;
         g.warningCount += e.eventG.warningCount;
         if (g.FirstEventNumber == 0)
             g.FirstEventNumber = e.eventG.FirstEventNumber;
         g.lastEventNumber = e.eventG.lastEventNumber;
-        TimingsGroup& t = x->info.timings;
+        TimingsGroup& t = x->info->timings;
         if (t.startTime == 0) {
             // Taken with the start only: a group's span stays its first event's.
             t.startTime = static_cast<int64_t>(e.timing.startTime);
@@ -366,19 +448,19 @@ void EventLogModel::RollUp(QStandardItemEx* item, const MsgInfo& e)
 
 void EventLogModel::RetitleSubGroup()
 {
-    if (!m_subGroup || m_subGroup->events.empty())
+    if (!m_subGroup || m_subGroup->errors.empty())
         return;
-    const MsgInfo* low = m_subGroup->events.front().get();
-    const MsgInfo* high = low;
-    for (const auto& e : m_subGroup->events) {
-        if (e->packet.controlErrorValue < low->packet.controlErrorValue)
-            low = e.get();
-        if (e->packet.controlErrorValue > high->packet.controlErrorValue)
-            high = e.get();
+    const ControlErrorMark* low = &m_subGroup->errors.front();
+    const ControlErrorMark* high = low;
+    for (const ControlErrorMark& e : m_subGroup->errors) {
+        if (e.value < low->value)
+            low = &e;
+        if (e.value > high->value)
+            high = &e;
     }
-    auto told = [](const MsgInfo* e) {
-        return QString::asprintf("%.1f", static_cast<double>(e->packet.controlErrorValue)) + QStringLiteral("%") +
-               QString::asprintf(" %dHZ", e->packet.controlErrorFreq);
+    auto told = [](const ControlErrorMark* e) {
+        return QString::asprintf("%.1f", static_cast<double>(e->value)) + QStringLiteral("%") +
+               QString::asprintf(" %dHZ", e->freq);
     };
     const char* kind = m_phase == 1 ? "Digital Ping" : "Control Error";
     m_subGroup->setText(QString::fromLatin1(kind) + QStringLiteral(": ") + told(low) + QStringLiteral(" to ") +
@@ -401,12 +483,12 @@ void EventLogModel::RetitlePhase()
         m_phaseGroup->setText(PhaseName(4));
     else
         m_phaseGroup->setText(PhaseName(m_phase) +
-                              QStringLiteral(" (%1 events)").arg(static_cast<qlonglong>(m_phaseGroup->info.eventG.eventCount)));
+                              QStringLiteral(" (%1 events)").arg(static_cast<qlonglong>(m_phaseGroup->info->eventG.eventCount)));
 }
 
 void EventLogModel::RetitleRoot()
 {
-    m_root->setText(m_rootTitle + QStringLiteral(" (%1 events)").arg(static_cast<qlonglong>(m_root->info.eventG.eventCount)));
+    m_root->setText(m_rootTitle + QStringLiteral(" (%1 events)").arg(static_cast<qlonglong>(m_root->info->eventG.eventCount)));
 }
 
 QStandardItemEx* EventLogModel::AddToTree(const MsgInfoPtr& e)
@@ -426,7 +508,7 @@ QStandardItemEx* EventLogModel::AddToTree(const MsgInfoPtr& e)
         item = new QStandardItemEx(e->str, kItemEvent);
         MarkRecord(item, *e);
         m_subGroup->appendRow(item);
-        m_subGroup->events.push_back(e);
+        m_subGroup->errors.push_back(ControlErrorMark{e->packet.controlErrorValue, e->packet.controlErrorFreq});
         RollUp(item, *e);
         RetitleSubGroup();
         return item;
@@ -444,15 +526,16 @@ void EventLogModel::ViolationItem(const MsgInfo& e)
 {
     auto* item = new QStandardItemEx(Q(e.common.logData), kItemNotice);
     const int32_t number = m_nextNumber;
-    item->info.common.eventNumber = number;
-    item->info.common.logData = e.common.logData;
-    item->info.common.typeString = e.common.typeString;
-    item->info.common.Summary = e.common.Summary;
-    item->info.timingsample.time = LocalTime("%Y-%m-%d %H:%M:%S");
-    item->info.id = number;
-    item->info.eventG.FirstEventNumber = number;
-    item->info.eventG.lastEventNumber = number;
-    item->info.type = e.type;
+    item->info->common.eventNumber = number;
+    item->info->common.logData = e.common.logData;
+    item->info->common.typeString = e.common.typeString;
+    item->info->common.Summary = e.common.Summary;
+    item->info->timingsample.time = LocalTime("%Y-%m-%d %H:%M:%S");
+    item->info->id = number;
+    item->info->eventG.FirstEventNumber = number;
+    item->info->eventG.lastEventNumber = number;
+    item->info->type = e.type;
+    item->type = e.type;
     m_root->appendRow(item);
     // A violation takes up two numbers: its record's and its item's.
     LogLine(number, e.str, 0);
@@ -466,7 +549,7 @@ void EventLogModel::ViolationItem(const MsgInfo& e)
 void EventLogModel::ContractItem(const MsgInfo& e)
 {
     auto* item = new QStandardItemEx(e.str, kItemNotice);
-    item->info = e;
+    item->SetInfo(e);
     m_root->appendRow(item);
     CloseGroups();
     // Contract events come without a capture record; nothing to keep here.
@@ -484,7 +567,7 @@ void EventLogModel::AddEvents(const std::vector<MsgInfoPtr>& events)
             if (record && tag == EventTag(*e))
                 e->capture = std::move(record);
         }
-        WriteSessionRecord(m_sid, *e);
+        WriteSid(*e);
         StoreRecord(e);
         const int32_t number = m_nextNumber++;
         e->common.eventNumber = number;
@@ -505,8 +588,8 @@ void EventLogModel::AddEvents(const std::vector<MsgInfoPtr>& events)
         PhaseStep(*e);
         QStandardItemEx* item = AddToTree(e);
         RetitlePhase();
-        if (item && m_pendingNumber && e->capture) {
-            m_live.push_back(Live{QPersistentModelIndex(item->index()), e});
+        if (item) {
+            m_live.push_back(Live{QPersistentModelIndex(item->index()), e, m_pendingNumber != 0 && e->capture});
             ReleaseOldRecords();
         }
     }
@@ -535,17 +618,17 @@ void EventLogModel::Marker(StandardItemMode mode, bool start)
         m_nextNumber = 1;
         m_rootTitle = Q("Coilscope @ " + when);
         m_root->setText(m_rootTitle);
-        m_root->info.device = device;
+        m_root->info->device = device;
     }
     const std::string text = start ? "Start Acquisition: Acquisition started at " + when
                                    : "Stop Acquisition: Acquisition stoped at " + when;
     auto* item = new QStandardItemEx(Q(text), mode);
-    item->info.device = device;
-    item->info.common.logData = text;
-    item->info.common.typeString = start ? "Start Acquisition" : "Stop Acquisition";
-    item->info.common.Summary = (start ? "Acquisition started at" : "Acquisition stoped at") + when;
-    item->info.timingsample.time = when;
-    item->info.str = Q(text);
+    item->info->device = device;
+    item->info->common.logData = text;
+    item->info->common.typeString = start ? "Start Acquisition" : "Stop Acquisition";
+    item->info->common.Summary = (start ? "Acquisition started at" : "Acquisition stoped at") + when;
+    item->info->timingsample.time = when;
+    item->info->str = Q(text);
     m_root->appendRow(item);
     LogLine(m_nextNumber, Q(text), 0);
     m_nextNumber += 1;
@@ -575,7 +658,7 @@ void EventLogModel::StopAcquisition(const std::string&)
 void EventLogModel::ClearAll()
 {
     for (Live& l : m_live)
-        if (l.event)
+        if (l.event && l.stored)
             l.event->capture.reset();
     m_live.clear();
     m_cache.clear();
@@ -585,6 +668,8 @@ void EventLogModel::ClearAll()
     for (auto& f : m_recordFiles)
         if (f != m_records)
             f.reset();
+    for (size_t i = 0; i + 1 < m_sidFiles.size(); ++i)
+        m_sidFiles[i].clear();
     m_model.clear();
     m_root = new QStandardItemEx(m_rootTitle, kItemRoot);
     m_model.appendRow(m_root);

@@ -34,12 +34,46 @@ enum StandardItemMode : int32_t {
     kItemNotice = 8,         // violation and contract items
 };
 
+// The value and frequency of one control error, as a sub-group's title
+// tells its lowest and highest.
+struct ControlErrorMark {
+    float value = 0.0f;
+    int32_t freq = 0;
+};
+
 class QStandardItemEx : public QStandardItem {
 public:
-    QStandardItemEx(const QString& text, StandardItemMode mode) : QStandardItem(text), mode(mode) {}
+    QStandardItemEx(const QString& text, StandardItemMode mode)
+        : QStandardItem(text), mode(mode), info(std::make_unique<MsgInfo>())
+    {
+    }
+    // Gives the item its record (and the type its icon is chosen by).
+    void SetInfo(const MsgInfo& e)
+    {
+        if (info)
+            *info = e;
+        else
+            info = std::make_unique<MsgInfo>(e);
+        type = e.type;
+    }
+
     StandardItemMode mode;
-    std::vector<MsgInfoPtr> events;  // a sub-group's events, for its title
-    MsgInfo info;
+    int32_t type = 0;                          // the record's type, kept when the record is not
+    std::vector<ControlErrorMark> errors;      // a sub-group's control errors, for its title
+    // The record shown in the property tree. Groups, markers and notices keep
+    // theirs; an event item keeps its event while the event is among the
+    // newest or selected, and otherwise holds none: its event is read back
+    // from the session's .sid when it is selected (EventLogModel::Select).
+    std::unique_ptr<MsgInfo> info;
+    // Where an event item's event lies in the session files (session: the
+    // index of its session in the model, -1 for none), and what of the event
+    // the .sid does not keep.
+    int32_t session = -1;
+    uint64_t sidOffset = 0;
+    int32_t number = 0;
+    int32_t direction = 0;
+    int64_t enqueueTick = 0;
+    std::string status;
 };
 
 class EventLogModel {
@@ -84,6 +118,7 @@ public:
     // vectors have reserved.
     struct Footprint {
         size_t items = 0;
+        size_t events = 0;  // items holding their whole event in memory
         size_t records = 0;
         size_t recordBytes = 0;
     };
@@ -100,8 +135,10 @@ public:
     void SetLiveRecords(size_t n) { m_liveRecords = n; }
     size_t LiveRecords() const { return m_liveRecords; }
     // The event of an item as it is shown and selected: an event item whose
-    // record left memory gets it back from the record file (null if it could
-    // not be stored). The item becomes the one selected, whose record stays.
+    // event left memory reads it back from its session's .sid, exactly as it
+    // was, and gets its capture record back from the record file (null if it
+    // could not be stored). The item becomes the one selected, whose event
+    // stays in memory until another is selected.
     MsgInfo& Select(QStandardItemEx* item);
     // The record file of the running session; null before the first Start
     // or when the .sid did not open.
@@ -109,6 +146,10 @@ public:
     // Loads the record of an item from its session's record file (through
     // the cache), without selecting it; null if it has none.
     TriggerDataPtr LoadRecord(const QStandardItem* item);
+    // Reads the event of an event item back from its session's .sid, numbered
+    // and completed as it was shown; null if the item has none there or the
+    // .sid cannot be read.
+    MsgInfoPtr LoadEvent(const QStandardItemEx* item) const;
     // Records loaded back from files and still cached.
     size_t CachedRecords() const { return m_cache.size(); }
     // The records of the next events that come without one are taken from
@@ -145,6 +186,8 @@ private:
     void Marker(StandardItemMode mode, bool start);
     void StoreRecord(const MsgInfoPtr& e);
     void MarkRecord(QStandardItemEx* item, const MsgInfo& e);
+    void Release(QStandardItemEx* item);
+    void WriteSid(const MsgInfo& e);
     void ReleaseOldRecords();
     void DropRecord(const QPersistentModelIndex& index);
 
@@ -170,11 +213,19 @@ private:
     std::vector<std::shared_ptr<RecordStore>> m_recordFiles;
     std::shared_ptr<RecordStore> m_records;
     uint64_t m_recordNumber = 0;
-    // The event being added and the record number it got (0 for none).
+    // The .sid of each session this model made (index: the item's session;
+    // empty once cleared), and the bytes written to the current one.
+    std::vector<std::string> m_sidFiles;
+    uint64_t m_sidBytes = 0;
+    bool m_sidBroken = false;
+    // The event being added, the record number it got (0 for none), and
+    // where its .sid record begins (-1 when it was not written whole).
     uint64_t m_pendingNumber = 0;
+    int64_t m_pendingOffset = -1;
     struct Live {
         QPersistentModelIndex item;
         MsgInfoPtr event;
+        bool stored = false;  // its capture record is in the record file
     };
     std::deque<Live> m_live;
     size_t m_liveRecords = kLiveRecords;

@@ -1,5 +1,6 @@
 #include "events/SessionFile.h"
 
+#include <cstdint>
 #include <cstring>
 #include <sys/stat.h>
 #include <memory>
@@ -67,12 +68,36 @@ std::vector<MsgInfoPtr> ReadSessionRecords(const uint8_t* bytes, size_t size)
     return events;
 }
 
-void WriteSessionRecord(std::FILE* stream, const MsgInfo& event)
+size_t WriteSessionRecord(std::FILE* stream, const MsgInfo& event)
 {
     if (!stream)
-        return;
+        return 0;
     const std::string text = event.ToJson();
-    std::fwrite(text.data(), 1, text.size(), stream);
-    std::fputc(0, stream);
-    std::fflush(stream);
+    const size_t written = std::fwrite(text.data(), 1, text.size(), stream);
+    const bool ended = std::fputc(0, stream) != EOF;
+    const bool flushed = std::fflush(stream) == 0;
+    return written == text.size() && ended && flushed ? text.size() + 1 : 0;
+}
+
+MsgInfoPtr ReadSessionRecordAt(const std::string& path, uint64_t offset)
+{
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (!file)
+        return nullptr;
+    MsgInfoPtr event;
+    if (offset <= static_cast<uint64_t>(INT64_MAX) && fseeko(file, static_cast<off_t>(offset), SEEK_SET) == 0) {
+        std::string text;
+        int c = EOF;
+        while ((c = getc_unlocked(file)) != EOF && c != 0) {
+            if (text.size() < kSessionRecordBuffer - 1)
+                text.push_back(static_cast<char>(c));
+        }
+        // Only a record ended by its 0 byte is whole.
+        if (c == 0) {
+            event = std::make_shared<MsgInfo>();
+            event->FromJson(text);
+        }
+    }
+    std::fclose(file);
+    return event;
 }

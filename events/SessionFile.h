@@ -23,4 +23,12 @@ bool ReadSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events);
 std::vector<MsgInfoPtr> ReadSessionRecords(const uint8_t* bytes, size_t size);
 
 // Writes one record, its 0 byte, and flushes. Nothing happens on a null stream.
-void WriteSessionRecord(std::FILE* stream, const MsgInfo& event);
+// Returns the bytes written when the whole record reached the file, 0 when it
+// did not (a null stream, a full disk).
+size_t WriteSessionRecord(std::FILE* stream, const MsgInfo& event);
+
+// Reads the one record that begins at a byte offset of a session file into an
+// event, as the reading of the whole file gives it but unnumbered. Null when
+// the file cannot be read there or holds no whole record there (no 0 byte
+// before the end).
+MsgInfoPtr ReadSessionRecordAt(const std::string& path, uint64_t offset);

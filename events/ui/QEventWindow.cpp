@@ -168,7 +168,7 @@ QIcon QEventWindow::IconOf(const QStandardItemEx& item) const
 {
     switch (item.mode) {
     case kItemEvent:
-        return m_icons.value(item.info.type == kTypeDeviceStatus ? QStringLiteral("info") : QStringLiteral("event"));
+        return m_icons.value(item.type == kTypeDeviceStatus ? QStringLiteral("info") : QStringLiteral("event"));
     case kItemControlError:
     case kItemDigitalPing:
     case kItemPhase:
@@ -180,7 +180,7 @@ QIcon QEventWindow::IconOf(const QStandardItemEx& item) const
     case kItemStop:
         return m_icons.value(QStringLiteral("stop"));
     case kItemNotice:
-        return m_icons.value(item.info.type == kTypeContract ? QStringLiteral("info") : QStringLiteral("ept"));
+        return m_icons.value(item.type == kTypeContract ? QStringLiteral("info") : QStringLiteral("ept"));
     }
     return QIcon();
 }

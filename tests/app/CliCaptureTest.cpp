@@ -542,13 +542,17 @@ TEST(CliCapture, StatsTellWhatTheSessionHoldsOnSigusr1AndAtTheEnd)
             stats.push_back(line);
     ASSERT_EQ(stats.size(), 3u) << ReadFile(err);
     long long lines[2] = {0, 0};
-    size_t items[2] = {0, 0}, records[2] = {0, 0};
+    size_t items[2] = {0, 0}, whole[2] = {0, 0}, records[2] = {0, 0};
     for (int k = 0; k < 2; ++k) {
         double seconds = 0, recordMb = 0;
-        ASSERT_EQ(std::sscanf(stats[k].c_str(), "stats: %lf s, %lld log lines, %zu tree items, %zu capture records of %lf MB",
-                              &seconds, &lines[k], &items[k], &records[k], &recordMb),
-                  5)
+        ASSERT_EQ(std::sscanf(stats[k].c_str(),
+                              "stats: %lf s, %lld log lines, %zu tree items (%zu holding their whole event), %zu capture "
+                              "records of %lf MB",
+                              &seconds, &lines[k], &items[k], &whole[k], &records[k], &recordMb),
+                  6)
             << stats[k];
+        EXPECT_LE(whole[k], items[k]) << stats[k];
+        EXPECT_GT(whole[k], 0u) << stats[k];
     }
     // Pings, then the first packets, each with its capture record kept in the
     // tree.

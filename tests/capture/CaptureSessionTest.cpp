@@ -325,8 +325,10 @@ TEST(CaptureSession, OneCycleOfTheScriptLiveThenPlayedBack)
         const std::string title = group->text().toStdString().substr(0, group->text().indexOf(" ("));
         for (int r = 0; r < group->rowCount(); ++r) {
             auto* item = static_cast<QStandardItemEx*>(group->child(r));
-            const std::string& hex = item->info.packet.PacketData;
-            if (item->mode != kItemEvent || item->info.direction != 2 || hex.size() < 2)
+            if (item->mode != kItemEvent || item->direction != 2)
+                continue;
+            const std::string hex = model.Select(item).packet.PacketData;
+            if (hex.size() < 2)
                 continue;
             const int phase = phaseOfHeader(std::stoi(hex.substr(0, 2), nullptr, 16));
             if (phase == 0)

@@ -190,8 +190,8 @@ TEST_F(EventLogModelTest, ViolationTakesTwoNumbers)
     ASSERT_TRUE(item);
     const auto* ex = static_cast<QStandardItemEx*>(item);
     EXPECT_EQ(ex->mode, kItemNotice);
-    EXPECT_EQ(ex->info.id, 3);  // the item shows the next one
-    EXPECT_FALSE(ex->info.timingsample.time.empty());
+    EXPECT_EQ(ex->info->id, 3);  // the item shows the next one
+    EXPECT_FALSE(ex->info->timingsample.time.empty());
     EXPECT_EQ(m.LogLines()[1].toStdString(), "   [3] Violation: CEP Timeout");
     EXPECT_EQ(m.LogLines()[2].toStdString(), "Rx [4] SignalStrength");
     EXPECT_EQ(m.CurrentPhase(), 1);
@@ -236,7 +236,7 @@ TEST_F(EventLogModelTest, LineLimitIsWindowTimeTimes50ThenTimes500AfterStart)
     for (int k = 0; k < 60; ++k)
         m.AddEvents({});
     EXPECT_EQ(group->rowCount(), 50);
-    EXPECT_EQ(static_cast<QStandardItemEx*>(group)->info.eventG.eventCount, 600);  // totals keep counting
+    EXPECT_EQ(static_cast<QStandardItemEx*>(group)->info->eventG.eventCount, 600);  // totals keep counting
 }
 
 TEST_F(EventLogModelTest, AutosaveWritesRecordsBeforeNumberingAndLogLines)
@@ -292,14 +292,14 @@ TEST_F(EventLogModelTest, GroupRollsUpCountsAndTheFirstEventsSpan)
     b->eventG.failureCount = 1;
     m.AddEvents({a, b});
     const auto* group = static_cast<QStandardItemEx*>(m.Root()->child(0));
-    EXPECT_EQ(group->info.eventG.eventCount, 2);
-    EXPECT_EQ(group->info.eventG.failureCount, 1);
-    EXPECT_EQ(group->info.eventG.FirstEventNumber, 1);
-    EXPECT_EQ(group->info.eventG.lastEventNumber, 2);
-    EXPECT_EQ(group->info.timings.startTime, 1000);
-    EXPECT_EQ(group->info.timings.endTime, 2000);
+    EXPECT_EQ(group->info->eventG.eventCount, 2);
+    EXPECT_EQ(group->info->eventG.failureCount, 1);
+    EXPECT_EQ(group->info->eventG.FirstEventNumber, 1);
+    EXPECT_EQ(group->info->eventG.lastEventNumber, 2);
+    EXPECT_EQ(group->info->timings.startTime, 1000);
+    EXPECT_EQ(group->info->timings.endTime, 2000);
     const auto* item = static_cast<QStandardItemEx*>(group->child(1));
-    EXPECT_EQ(item->info.common.logData, "b");
+    EXPECT_EQ(item->info->common.logData, "b");
 }
 
 TEST_F(EventLogModelTest, LimitBelowTwoRowsDropsTheOpenSubGroupAndTheNextControlErrorOpensANewOne)
@@ -318,7 +318,7 @@ TEST_F(EventLogModelTest, LimitBelowTwoRowsDropsTheOpenSubGroupAndTheNextControl
     EXPECT_EQ(group->rowCount(), 1);
     EXPECT_EQ(m.SubGroup(), nullptr);
     // The events were counted and logged all the same.
-    EXPECT_EQ(static_cast<QStandardItemEx*>(group)->info.eventG.eventCount, 4);
+    EXPECT_EQ(static_cast<QStandardItemEx*>(group)->info->eventG.eventCount, 4);
     EXPECT_EQ(m.NextEventNumber(), 6);
 }
 
@@ -397,7 +397,7 @@ QStandardItemEx* FindItem(EventLogModel& m, int64_t number)
         QStandardItem* item = pending.back();
         pending.pop_back();
         auto* x = dynamic_cast<QStandardItemEx*>(item);
-        if (x && x->mode == kItemEvent && x->info.common.eventNumber == number)
+        if (x && x->mode == kItemEvent && x->number == number)
             return x;
         for (int r = 0; r < item->rowCount(); ++r)
             pending.push_back(item->child(r));
@@ -416,6 +416,9 @@ std::vector<MsgInfoPtr> CapturedEvents(uint32_t first, uint32_t count, std::vect
         e->capture = Capture(i);
         e->timing.startTime = e->capture->startTime;
         e->timing.startTimeStamp = "00:00:00." + std::to_string(100000 + i);
+        // What the .sid does not keep, different from event to event.
+        e->packet.Status = i % 2 ? "NoError" : "Error";
+        e->enqueueTick = 5000 + i;
         live.push_back(*e->capture);
         events.push_back(e);
     }
@@ -447,41 +450,56 @@ TEST_F(EventLogModelTest, OldEventLoadsItsRecordBackIdentical)
     // Event number 2 is the first event (the Start marker took 1).
     QStandardItemEx* old = FindItem(m, 2);
     ASSERT_TRUE(old);
-    EXPECT_FALSE(old->info.capture);
-    const std::string shown = old->info.ToJson();
+    // The item holds only what it shows; its event is read back on selection.
+    EXPECT_FALSE(old->info);
+    EXPECT_EQ(old->text().toStdString(), "Rx ReceivedPower 10%");
     MsgInfo& selected = m.Select(old);
-    EXPECT_EQ(&selected, &old->info);
+    EXPECT_EQ(&selected, old->info.get());
     ASSERT_TRUE(selected.capture);
     ExpectSameRecord(live[0], *selected.capture);
-    EXPECT_EQ(selected.ToJson(), shown);
+    EXPECT_EQ(selected.ToJson(), kept[0]->ToJson());
     EXPECT_EQ(selected.str.toStdString(), "ReceivedPower 10%");
 
     // A control error inside its sub-group, long gone from memory too.
     QStandardItemEx* inGroup = FindItem(m, 4);
     ASSERT_TRUE(inGroup);
     ASSERT_EQ(static_cast<QStandardItemEx*>(inGroup->parent())->mode, kItemControlError);
-    ASSERT_FALSE(inGroup->info.capture);
+    ASSERT_FALSE(inGroup->info);
     ASSERT_TRUE(m.Select(inGroup).capture);
-    ExpectSameRecord(live[2], *inGroup->info.capture);
-    // The one selected before lets its record go; the selected one keeps it.
-    EXPECT_FALSE(old->info.capture);
+    ExpectSameRecord(live[2], *inGroup->info->capture);
+    // The one selected before lets its event go; the selected one keeps it.
+    EXPECT_FALSE(old->info);
     m.AddEvents(CapturedEvents(101, 20, live));
-    EXPECT_TRUE(inGroup->info.capture);
+    ASSERT_TRUE(inGroup->info);
+    EXPECT_TRUE(inGroup->info->capture);
     EXPECT_LE(m.TreeFootprint().records, 9u);
 
     // Selecting again is served from the cache.
     EXPECT_EQ(m.CachedRecords(), 2u);
     ASSERT_TRUE(m.Select(old).capture);
-    ExpectSameRecord(live[0], *old->info.capture);
+    ExpectSameRecord(live[0], *old->info->capture);
     EXPECT_EQ(m.CachedRecords(), 2u);
 
-    // Every event of the session loads back identical.
+    // Every event of the session loads back identical: the .sid's fields,
+    // the numbering, what only the item kept, and the capture record.
     for (uint32_t i = 0; i < 120; ++i) {
         QStandardItemEx* item = FindItem(m, 2 + i);
         ASSERT_TRUE(item) << i;
-        ASSERT_TRUE(m.Select(item).capture) << i;
-        ExpectSameRecord(live[i], *item->info.capture);
+        const MsgInfo& e = m.Select(item);
+        ASSERT_TRUE(e.capture) << i;
+        ExpectSameRecord(live[i], *e.capture);
+        if (i < kept.size()) {
+            EXPECT_EQ(e.ToJson(), kept[i]->ToJson()) << i;
+            EXPECT_EQ(e.id, kept[i]->id);
+            EXPECT_EQ(e.direction, kept[i]->direction);
+            EXPECT_EQ(e.packet.Status, kept[i]->packet.Status);
+            EXPECT_EQ(e.enqueueTick, kept[i]->enqueueTick);
+            EXPECT_EQ(e.type, kept[i]->type);
+            EXPECT_EQ(e.str, kept[i]->str);
+        }
     }
+    // The tree holds whole events only for the newest and the selected.
+    EXPECT_LE(m.TreeFootprint().events, 9u);
     EXPECT_LE(m.TreeFootprint().records, 9u);
     EXPECT_LE(m.CachedRecords(), EventLogModel::kCachedRecords);
 }
@@ -587,7 +605,7 @@ TEST_F(EventLogModelTest, OpenedSessionWithoutRecordFilePlaysAsBefore)
     for (const auto& e : loaded)
         EXPECT_FALSE(e->capture);
     EXPECT_EQ(m.Records()->Count(), 0u);
-    EXPECT_EQ(m.Root()->info.eventG.eventCount, 5);
+    EXPECT_EQ(m.Root()->info->eventG.eventCount, 5);
 }
 
 // The record file meets the largest size a process may write, as a full disk
@@ -652,6 +670,86 @@ TEST_F(EventLogModelTest, RecordFileThatCannotGrowLeavesLaterEventsWithoutWave)
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// A .sid that stops growing mid-session (a full disk): the events it holds
+// whole read back from it, the later ones stay whole in memory, every item
+// selects its own event, and the application log says it once.
+TEST_F(EventLogModelTest, SessionFileThatCannotGrowKeepsLaterEventsInMemory)
+{
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        auto told = [] {
+            std::ifstream in(Log::Instance().FilePath(), std::ios::binary);
+            const std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+            const std::string line = "Could not write the session file";
+            int n = 0;
+            for (size_t at = all.find(line); at != std::string::npos; at = all.find(line, at + 1))
+                ++n;
+            return n;
+        };
+        const int toldBefore = told();
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{};
+        limit.rlim_cur = limit.rlim_max = 40 * 1024;
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+            _exit(10);
+        EventLogModel m;
+        m.SetLiveRecords(2);
+        m.StartAcquisition();
+        std::vector<TriggerData> live;
+        std::vector<MsgInfo> shown;
+        for (uint32_t i = 0; i < 60; ++i) {
+            auto events = CapturedEvents(1 + i, 1, live);
+            // About 2 kB a .sid record: the .sid fills after some twenty.
+            events[0]->common.logData = std::string(2000, static_cast<char>('a' + i % 26));
+            m.AddEvents(events);
+            shown.push_back(*events[0]);
+        }
+        std::vector<MsgInfoPtr> back;
+        if (!ReadSessionFile(m.SidPath(), back) || back.size() < 10 || back.size() >= 60)
+            _exit(11);
+        const EventLogModel::Footprint f = m.TreeFootprint();
+        // The events the .sid could not hold stay whole in memory.
+        if (f.events < 20 || f.events > 50)
+            _exit(12);
+        for (uint32_t i = 0; i < 60; ++i) {
+            QStandardItemEx* item = FindItem(m, 2 + i);
+            if (!item)
+                _exit(13);
+            const MsgInfo& e = m.Select(item);
+            if (e.ToJson() != shown[i].ToJson() || e.packet.Status != shown[i].packet.Status ||
+                e.enqueueTick != shown[i].enqueueTick || e.direction != shown[i].direction)
+                _exit(14);
+        }
+        if (told() != toldBefore + 1)
+            _exit(15);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// A .sid that became unreadable after its events left memory: selecting one
+// shows what the item still knows and nothing crashes.
+TEST_F(EventLogModelTest, SessionFileGoneLeavesItemsSelectable)
+{
+    EventLogModel m;
+    m.SetLiveRecords(1);
+    m.StartAcquisition();
+    std::vector<TriggerData> live;
+    m.AddEvents(CapturedEvents(1, 5, live));
+    QStandardItemEx* old = FindItem(m, 2);
+    ASSERT_TRUE(old);
+    ASSERT_FALSE(old->info);
+    ASSERT_EQ(std::remove(m.SidPath().c_str()), 0);
+    const MsgInfo& e = m.Select(old);
+    EXPECT_EQ(e.type, old->type);
+    EXPECT_EQ(e.direction, 2);
+    EXPECT_EQ(e.str, old->text());
 }
 
 // A .sid that lost a record in its middle no longer lines up with its record

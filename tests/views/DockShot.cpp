@@ -48,20 +48,23 @@ int main(int argc, char** argv)
     std::function<QStandardItemEx*(QStandardItem*)> findRecovered = [&](QStandardItem* parent) -> QStandardItemEx* {
         for (int r = 0; r < parent->rowCount(); ++r) {
             auto* item = static_cast<QStandardItemEx*>(parent->child(r));
-            if (item->mode == kItemEvent && !item->info.packet.reading.empty() && (!fsk || item->info.direction == 1))
-                return item;
+            if (item->mode == kItemEvent && (!fsk || item->direction == 1)) {
+                const MsgInfo& e = dock.EventWindow()->Model().Select(item);
+                if (!e.packet.reading.empty())
+                    return item;
+            }
             if (QStandardItemEx* found = findRecovered(item))
                 return found;
         }
         return nullptr;
     };
     if (QStandardItemEx* item = recovered ? findRecovered(root) : nullptr)
-        dock.EventWindowSelected(item->info, item->mode);
+        dock.EventWindowSelected(dock.EventWindow()->Model().Select(item), item->mode);
     for (int r = recovered ? -1 : root->rowCount() - 1; r >= 0; --r) {
         auto* group = static_cast<QStandardItemEx*>(root->child(r));
         if (group->mode == kItemPhase && group->rowCount() > 1) {
             auto* item = static_cast<QStandardItemEx*>(group->child(group->rowCount() - 1));
-            dock.EventWindowSelected(item->info, item->mode);
+            dock.EventWindowSelected(dock.EventWindow()->Model().Select(item), item->mode);
             break;
         }
     }

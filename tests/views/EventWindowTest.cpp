@@ -121,11 +121,11 @@ TEST_F(EventWindowTest, ItemsCarryTheIconOfTheirKind)
             auto* item = static_cast<QStandardItemEx*>(parent->child(r));
             const char* expected = nullptr;
             switch (item->mode) {
-            case kItemEvent: expected = item->info.type == kTypeDeviceStatus ? "info" : "event"; break;
+            case kItemEvent: expected = item->type == kTypeDeviceStatus ? "info" : "event"; break;
             case kItemControlError: case kItemDigitalPing: case kItemPhase: expected = "group"; break;
             case kItemStart: expected = "start"; break;
             case kItemStop: expected = "stop"; break;
-            case kItemNotice: expected = item->info.type == kTypeContract ? "info" : "ept"; break;
+            case kItemNotice: expected = item->type == kTypeContract ? "info" : "ept"; break;
             default: break;
             }
             ASSERT_TRUE(expected) << item->text().toStdString();
@@ -352,7 +352,7 @@ TEST_F(EventWindowTest, SelectionCarriesTheItemsOwnEvent)
     w.eventClidked(event);
     ASSERT_TRUE(selected);
     EXPECT_EQ(mode, kItemEvent);
-    EXPECT_EQ(selected, &ItemAt(w, event)->info);
+    EXPECT_EQ(selected, ItemAt(w, event)->info.get());
     EXPECT_EQ(selected->packet.PacketData, "01 80 81 ");
     EXPECT_EQ(selected->common.eventNumber, 2);
 }
@@ -394,7 +394,7 @@ TEST_F(EventWindowTest, ClickOnAnOldEventShowsTheRecordItHadLive)
     const QModelIndex group = m->index(1, 0, m->index(0, 0));
     ASSERT_EQ(m->rowCount(group), 40);
     const QModelIndex first = m->index(0, 0, group);
-    ASSERT_FALSE(ItemAt(w, first)->info.capture);  // no longer in memory
+    ASSERT_FALSE(ItemAt(w, first)->info);  // no longer in memory
     tree->scrollTo(first);
     QTest::mouseClick(tree->viewport(), Qt::LeftButton, {}, tree->visualRect(first).center());
     ASSERT_TRUE(shown);
