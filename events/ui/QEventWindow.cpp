@@ -116,7 +116,7 @@ void QEventWindow::BuildForm()
     }
     treeButtons->addStretch(1);
     treeLayout->addLayout(treeButtons);
-    m_eventView = new QTreeView(m_tab);
+    m_eventView = new EventTreeView(m_tab);
     m_eventView->setObjectName(QStringLiteral("eventView"));
     m_eventView->setHeaderHidden(true);
     m_eventView->setEditTriggers(QAbstractItemView::NoEditTriggers);
@@ -162,6 +162,40 @@ void QEventWindow::BuildForm()
     connect(m_eventView, &QTreeView::doubleClicked, this, &QEventWindow::on_listView_doubleClicked);
     connect(m_eventView, &QTreeView::collapsed, this, [this] { m_expandedAll = false; });
     connect(m_plainTextEdit, &QPlainTextEdit::customContextMenuRequested, this, &QEventWindow::slot_textmenu);
+}
+
+void EventTreeView::ReleaseLayout()
+{
+    m_held = false;
+    if (m_skipped) {
+        m_skipped = false;
+        scheduleDelayedItemsLayout();
+    }
+}
+
+void EventTreeView::doItemsLayout()
+{
+    m_layouts += 1;
+    QTreeView::doItemsLayout();
+}
+
+void EventTreeView::scrollTo(const QModelIndex& index, ScrollHint hint)
+{
+    if (m_skipped) {
+        m_skipped = false;
+        doItemsLayout();
+    }
+    QTreeView::scrollTo(index, hint);
+}
+
+void EventTreeView::rowsInserted(const QModelIndex& parent, int start, int end)
+{
+    if (m_held) {
+        m_skipped = true;
+        QAbstractItemView::rowsInserted(parent, start, end);
+        return;
+    }
+    QTreeView::rowsInserted(parent, start, end);
 }
 
 QIcon QEventWindow::IconOf(const QStandardItemEx& item) const
@@ -217,6 +251,7 @@ void QEventWindow::ClearAll()
     m_treeTimer->stop();
     m_treeBehind = false;
     m_eventView->viewport()->setUpdatesEnabled(true);
+    m_eventView->ReleaseLayout();
     m_model.ClearAll();
     m_expandedAll = false;
     m_eventView->expand(m_proxy->index(0, 0));
@@ -246,8 +281,10 @@ void QEventWindow::AfterTreeChange(int rootRowsBefore)
 // held: the rows it inserts would otherwise repaint the tree at once.
 void QEventWindow::BeforeTreeChange()
 {
-    if (m_eventView->isVisible() && m_treeTimer->isActive())
+    if (m_eventView->isVisible() && m_treeTimer->isActive()) {
         m_eventView->viewport()->setUpdatesEnabled(false);
+        m_eventView->HoldLayout();
+    }
 }
 
 void QEventWindow::CatchUpNow()
@@ -259,6 +296,7 @@ void QEventWindow::CatchUpNow()
 void QEventWindow::CatchUpTree()
 {
     m_eventView->viewport()->setUpdatesEnabled(true);
+    m_eventView->ReleaseLayout();
     if (!m_treeBehind)
         return;
     m_treeBehind = false;

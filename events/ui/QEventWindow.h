@@ -11,6 +11,7 @@
 #include <QDialog>
 #include <QIcon>
 #include <QMap>
+#include <QTreeView>
 
 class QIdentityProxyModel;
 class QModelIndex;
@@ -18,8 +19,36 @@ class QPlainTextEdit;
 class QPushButton;
 class QTabWidget;
 class QTimer;
-class QTreeView;
 class QWidget;
+
+// The tree of the event window. While its painting is held for a catch-up,
+// the rows a batch appends do not lay the whole tree out again: a QTreeView
+// lays out every expanded row after each insertion under an expanded item,
+// which grows with the session. The layout waits for the hold's release and
+// is then done once. Rows are only ever appended while held, so the rows the
+// view has laid out stay valid in the meantime.
+class EventTreeView : public QTreeView {
+public:
+    using QTreeView::QTreeView;
+    void HoldLayout() { m_held = true; }
+    // Ends the hold; lays the tree out (on the next event-loop turn, or at
+    // once when the view is asked about it) if a batch was held.
+    void ReleaseLayout();
+    bool LayoutHeld() const { return m_held; }
+    // Whole layouts done, for tests.
+    int Layouts() const { return m_layouts; }
+    void doItemsLayout() override;
+    // Asked to show an item, the tree lays out what it held first.
+    void scrollTo(const QModelIndex& index, ScrollHint hint = EnsureVisible) override;
+
+protected:
+    void rowsInserted(const QModelIndex& parent, int start, int end) override;
+
+private:
+    bool m_held = false;
+    bool m_skipped = false;
+    int m_layouts = 0;
+};
 
 class QEventWindow : public QDialog {
     Q_OBJECT
@@ -37,7 +66,7 @@ public:
     bool HasFocus();
 
     EventLogModel& Model() { return m_model; }
-    QTreeView* EventView() const { return m_eventView; }
+    EventTreeView* EventView() const { return m_eventView; }
     QPlainTextEdit* LogView() const { return m_plainTextEdit; }
     QTabWidget* Tabs() const { return m_tabWidget; }
     // The icon a tree item is shown with.
@@ -102,7 +131,7 @@ private:
     QTabWidget* m_tabWidget = nullptr;
     QWidget* m_tab = nullptr;
     QWidget* m_tab2 = nullptr;
-    QTreeView* m_eventView = nullptr;
+    EventTreeView* m_eventView = nullptr;
     QPushButton* m_eventScrollButton = nullptr;
     QPushButton* m_eventExpandButton = nullptr;
     QPushButton* m_logScrollButton = nullptr;

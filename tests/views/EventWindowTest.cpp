@@ -214,7 +214,7 @@ TEST_F(EventWindowTest, BatchesSoonAfterAShownOneAreShownTogetherAtTheEndOfTheCa
     w.StartAcquisition();  // shown at once, and opens the catch-up time
     ASSERT_TRUE(QTest::qWaitFor([&] { return !w.TreeBehind(); }, 5000));
     QTest::qWait(QEventWindow::kTreeCatchUpMs + 50);
-    QTreeView* tree = w.EventView();
+    EventTreeView* tree = w.EventView();
     QAbstractItemModel* m = tree->model();
     const QModelIndex root = m->index(0, 0);
     // The first batch after a quiet time is followed at once.
@@ -226,13 +226,29 @@ TEST_F(EventWindowTest, BatchesSoonAfterAShownOneAreShownTogetherAtTheEndOfTheCa
     EXPECT_EQ(followed, tree->verticalScrollBar()->maximum());
     // The next ones, right after it, wait: numbered and in the model, but the
     // view neither scrolls nor paints until the catch-up.
-    for (int k = 0; k < 3; ++k)
+    // Nor is the tree laid out again for each of them: once, at the catch-up.
+    QCoreApplication::processEvents();
+    const int layouts = tree->Layouts();
+    for (int k = 0; k < 3; ++k) {
         w.AddEvents(Batch(20));
+        QCoreApplication::processEvents();
+    }
     EXPECT_TRUE(w.TreeBehind());
+    EXPECT_TRUE(tree->LayoutHeld());
     EXPECT_FALSE(tree->viewport()->updatesEnabled());
     EXPECT_EQ(tree->verticalScrollBar()->value(), followed);
+    EXPECT_EQ(tree->Layouts(), layouts);
     EXPECT_EQ(w.Model().NextEventNumber(), 1 + 1 + 4 * 22);
     ASSERT_TRUE(QTest::qWaitFor([&] { return !w.TreeBehind(); }, 5000));
+    EXPECT_FALSE(tree->LayoutHeld());
+    EXPECT_EQ(tree->Layouts(), layouts + 1);
+    // Every row the held batches appended is laid out and the newest in view.
+    QModelIndex newest = root;
+    while (m->rowCount(newest) > 0)
+        newest = m->index(m->rowCount(newest) - 1, 0, newest);
+    EXPECT_FALSE(tree->visualRect(newest).isEmpty());
+    EXPECT_TRUE(tree->viewport()->rect().intersects(tree->visualRect(newest)));
+    EXPECT_EQ(tree->indexAt(tree->visualRect(newest).center()), newest);
     EXPECT_TRUE(tree->viewport()->updatesEnabled());
     EXPECT_GT(tree->verticalScrollBar()->value(), followed);
     EXPECT_EQ(tree->verticalScrollBar()->value(), tree->verticalScrollBar()->maximum());
