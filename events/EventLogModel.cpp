@@ -64,6 +64,43 @@ int32_t WindowTime()
 
 }  // namespace
 
+QStandardItemEx::QStandardItemEx(const QString& text, StandardItemMode mode)
+    : mode(mode), info(std::make_unique<MsgInfo>())
+{
+    if (mode == kItemEvent) {
+        m_text = text.toUtf8();
+        m_compact = true;
+    } else {
+        setText(text);
+    }
+}
+
+void QStandardItemEx::SetInfo(const MsgInfo& e)
+{
+    if (info)
+        *info = e;
+    else
+        info = std::make_unique<MsgInfo>(e);
+    type = e.type;
+}
+
+QVariant QStandardItemEx::data(int role) const
+{
+    if (m_compact && (role == Qt::DisplayRole || role == Qt::EditRole))
+        return QString::fromUtf8(m_text);
+    return QStandardItem::data(role);
+}
+
+void QStandardItemEx::setData(const QVariant& value, int role)
+{
+    if (m_compact && (role == Qt::DisplayRole || role == Qt::EditRole)) {
+        m_text = value.toString().toUtf8();
+        emitDataChanged();
+        return;
+    }
+    QStandardItem::setData(value, role);
+}
+
 EventLogModel::EventLogModel()
 {
     m_rootTitle = Q("Coilscope @ " + LocalTime("%Y-%m-%d %H:%M:%S"));
@@ -189,24 +226,31 @@ void EventLogModel::MarkRecord(QStandardItemEx* item, const MsgInfo& e)
     item->number = static_cast<int32_t>(e.common.eventNumber);
     item->direction = e.direction;
     item->enqueueTick = e.enqueueTick;
-    item->status = e.packet.Status;
-    if (m_pendingOffset >= 0 && !m_sidFiles.empty()) {
-        item->session = static_cast<int32_t>(m_sidFiles.size() - 1);
-        item->sidOffset = static_cast<uint64_t>(m_pendingOffset);
-    }
-    if (!m_pendingNumber || !e.capture)
+    const std::string& status = e.packet.Status;
+    item->status = status.empty() ? 0 : status == "NoError" ? 1 : status == "Error" ? 2 : 3;
+    // The session's .sid and record file are made together: one index.
+    if (m_sidFiles.empty())
         return;
-    item->setData(QVariant::fromValue<qulonglong>(m_pendingNumber), kRecordNumberRole);
-    item->setData(static_cast<int>(m_recordFiles.size() - 1), kRecordFileRole);
+    item->session = static_cast<int32_t>(m_sidFiles.size() - 1);
+    if (m_pendingOffset >= 0 && item->status != 3)
+        item->sidOffset = static_cast<uint64_t>(m_pendingOffset);
+    else
+        item->sidOffset = kNotInSid;
+    if (m_pendingNumber && e.capture)
+        item->recordNumber = m_pendingNumber;
 }
 
 void EventLogModel::Release(QStandardItemEx* item)
 {
+    if (item && item->isGroup && item != m_phaseGroup && item != m_subGroup) {
+        Compact(item);
+        return;
+    }
     if (!item || item->mode != kItemEvent || !item->info)
         return;
-    if (item->session >= 0)
+    if (item->session >= 0 && item->sidOffset != kNotInSid)
         item->info.reset();
-    else if (item->data(kRecordNumberRole).isValid())
+    else if (item->recordNumber)
         item->info->capture.reset();
 }
 
@@ -229,15 +273,11 @@ void EventLogModel::ReleaseOldRecords()
     }
 }
 
-TriggerDataPtr EventLogModel::LoadRecord(const QStandardItem* item)
+TriggerDataPtr EventLogModel::LoadRecord(const QStandardItemEx* item)
 {
-    if (!item)
+    if (!item || item->session < 0 || !item->recordNumber)
         return nullptr;
-    const QVariant number = item->data(kRecordNumberRole);
-    const QVariant file = item->data(kRecordFileRole);
-    if (!number.isValid() || !file.isValid())
-        return nullptr;
-    const CacheKey key(file.toInt(), number.toULongLong());
+    const CacheKey key(item->session, item->recordNumber);
     for (auto it = m_cache.begin(); it != m_cache.end(); ++it) {
         if (it->first == key) {
             m_cache.splice(m_cache.begin(), m_cache, it);
@@ -282,8 +322,7 @@ MsgInfo& EventLogModel::Select(QStandardItemEx* item)
         }
         item->info = std::make_unique<MsgInfo>(std::move(*event));
     }
-    if (!item->info)
-        item->info = std::make_unique<MsgInfo>();
+    Expand(item);
     if (item->mode == kItemEvent && !item->info->capture)
         item->info->capture = LoadRecord(item);
     return *item->info;
@@ -291,8 +330,8 @@ MsgInfo& EventLogModel::Select(QStandardItemEx* item)
 
 MsgInfoPtr EventLogModel::LoadEvent(const QStandardItemEx* item) const
 {
-    if (!item || item->session < 0 || static_cast<size_t>(item->session) >= m_sidFiles.size() ||
-        m_sidFiles[item->session].empty())
+    if (!item || item->session < 0 || item->sidOffset == kNotInSid ||
+        static_cast<size_t>(item->session) >= m_sidFiles.size() || m_sidFiles[item->session].empty())
         return nullptr;
     MsgInfoPtr e = ReadSessionRecordAt(m_sidFiles[item->session], item->sidOffset);
     if (!e)
@@ -305,7 +344,8 @@ MsgInfoPtr EventLogModel::LoadEvent(const QStandardItemEx* item) const
     e->eventG.lastEventNumber = n;
     e->direction = item->direction;
     e->enqueueTick = item->enqueueTick;
-    e->packet.Status = item->status;
+    static const char* const kStatus[] = {"", "NoError", "Error"};
+    e->packet.Status = item->status < 3 ? kStatus[item->status] : "";
     return e;
 }
 
@@ -385,13 +425,57 @@ int EventLogModel::PhaseOf(const MsgInfo& e)
 
 void EventLogModel::CloseGroups()
 {
-    m_phaseGroup = nullptr;
-    m_subGroup = nullptr;
+    SetPhaseGroup(nullptr);
+    SetSubGroup(nullptr);
+}
+
+void EventLogModel::SetPhaseGroup(QStandardItemEx* group)
+{
+    if (m_phaseGroup && m_phaseGroup != group)
+        Compact(m_phaseGroup);
+    m_phaseGroup = group;
+}
+
+void EventLogModel::SetSubGroup(QStandardItemEx* group)
+{
+    if (m_subGroup && m_subGroup != group)
+        Compact(m_subGroup);
+    m_subGroup = group;
+}
+
+// A closed group takes no more events: of its record it keeps only what a
+// group's record holds (totals, span, direction), a tenth of a whole record,
+// and gets the whole record back when it is shown.
+void EventLogModel::Compact(QStandardItemEx* group)
+{
+    if (!m_compactGroups || !group || !group->info || group->mode == kItemRoot ||
+        QPersistentModelIndex(group->index()) == m_selected)
+        return;
+    auto digest = std::make_unique<GroupDigest>();
+    digest->eventG = std::move(group->info->eventG);
+    digest->timings = std::move(group->info->timings);
+    digest->direction = group->info->direction;
+    group->digest = std::move(digest);
+    group->info.reset();
+}
+
+MsgInfo& EventLogModel::Expand(QStandardItemEx* item)
+{
+    if (!item->info) {
+        item->info = std::make_unique<MsgInfo>();
+        if (item->digest) {
+            item->info->eventG = item->digest->eventG;
+            item->info->timings = item->digest->timings;
+            item->info->direction = item->digest->direction;
+            item->info->type = item->type;
+        }
+    }
+    return *item->info;
 }
 
 void EventLogModel::OpenGroup(const MsgInfo& e)
 {
-    m_subGroup = nullptr;
+    SetSubGroup(nullptr);
     m_phase = PhaseOf(e);
     static const char* titles[] = {"Power Ping Phase", "ID & Configure Phase", "Nego Phase", "Calibration Phase",
                                    "Power Transfer Phase"};
@@ -401,8 +485,9 @@ void EventLogModel::OpenGroup(const MsgInfo& e)
     else
         group = new QStandardItemEx(QStringLiteral("Proprietary"), kItemEvent);
     group->info->direction = e.direction;
+    group->isGroup = true;
     m_root->appendRow(group);
-    m_phaseGroup = group;
+    SetPhaseGroup(group);
     if (m_phase == 3)
         m_calibration = 1;
     if (groupOpened)
@@ -427,14 +512,15 @@ void EventLogModel::RollUp(QStandardItemEx* item, const MsgInfo& e)
             x->SetInfo(e);
             continue;
         }
-        EventGroup& g = x->info->eventG;
+        MsgInfo& info = Expand(x);
+        EventGroup& g = info.eventG;
         g.eventCount += e.eventG.eventCount;
         g.failureCount += e.eventG.failureCount;
         g.warningCount += e.eventG.warningCount;
         if (g.FirstEventNumber == 0)
             g.FirstEventNumber = e.eventG.FirstEventNumber;
         g.lastEventNumber = e.eventG.lastEventNumber;
-        TimingsGroup& t = x->info->timings;
+        TimingsGroup& t = info.timings;
         if (t.startTime == 0) {
             // Taken with the start only: a group's span stays its first event's.
             t.startTime = static_cast<int64_t>(e.timing.startTime);
@@ -448,11 +534,11 @@ void EventLogModel::RollUp(QStandardItemEx* item, const MsgInfo& e)
 
 void EventLogModel::RetitleSubGroup()
 {
-    if (!m_subGroup || m_subGroup->errors.empty())
+    if (!m_subGroup || m_subGroupErrors.empty())
         return;
-    const ControlErrorMark* low = &m_subGroup->errors.front();
+    const ControlErrorMark* low = &m_subGroupErrors.front();
     const ControlErrorMark* high = low;
-    for (const ControlErrorMark& e : m_subGroup->errors) {
+    for (const ControlErrorMark& e : m_subGroupErrors) {
         if (e.value < low->value)
             low = &e;
         if (e.value > high->value)
@@ -503,12 +589,14 @@ QStandardItemEx* EventLogModel::AddToTree(const MsgInfoPtr& e)
             const bool ping = e->type == kTypeDigitalPing;
             m_subGroup = new QStandardItemEx(ping ? QStringLiteral("Digital Ping") : QStringLiteral("Control Error"),
                                              ping ? kItemDigitalPing : kItemControlError);
+            m_subGroup->isGroup = true;
             m_phaseGroup->appendRow(m_subGroup);
+            m_subGroupErrors.clear();
         }
         item = new QStandardItemEx(e->str, kItemEvent);
         MarkRecord(item, *e);
         m_subGroup->appendRow(item);
-        m_subGroup->errors.push_back(ControlErrorMark{e->packet.controlErrorValue, e->packet.controlErrorFreq});
+        m_subGroupErrors.push_back(ControlErrorMark{e->packet.controlErrorValue, e->packet.controlErrorFreq});
         RollUp(item, *e);
         RetitleSubGroup();
         return item;
@@ -517,7 +605,7 @@ QStandardItemEx* EventLogModel::AddToTree(const MsgInfoPtr& e)
     item = new QStandardItemEx(prefix + e->str, kItemEvent);
     MarkRecord(item, *e);
     m_phaseGroup->appendRow(item);
-    m_subGroup = nullptr;
+    SetSubGroup(nullptr);
     RollUp(item, *e);
     return item;
 }
@@ -601,7 +689,7 @@ void EventLogModel::AddEvents(const std::vector<MsgInfoPtr>& events)
             // With a limit below two rows the row removed can be the open
             // sub-group itself: the next event of its kind starts a new one.
             if (m_subGroup && m_phaseGroup->child(1) == m_subGroup)
-                m_subGroup = nullptr;
+                SetSubGroup(nullptr);
             m_phaseGroup->removeRow(1);
         }
     }
@@ -670,10 +758,10 @@ void EventLogModel::ClearAll()
             f.reset();
     for (size_t i = 0; i + 1 < m_sidFiles.size(); ++i)
         m_sidFiles[i].clear();
+    m_phaseGroup = m_subGroup = nullptr;
     m_model.clear();
     m_root = new QStandardItemEx(m_rootTitle, kItemRoot);
     m_model.appendRow(m_root);
-    CloseGroups();
     m_phase = 1;
     m_logLines.clear();
 }

@@ -41,39 +41,54 @@ struct ControlErrorMark {
     int32_t freq = 0;
 };
 
+// An item of the event tree. A long session holds hundreds of thousands of
+// them, so an event item keeps only what it shows and where its event lies:
+// its text (as UTF-8, answered as the display role), its type for the icon,
+// its number and place in the session files, and the few fields of the event
+// the .sid does not keep. Its whole event is held only while the event is
+// among the newest or selected; EventLogModel::Select reads it back from the
+// .sid otherwise. Groups, markers and notices always hold their record.
+// What a closed group keeps of its record: all a group's record holds.
+struct GroupDigest {
+    EventGroup eventG;
+    TimingsGroup timings;
+    int32_t direction = 0;
+};
+
+// The .sid offset of an event whose record is not there whole.
+constexpr uint64_t kNotInSid = ~static_cast<uint64_t>(0);
+
 class QStandardItemEx : public QStandardItem {
 public:
-    QStandardItemEx(const QString& text, StandardItemMode mode)
-        : QStandardItem(text), mode(mode), info(std::make_unique<MsgInfo>())
-    {
-    }
+    QStandardItemEx(const QString& text, StandardItemMode mode);
     // Gives the item its record (and the type its icon is chosen by).
-    void SetInfo(const MsgInfo& e)
-    {
-        if (info)
-            *info = e;
-        else
-            info = std::make_unique<MsgInfo>(e);
-        type = e.type;
-    }
+    void SetInfo(const MsgInfo& e);
+    QVariant data(int role = Qt::UserRole + 1) const override;
+    void setData(const QVariant& value, int role = Qt::UserRole + 1) override;
 
     StandardItemMode mode;
-    int32_t type = 0;                          // the record's type, kept when the record is not
-    std::vector<ControlErrorMark> errors;      // a sub-group's control errors, for its title
-    // The record shown in the property tree. Groups, markers and notices keep
-    // theirs; an event item keeps its event while the event is among the
-    // newest or selected, and otherwise holds none: its event is read back
-    // from the session's .sid when it is selected (EventLogModel::Select).
-    std::unique_ptr<MsgInfo> info;
-    // Where an event item's event lies in the session files (session: the
-    // index of its session in the model, -1 for none), and what of the event
-    // the .sid does not keep.
+    int32_t type = 0;               // the record's type, kept when the record is not
+    std::unique_ptr<MsgInfo> info;  // the record shown in the property tree, or none
+    std::unique_ptr<GroupDigest> digest;  // a closed group's record, while info is none
+    // Where an event item's event lies: its session (an index into the
+    // model's sessions, -1 for none) and the offset of its .sid record; its
+    // capture record's number in that session's record file (0 for none).
     int32_t session = -1;
-    uint64_t sidOffset = 0;
     int32_t number = 0;
-    int32_t direction = 0;
+    uint64_t sidOffset = kNotInSid;
+    uint64_t recordNumber = 0;
+    // What of the event the .sid does not keep.
     int64_t enqueueTick = 0;
-    std::string status;
+    int32_t direction = 0;
+    // packet.Status: 0 empty, 1 "NoError", 2 "Error" (an event with any
+    // other status keeps its whole event).
+    uint8_t status = 0;
+    bool isGroup = false;  // a phase group or a sub-group
+
+private:
+    bool m_compact = false;
+    // An event item's text; other items keep theirs as QStandardItem does.
+    QByteArray m_text;
 };
 
 class EventLogModel {
@@ -133,6 +148,9 @@ public:
     static constexpr size_t kLiveRecords = 256;
     static constexpr size_t kCachedRecords = 16;
     void SetLiveRecords(size_t n) { m_liveRecords = n; }
+    // Closed groups keep a digest of their record (on by default; off, they
+    // keep it whole: the reference the digest is checked against).
+    void SetCompactGroups(bool on) { m_compactGroups = on; }
     size_t LiveRecords() const { return m_liveRecords; }
     // The event of an item as it is shown and selected: an event item whose
     // event left memory reads it back from its session's .sid, exactly as it
@@ -145,7 +163,7 @@ public:
     const RecordStore* Records() const { return m_records.get(); }
     // Loads the record of an item from its session's record file (through
     // the cache), without selecting it; null if it has none.
-    TriggerDataPtr LoadRecord(const QStandardItem* item);
+    TriggerDataPtr LoadRecord(const QStandardItemEx* item);
     // Reads the event of an event item back from its session's .sid, numbered
     // and completed as it was shown; null if the item has none there or the
     // .sid cannot be read.
@@ -159,10 +177,6 @@ public:
     // leaves the events as they are.
     void SetRecordSource(const std::string& sidPath);
     bool HasRecordSource() const { return m_source != nullptr; }
-    // Item data roles: the record's place in its .sid, and which session's
-    // record file (an index into the files this model made).
-    static constexpr int kRecordNumberRole = Qt::UserRole + 40;
-    static constexpr int kRecordFileRole = Qt::UserRole + 41;
 
     // The device's record as the markers copy it; empty fields until set.
     std::function<DeviceGroup()> deviceGroup;
@@ -187,6 +201,10 @@ private:
     void StoreRecord(const MsgInfoPtr& e);
     void MarkRecord(QStandardItemEx* item, const MsgInfo& e);
     void Release(QStandardItemEx* item);
+    void SetPhaseGroup(QStandardItemEx* group);
+    void SetSubGroup(QStandardItemEx* group);
+    void Compact(QStandardItemEx* group);
+    MsgInfo& Expand(QStandardItemEx* item);
     void WriteSid(const MsgInfo& e);
     void ReleaseOldRecords();
     void DropRecord(const QPersistentModelIndex& index);
@@ -196,6 +214,8 @@ private:
     QStandardItemEx* m_root = nullptr;
     QStandardItemEx* m_phaseGroup = nullptr;
     QStandardItemEx* m_subGroup = nullptr;
+    // The control errors of the open sub-group, for its title.
+    std::vector<ControlErrorMark> m_subGroupErrors;
     QStringList m_logLines;
     int m_phase = 1;
     int m_calibration = 0;
@@ -229,6 +249,7 @@ private:
     };
     std::deque<Live> m_live;
     size_t m_liveRecords = kLiveRecords;
+    bool m_compactGroups = true;
     QPersistentModelIndex m_selected;
     // Loaded-back records, most recent first; keyed by file and number.
     using CacheKey = std::pair<int, uint64_t>;

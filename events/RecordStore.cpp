@@ -345,7 +345,7 @@ bool RecordStore::Open(const std::string& path)
     const int fd = m_fd;
     m_end = WalkFrames(
         static_cast<uint64_t>(st.st_size), [fd](uint64_t at, uint8_t* into, size_t n) { return ReadAll(fd, into, n, at); },
-        [this](uint64_t number, const Entry& e) { m_index[number] = e; });
+        [this](uint64_t number, const Entry& e) { Put(number, e); });
     return true;
 }
 
@@ -484,7 +484,7 @@ bool RecordStore::Append(uint64_t number, const TriggerData& record, uint32_t ta
     e.length = length;
     e.crc = crc;
     e.tag = tag;
-    m_index[number] = e;
+    Put(number, e);
     m_end += frame.size();
     return true;
 }
@@ -495,10 +495,10 @@ TriggerDataPtr RecordStore::Load(uint64_t number, uint32_t* tag) const
     int fd;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        const auto it = m_index.find(number);
-        if (it == m_index.end() || m_fd < 0)
+        const Entry* found = Find(number);
+        if (!found || m_fd < 0)
             return nullptr;
-        e = it->second;
+        e = *found;
         fd = m_fd;
         // The frame is read under the lock as well: Close may run from
         // another thread and the descriptor must not change under the read.
@@ -523,10 +523,33 @@ TriggerDataPtr RecordStore::Load(uint64_t number, uint32_t* tag) const
     }
 }
 
+void RecordStore::Put(uint64_t number, const Entry& e)
+{
+    if (m_index.empty() || m_index.back().first < number) {
+        m_index.emplace_back(number, e);
+        return;
+    }
+    // A number seen again (a file walked with a repeated frame) takes the
+    // later entry, as a map would.
+    auto at = std::lower_bound(m_index.begin(), m_index.end(), number,
+                               [](const std::pair<uint64_t, Entry>& x, uint64_t n) { return x.first < n; });
+    if (at != m_index.end() && at->first == number)
+        at->second = e;
+    else
+        m_index.emplace(at, number, e);
+}
+
+const RecordStore::Entry* RecordStore::Find(uint64_t number) const
+{
+    auto at = std::lower_bound(m_index.begin(), m_index.end(), number,
+                               [](const std::pair<uint64_t, Entry>& x, uint64_t n) { return x.first < n; });
+    return at != m_index.end() && at->first == number ? &at->second : nullptr;
+}
+
 bool RecordStore::Has(uint64_t number) const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_index.count(number) != 0;
+    return Find(number) != nullptr;
 }
 
 size_t RecordStore::Count() const

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QDir>
 #include <QTemporaryDir>
 
 #include <csignal>
@@ -502,6 +503,77 @@ TEST_F(EventLogModelTest, OldEventLoadsItsRecordBackIdentical)
     EXPECT_LE(m.TreeFootprint().events, 9u);
     EXPECT_LE(m.TreeFootprint().records, 9u);
     EXPECT_LE(m.CachedRecords(), EventLogModel::kCachedRecords);
+}
+
+// Closed groups keep a digest of their record; selected, every group and
+// every item shows exactly the record a tree that keeps them whole shows.
+TEST_F(EventLogModelTest, ClosedGroupsAndOldEventsShowTheRecordsTheyHadWhole)
+{
+    auto session = [](uint32_t seed) {
+        std::vector<MsgInfoPtr> events;
+        std::vector<TriggerData> live;
+        for (uint32_t cycle = 0; cycle < 12; ++cycle) {
+            events.push_back(Event(253, 1, "Digital Ping 64ms"));
+            events.push_back(Event(253, 1, "Digital Ping 64ms"));
+            events.push_back(Event(1, 2, "SignalStrength 50"));
+            events.push_back(Event(81, 2, "Configuration"));
+            events.push_back(Event(7, 2, "Request"));
+            events.push_back(Event(48, 1, "Power Transmitter Identification"));
+            for (uint32_t k = 0; k < 9; ++k) {
+                auto captured = CapturedEvents(seed + cycle * 10 + k, 1, live);
+                captured[0]->packet.controlErrorValue = static_cast<float>((k * 7 + cycle) % 11) - 5.0f;
+                captured[0]->packet.controlErrorFreq = 120000 + static_cast<int>(k);
+                captured[0]->eventG.failureCount = k % 4 == 0;
+                captured[0]->timing.startTime = 1000 * (cycle * 10 + k + 1);
+                captured[0]->timing.endTime = captured[0]->timing.startTime + 7;
+                events.push_back(captured[0]);
+            }
+        }
+        return events;
+    };
+    EventLogModel compact, whole;
+    whole.SetCompactGroups(false);
+    for (EventLogModel* m : {&compact, &whole}) {
+        // Each its own folder: both sessions start within the same second.
+        const QString folder = dir.path() + (m == &whole ? "/whole/" : "/compact/");
+        ASSERT_TRUE(QDir().mkpath(folder));
+        SettingParams::Instance().eventPath = SettingParams::Instance().logPath = folder.toStdString();
+        m->SetLiveRecords(4);
+        m->StartAcquisition();
+        const auto events = session(1);
+        for (size_t i = 0; i < events.size(); i += 5)
+            m->AddEvents(std::vector<MsgInfoPtr>(events.begin() + static_cast<std::ptrdiff_t>(i),
+                                                 events.begin() + static_cast<std::ptrdiff_t>(std::min(events.size(), i + 5))));
+        m->StopAcquisition();
+    }
+    size_t groups = 0, compacted = 0;
+    std::function<void(QStandardItem*, QStandardItem*)> walk = [&](QStandardItem* a, QStandardItem* b) {
+        ASSERT_EQ(a->rowCount(), b->rowCount());
+        for (int r = 0; r < a->rowCount(); ++r) {
+            auto* x = static_cast<QStandardItemEx*>(a->child(r));
+            auto* y = static_cast<QStandardItemEx*>(b->child(r));
+            ASSERT_EQ(x->text(), y->text());
+            ASSERT_EQ(x->mode, y->mode);
+            if (x->isGroup) {
+                groups += 1;
+                compacted += !x->info;
+            }
+            const MsgInfo& shown = compact.Select(x);
+            const MsgInfo& reference = whole.Select(y);
+            // The markers and the root carry the wall time of their making.
+            if (x->mode != kItemStart && x->mode != kItemStop && x->mode != kItemRoot) {
+                EXPECT_EQ(shown.ToJson(), reference.ToJson()) << x->text().toStdString();
+                EXPECT_EQ(shown.direction, reference.direction);
+                EXPECT_EQ(shown.type, reference.type);
+            }
+            walk(x, y);
+        }
+    };
+    walk(compact.Model().invisibleRootItem(), whole.Model().invisibleRootItem());
+    EXPECT_GT(groups, 40u);
+    EXPECT_GT(compacted, groups / 2);
+    // A group shown and then left is compact again; the open ones never are.
+    EXPECT_LE(compact.TreeFootprint().events, 6u);
 }
 
 TEST_F(EventLogModelTest, EventsWithoutRecordsAndMarkersSelectAsBefore)
