@@ -319,6 +319,19 @@ std::vector<uint8_t> ReadAll(const std::string& path)
     return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
+// Durations in microseconds: their mean and the longest.
+struct Timings {
+    double sumUs = 0, maxUs = 0;
+    size_t n = 0;
+    void Add(double seconds)
+    {
+        sumUs += seconds * 1e6;
+        maxUs = std::max(maxUs, seconds * 1e6);
+        n += 1;
+    }
+    double MeanUs() const { return n ? sumUs / static_cast<double>(n) : 0.0; }
+};
+
 // What an event log model holds after a whole session: the streams the
 // emulator recorded as they went out go through the same chains again (the
 // events then carry their capture records, as live), into a fresh model.
@@ -343,8 +356,7 @@ void TreeOfSession(const std::string& askFile, const std::string& fskFile, const
     // What a click on an old event costs: its record read back and decoded,
     // spread over the whole file (the file is in the page cache, as it is
     // for a session written in this run).
-    double loadMean = 0, loadMax = 0;
-    size_t loads = 0;
+    Timings load;
     if (model.Records() && recordsStored) {
         const size_t last = static_cast<size_t>(events);
         for (size_t n = 1; n <= last; n += std::max<size_t>(1, last / 2000)) {
@@ -352,20 +364,13 @@ void TreeOfSession(const std::string& askFile, const std::string& fskFile, const
                 continue;
             const auto t = Clock::now();
             const TriggerDataPtr r = model.Records()->Load(n);
-            const double us = Since(t) * 1e6;
-            if (!r)
-                continue;
-            loadMean += us;
-            loadMax = std::max(loadMax, us);
-            loads += 1;
+            if (r)
+                load.Add(Since(t));
         }
-        if (loads)
-            loadMean /= static_cast<double>(loads);
     }
     // What a click on an old event in the tree costs: its event read back
     // from the .sid and its record from the record file, as Select does it.
-    double selectMean = 0, selectMax = 0;
-    size_t selects = 0;
+    Timings select;
     {
         std::vector<QStandardItemEx*> old;
         std::vector<QStandardItem*> pending = {model.Model().invisibleRootItem()};
@@ -381,15 +386,9 @@ void TreeOfSession(const std::string& askFile, const std::string& fskFile, const
         for (size_t i = 0; i < old.size(); i += std::max<size_t>(1, old.size() / 2000)) {
             const auto t = Clock::now();
             const MsgInfo& e = model.Select(old[i]);
-            const double us = Since(t) * 1e6;
-            if (e.type == 0 && e.str.isEmpty())
-                continue;
-            selectMean += us;
-            selectMax = std::max(selectMax, us);
-            selects += 1;
+            if (e.type != 0 || !e.str.isEmpty())
+                select.Add(Since(t));
         }
-        if (selects)
-            selectMean /= static_cast<double>(selects);
     }
     const size_t after = HeapInUse();
     model.CloseStreams();
@@ -405,11 +404,11 @@ void TreeOfSession(const std::string& askFile, const std::string& fskFile, const
     std::printf("    its record file beside the .sid holds %zu capture records in %.1f MB (%.0f bytes a record)\n",
                 recordsStored, static_cast<double>(recordBytes) * mb,
                 recordsStored ? static_cast<double>(recordBytes) / static_cast<double>(recordsStored) : 0.0);
-    std::printf("    loading a record back: %.0f us on average, %.0f us at most, over %zu records\n", loadMean,
-                loadMax, loads);
+    std::printf("    loading a record back: %.0f us on average, %.0f us at most, over %zu records\n", load.MeanUs(),
+                load.maxUs, load.n);
     std::printf("    selecting an old event (its event read back from the .sid, its record from the record file): "
                 "%.0f us on average, %.0f us at most, over %zu events; %zu items hold their whole event\n",
-                selectMean, selectMax, selects, f.events);
+                select.MeanUs(), select.maxUs, select.n, f.events);
 }
 
 int Usage()

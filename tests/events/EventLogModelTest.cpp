@@ -3,6 +3,7 @@
 #include "services/Log.h"
 #include "services/SettingParams.h"
 
+#include "FileSizeLimit.h"
 #include "RecordCompare.h"
 
 #include <gtest/gtest.h>
@@ -10,10 +11,7 @@
 #include <QDir>
 #include <QTemporaryDir>
 
-#include <csignal>
 #include <fstream>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -686,25 +684,8 @@ TEST_F(EventLogModelTest, OpenedSessionWithoutRecordFilePlaysAsBefore)
 // show no wave, and the application log says it once.
 TEST_F(EventLogModelTest, RecordFileThatCannotGrowLeavesLaterEventsWithoutWave)
 {
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        auto told = [] {
-            const std::string logPath = Log::Instance().FilePath();
-            std::ifstream in(logPath, std::ios::binary);
-            const std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-            const std::string line = "Capture records are no longer stored";
-            int n = 0;
-            for (size_t at = all.find(line); at != std::string::npos; at = all.find(line, at + 1))
-                ++n;
-            return n;
-        };
-        const int toldBefore = told();
-        std::signal(SIGXFSZ, SIG_IGN);
-        rlimit limit{};
-        limit.rlim_cur = limit.rlim_max = 400 * 1024;
-        if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
-            _exit(10);
+    const int toldBefore = CountInFile(Log::Instance().FilePath(), "Capture records are no longer stored");
+    ExpectWithFileSizeLimit(400 * 1024, [&] {
         EventLogModel m;
         m.SetLiveRecords(2);
         m.StartAcquisition();
@@ -719,29 +700,25 @@ TEST_F(EventLogModelTest, RecordFileThatCannotGrowLeavesLaterEventsWithoutWave)
         }
         const size_t stored = m.Records()->Count();
         if (!m.Records()->Failed() || stored == 0 || stored >= 100)
-            _exit(11);
+            return 11;
         for (uint32_t i = 0; i < 100; ++i) {
             QStandardItemEx* item = FindItem(m, 2 + i);
             if (!item)
-                _exit(12);
+                return 12;
             const TriggerDataPtr r = m.Select(item).capture;
             // The two newest are still live, in memory, stored or not.
             if ((r != nullptr) != (i < stored || i >= 98))
-                _exit(13);
+                return 13;
             if (r && (r->samples != live[i].samples || r->rawSamples != live[i].rawSamples))
-                _exit(14);
+                return 14;
         }
         std::vector<MsgInfoPtr> back;
         if (!ReadSessionFile(m.SidPath(), back) || back.size() != 100)
-            _exit(15);
-        if (told() != toldBefore + 1)
-            _exit(16);
-        _exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+            return 15;
+        if (CountInFile(Log::Instance().FilePath(), "Capture records are no longer stored") != toldBefore + 1)
+            return 16;
+        return 0;
+    });
 }
 
 // A .sid that stops growing mid-session (a full disk): the events it holds
@@ -749,24 +726,8 @@ TEST_F(EventLogModelTest, RecordFileThatCannotGrowLeavesLaterEventsWithoutWave)
 // selects its own event, and the application log says it once.
 TEST_F(EventLogModelTest, SessionFileThatCannotGrowKeepsLaterEventsInMemory)
 {
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        auto told = [] {
-            std::ifstream in(Log::Instance().FilePath(), std::ios::binary);
-            const std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-            const std::string line = "Could not write the session file";
-            int n = 0;
-            for (size_t at = all.find(line); at != std::string::npos; at = all.find(line, at + 1))
-                ++n;
-            return n;
-        };
-        const int toldBefore = told();
-        std::signal(SIGXFSZ, SIG_IGN);
-        rlimit limit{};
-        limit.rlim_cur = limit.rlim_max = 40 * 1024;
-        if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
-            _exit(10);
+    const int toldBefore = CountInFile(Log::Instance().FilePath(), "Could not write the session file");
+    ExpectWithFileSizeLimit(40 * 1024, [&] {
         EventLogModel m;
         m.SetLiveRecords(2);
         m.StartAcquisition();
@@ -781,28 +742,24 @@ TEST_F(EventLogModelTest, SessionFileThatCannotGrowKeepsLaterEventsInMemory)
         }
         std::vector<MsgInfoPtr> back;
         if (!ReadSessionFile(m.SidPath(), back) || back.size() < 10 || back.size() >= 60)
-            _exit(11);
+            return 11;
         const EventLogModel::Footprint f = m.TreeFootprint();
         // The events the .sid could not hold stay whole in memory.
         if (f.events < 20 || f.events > 50)
-            _exit(12);
+            return 12;
         for (uint32_t i = 0; i < 60; ++i) {
             QStandardItemEx* item = FindItem(m, 2 + i);
             if (!item)
-                _exit(13);
+                return 13;
             const MsgInfo& e = m.Select(item);
             if (e.ToJson() != shown[i].ToJson() || e.packet.Status != shown[i].packet.Status ||
                 e.enqueueTick != shown[i].enqueueTick || e.direction != shown[i].direction)
-                _exit(14);
+                return 14;
         }
-        if (told() != toldBefore + 1)
-            _exit(15);
-        _exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+        if (CountInFile(Log::Instance().FilePath(), "Could not write the session file") != toldBefore + 1)
+            return 15;
+        return 0;
+    });
 }
 
 // A .sid that became unreadable after its events left memory: selecting one

@@ -2,6 +2,7 @@
 
 #include "services/Log.h"
 
+#include "FileSizeLimit.h"
 #include "RecordCompare.h"
 
 #include <gtest/gtest.h>
@@ -107,15 +108,7 @@ void WriteBytes(const std::string& path, const uint8_t* p, size_t n)
 
 int LogCount(const std::string& what)
 {
-    const std::string path = Log::Instance().FilePath();
-    if (path.empty())
-        return 0;
-    std::ifstream in(path, std::ios::binary);
-    const std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    int n = 0;
-    for (size_t at = all.find(what); at != std::string::npos; at = all.find(what, at + 1))
-        ++n;
-    return n;
+    return CountInFile(Log::Instance().FilePath(), what);
 }
 
 const char kFault[] = "Capture records are no longer stored";
@@ -364,40 +357,29 @@ TEST(RecordStore, WriteFaultMidSessionKeepsWhatWasStored)
 {
     QTemporaryDir dir;
     const std::string path = Dir(dir) + "/s.rec";
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        std::signal(SIGXFSZ, SIG_IGN);
-        rlimit limit{};
-        limit.rlim_cur = limit.rlim_max = 64 * 1024;
-        if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
-            _exit(10);
+    ExpectWithFileSizeLimit(64 * 1024, [&] {
         RecordStore store;
         if (!store.Create(path))
-            _exit(11);
+            return 11;
         int stored = 0;
         for (int i = 0; i < 200; ++i) {
             const bool ok = store.Append(static_cast<uint64_t>(i + 1), Burst(static_cast<uint32_t>(i), 300, 10));
             if (ok && stored != i)
-                _exit(12);  // an append after a fault succeeded
+                return 12;  // an append after a fault succeeded
             if (ok)
                 ++stored;
         }
         if (!store.Failed() || stored == 0 || stored == 200)
-            _exit(13);
+            return 13;
         for (int i = 0; i < 200; ++i) {
             const TriggerDataPtr back = store.Load(static_cast<uint64_t>(i + 1));
             if ((back != nullptr) != (i < stored))
-                _exit(14);
+                return 14;
             if (back && back->samples != Burst(static_cast<uint32_t>(i), 300, 10).samples)
-                _exit(15);
+                return 15;
         }
-        _exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+        return 0;
+    });
     // The file holds whole frames only: what was stored reopens.
     RecordStore again;
     ASSERT_TRUE(again.Open(path));
