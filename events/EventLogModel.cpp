@@ -65,7 +65,7 @@ int32_t WindowTime()
 }  // namespace
 
 QStandardItemEx::QStandardItemEx(const QString& text, StandardItemMode mode)
-    : mode(mode), info(std::make_unique<MsgInfo>())
+    : mode(mode), isGroup(false), m_compact(false), info(std::make_unique<MsgInfo>()), session(-1), sidOffset(kNotInSid)
 {
     if (mode == kItemEvent) {
         m_text = text.toUtf8();
@@ -224,20 +224,22 @@ void EventLogModel::MarkRecord(QStandardItemEx* item, const MsgInfo& e)
     // begins (an event whose record did not reach the .sid whole keeps its
     // event in memory instead).
     item->number = static_cast<int32_t>(e.common.eventNumber);
-    item->direction = e.direction;
+    item->direction = static_cast<int8_t>(e.direction);
     item->enqueueTick = e.enqueueTick;
     const std::string& status = e.packet.Status;
     item->status = status.empty() ? 0 : status == "NoError" ? 1 : status == "Error" ? 2 : 3;
     // The session's .sid and record file are made together: one index.
-    if (m_sidFiles.empty())
+    if (m_sidFiles.empty() || m_sidFiles.size() > 32767)
         return;
-    item->session = static_cast<int32_t>(m_sidFiles.size() - 1);
-    if (m_pendingOffset >= 0 && item->status != 3)
+    item->session = static_cast<int64_t>(m_sidFiles.size() - 1);
+    // What the item's fields cannot give back exactly stays in memory whole.
+    const bool kept = item->status != 3 && item->direction == e.direction;
+    if (m_pendingOffset >= 0 && static_cast<uint64_t>(m_pendingOffset) < kNotInSid && kept)
         item->sidOffset = static_cast<uint64_t>(m_pendingOffset);
     else
         item->sidOffset = kNotInSid;
-    if (m_pendingNumber && e.capture)
-        item->recordNumber = m_pendingNumber;
+    if (m_pendingNumber && m_pendingNumber <= UINT32_MAX && e.capture)
+        item->recordNumber = static_cast<uint32_t>(m_pendingNumber);
 }
 
 void EventLogModel::Release(QStandardItemEx* item)
@@ -593,7 +595,8 @@ QStandardItemEx* EventLogModel::AddToTree(const MsgInfoPtr& e)
             m_phaseGroup->appendRow(m_subGroup);
             m_subGroupErrors.clear();
         }
-        item = new QStandardItemEx(e->str, kItemEvent);
+        item = new QStandardItemEx(QString(), kItemEvent);
+        item->SetCompactText(Intern(e->str));
         MarkRecord(item, *e);
         m_subGroup->appendRow(item);
         m_subGroupErrors.push_back(ControlErrorMark{e->packet.controlErrorValue, e->packet.controlErrorFreq});
@@ -602,12 +605,27 @@ QStandardItemEx* EventLogModel::AddToTree(const MsgInfoPtr& e)
         return item;
     }
     const QString prefix = e->direction == 1 ? QStringLiteral("Tx ") : e->direction == 2 ? QStringLiteral("Rx ") : QString();
-    item = new QStandardItemEx(prefix + e->str, kItemEvent);
+    item = new QStandardItemEx(QString(), kItemEvent);
+    item->SetCompactText(Intern(prefix + e->str));
     MarkRecord(item, *e);
     m_phaseGroup->appendRow(item);
     SetSubGroup(nullptr);
     RollUp(item, *e);
     return item;
+}
+
+QByteArray EventLogModel::Intern(const QString& text)
+{
+    const QByteArray utf8 = text.toUtf8();
+    const auto found = m_texts.constFind(utf8);
+    if (found != m_texts.constEnd())
+        return *found;
+    // Texts that change with every event (powers, times) would fill the pool
+    // for nothing: it starts again once full; items keep what they share.
+    if (m_texts.size() >= kInternedTexts)
+        m_texts.clear();
+    m_texts.insert(utf8);
+    return utf8;
 }
 
 void EventLogModel::ViolationItem(const MsgInfo& e)

@@ -10,6 +10,7 @@
 
 #include <QStandardItem>
 #include <QStandardItemModel>
+#include <QSet>
 #include <QStringList>
 
 #include <QPersistentModelIndex>
@@ -55,8 +56,9 @@ struct GroupDigest {
     int32_t direction = 0;
 };
 
-// The .sid offset of an event whose record is not there whole.
-constexpr uint64_t kNotInSid = ~static_cast<uint64_t>(0);
+// The .sid offset of an event whose record is not there whole (offsets are
+// kept in 48 bits).
+constexpr uint64_t kNotInSid = (static_cast<uint64_t>(1) << 48) - 1;
 
 class QStandardItemEx : public QStandardItem {
 public:
@@ -65,28 +67,30 @@ public:
     void SetInfo(const MsgInfo& e);
     QVariant data(int role = Qt::UserRole + 1) const override;
     void setData(const QVariant& value, int role = Qt::UserRole + 1) override;
+    // An event item's text, shared with the items that show the same one.
+    void SetCompactText(const QByteArray& text) { m_text = text; }
 
-    StandardItemMode mode;
-    int32_t type = 0;               // the record's type, kept when the record is not
-    std::unique_ptr<MsgInfo> info;  // the record shown in the property tree, or none
+    // Packed into 72 bytes: a long session has hundreds of thousands.
+    StandardItemMode mode : 8;
+    // packet.Status: 0 empty, 1 "NoError", 2 "Error" (an event with any
+    // other status keeps its whole event).
+    uint8_t status = 0;
+    int8_t direction = 0;   // the event's direction (one outside keeps its whole event)
+    bool isGroup : 1;       // a phase group or a sub-group
+    bool m_compact : 1;     // the text is m_text
+    int32_t type = 0;       // the record's type, kept when the record is not
+    std::unique_ptr<MsgInfo> info;        // the record shown in the property tree, or none
     std::unique_ptr<GroupDigest> digest;  // a closed group's record, while info is none
     // Where an event item's event lies: its session (an index into the
     // model's sessions, -1 for none) and the offset of its .sid record; its
     // capture record's number in that session's record file (0 for none).
-    int32_t session = -1;
+    int64_t session : 16;
+    uint64_t sidOffset : 48;
     int32_t number = 0;
-    uint64_t sidOffset = kNotInSid;
-    uint64_t recordNumber = 0;
-    // What of the event the .sid does not keep.
-    int64_t enqueueTick = 0;
-    int32_t direction = 0;
-    // packet.Status: 0 empty, 1 "NoError", 2 "Error" (an event with any
-    // other status keeps its whole event).
-    uint8_t status = 0;
-    bool isGroup = false;  // a phase group or a sub-group
+    uint32_t recordNumber = 0;
+    int64_t enqueueTick = 0;  // not kept by the .sid
 
 private:
-    bool m_compact = false;
     // An event item's text; other items keep theirs as QStandardItem does.
     QByteArray m_text;
 };
@@ -206,6 +210,11 @@ private:
     void Compact(QStandardItemEx* group);
     MsgInfo& Expand(QStandardItemEx* item);
     void WriteSid(const MsgInfo& e);
+    // The text of an event item, shared with the items before it that show
+    // the same one (most events of a session are control errors that read
+    // alike); the pool keeps the last few thousand distinct texts.
+    QByteArray Intern(const QString& text);
+    static constexpr int kInternedTexts = 4096;
     void ReleaseOldRecords();
     void DropRecord(const QPersistentModelIndex& index);
 
@@ -250,6 +259,7 @@ private:
     std::deque<Live> m_live;
     size_t m_liveRecords = kLiveRecords;
     bool m_compactGroups = true;
+    QSet<QByteArray> m_texts;
     QPersistentModelIndex m_selected;
     // Loaded-back records, most recent first; keyed by file and number.
     using CacheKey = std::pair<int, uint64_t>;
