@@ -140,7 +140,7 @@ EventLogModel::Footprint EventLogModel::TreeFootprint() const
         if (const auto* x = dynamic_cast<const QStandardItemEx*>(item)) {
             if (x->info) {
                 count(*x->info);
-                f.events += x->mode == kItemEvent;
+                f.events += x->mode == kItemEvent && !x->isGroup;
             }
         }
         for (int r = 0; r < item->rowCount(); ++r)
@@ -309,7 +309,9 @@ MsgInfo& EventLogModel::Select(QStandardItemEx* item)
             Release(before);
     }
     m_selected = index;
-    if (item->mode == kItemEvent && !item->info) {
+    // (A "Proprietary" phase group has the kind of an event; closed, it
+    // expands from its digest as any group.)
+    if (item->mode == kItemEvent && !item->isGroup && !item->info) {
         MsgInfoPtr event = LoadEvent(item);
         if (!event) {
             // The .sid became unreadable: the item shows what it still knows.
