@@ -48,44 +48,60 @@ int SlopeTracker::ReportEdge()
     return -1;
 }
 
+namespace {
+
+// Largest and smallest of n values, starting from the given ones. Plain
+// loops: the compiler vectorises them.
+int32_t Largest(const int32_t* v, size_t n, int32_t from)
+{
+    for (size_t k = 0; k < n; ++k)
+        from = std::max(from, v[k]);
+    return from;
+}
+
+int32_t Smallest(const int32_t* v, size_t n, int32_t from)
+{
+    for (size_t k = 0; k < n; ++k)
+        from = std::min(from, v[k]);
+    return from;
+}
+
+}  // namespace
+
 int32_t SlopeTracker::RisingCrossing() const
 {
     const int32_t size = static_cast<int32_t>(recent.size());
+    const size_t n = recent.size();
+    const int32_t* values = recent.values();
+    const int32_t* positions = recent.positions();
     if (refine == 0) {
-        int32_t largest = 0, smallest = 5000;
-        for (const Entry& e : recent) {
-            largest = std::max(largest, e.value);
-            smallest = std::min(smallest, e.value);
-        }
+        const int32_t largest = Largest(values, n, 0), smallest = Smallest(values, n, 5000);
         const int32_t middle = (largest + smallest) / 2;
-        for (const Entry& e : recent)
-            if (e.value > middle)
-                return e.position;
+        for (size_t k = 0; k < n; ++k)
+            if (values[k] > middle)
+                return positions[k];
         return rising.startPosition + size;
     }
     // At the foot: walk back from the newest entry over the top of the edge until
     // the values have fallen by more than a step minSteps times in a row, or
     // by more than a swing below the top.
-    int32_t m = 0;
-    for (const Entry& e : recent)
-        m = std::max(m, e.value);
-    if (recent.empty())
+    const int32_t m = Largest(values, n, 0);
+    if (n == 0)
         return (rising.startPosition + size) >> 1;
-    auto it = recent.rbegin();
-    int32_t ref = it->value;
-    int32_t pos = it->position;
+    int32_t ref = values[n - 1];
+    int32_t pos = positions[n - 1];
     int32_t run = 1;
-    for (++it; it != recent.rend(); ++it) {
-        const int32_t x = it->value;
+    for (size_t k = n - 1; k-- > 0;) {
+        const int32_t x = values[k];
         if (ref - x > stepThreshold) {
             run += 1;
             if (run >= minSteps || m - x > swingThreshold) {
-                pos = it->position;
+                pos = positions[k];
                 break;
             }
         } else {
             ref = x;
-            pos = it->position;
+            pos = positions[k];
             run = 1;
         }
     }
@@ -95,38 +111,34 @@ int32_t SlopeTracker::RisingCrossing() const
 int32_t SlopeTracker::FallingCrossing() const
 {
     const int32_t size = static_cast<int32_t>(recent.size());
+    const size_t n = recent.size();
+    const int32_t* values = recent.values();
+    const int32_t* positions = recent.positions();
     if (refine == 0) {
-        int32_t largest = 0, smallest = 5000;
-        for (const Entry& e : recent) {
-            largest = std::max(largest, e.value);
-            smallest = std::min(smallest, e.value);
-        }
+        const int32_t largest = Largest(values, n, 0), smallest = Smallest(values, n, 5000);
         const int32_t middle = (largest + smallest) / 2;
-        for (const Entry& e : recent)
-            if (e.value < middle)
-                return e.position;
+        for (size_t k = 0; k < n; ++k)
+            if (values[k] < middle)
+                return positions[k];
         return falling.startPosition + size;
     }
-    int32_t m = 5000;
-    for (const Entry& e : recent)
-        m = std::min(m, e.value);
-    if (recent.empty())
+    const int32_t m = Smallest(values, n, 5000);
+    if (n == 0)
         return (falling.startPosition + size) >> 1;
-    auto it = recent.rbegin();
-    int32_t ref = it->value;
-    int32_t pos = it->position;
+    int32_t ref = values[n - 1];
+    int32_t pos = positions[n - 1];
     int32_t run = 1;
-    for (++it; it != recent.rend(); ++it) {
-        const int32_t x = it->value;
+    for (size_t k = n - 1; k-- > 0;) {
+        const int32_t x = values[k];
         if (x - ref > stepThreshold) {
             run += 1;
             if (run >= minSteps || x - m > swingThreshold) {
-                pos = it->position;
+                pos = positions[k];
                 break;
             }
         } else {
             ref = x;
-            pos = it->position;
+            pos = positions[k];
             run = 1;
         }
     }
