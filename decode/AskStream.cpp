@@ -337,13 +337,50 @@ void AskStream::PassWireSamples()
     if (n == 0)
         return;
     const uint64_t first = next - n;
-    const auto from = m_samples.end() - static_cast<std::ptrdiff_t>(n);
     std::lock_guard<std::mutex> lock(m_mutex);
+    QueueWire(m_samples.data() + (m_samples.size() - n), static_cast<size_t>(n), first);
+}
+
+void AskStream::QueueWire(const int32_t* samples, size_t n, uint64_t first)
+{
     if (!m_wireOut.empty() && m_wireOutFirst + m_wireOut.size() != first)
         m_wireOut.clear();  // not contiguous (cleared in between): the older part goes
     if (m_wireOut.empty())
         m_wireOutFirst = first;
-    m_wireOut.insert(m_wireOut.end(), from, m_samples.end());
+    m_wireOut.insert(m_wireOut.end(), samples, samples + n);
+}
+
+void AskStream::TakePass(PassOutput& out)
+{
+    out.bursts.clear();
+    out.wire.clear();
+    out.hasWire = false;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    out.bursts.assign(m_output.begin(), m_output.end());
+    m_output.clear();
+    if (!m_wireOut.empty()) {
+        out.wire.swap(m_wireOut);
+        out.wireFirst = m_wireOutFirst;
+        out.hasWire = true;
+    }
+    out.closedBefore = m_closedBefore;
+}
+
+void AskStream::PutPass(PassOutput& pass)
+{
+    for (const auto& burst : pass.bursts)
+        LogBurst(*burst);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (auto& burst : pass.bursts)
+        m_output.push_back(std::move(burst));
+    if (pass.hasWire)
+        QueueWire(pass.wire.data(), pass.wire.size(), pass.wireFirst);
+    m_closedBefore = pass.closedBefore;
+}
+
+void AskStream::LogBurst(const TriggerData& burst)
+{
+    Log::Printf("ASK time %s us", TimeText(static_cast<int64_t>(burst.startTime)).c_str());
 }
 
 bool AskStream::TakeWire(std::vector<int32_t>& out, uint64_t& first)
@@ -405,7 +442,8 @@ void AskStream::CutBursts()
             burst->endTime *= 25;
             m_output.push_back(burst);
         }
-        Log::Printf("ASK time %s us", TimeText(static_cast<int64_t>(burst->startTime)).c_str());
+        if (m_logBursts)
+            LogBurst(*burst);
     }
 
     if (!pending) {

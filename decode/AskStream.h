@@ -310,6 +310,28 @@ public:
     // Empties the sample vector and the output list.
     void Clear();
 
+    // What one Process call handed on: the bursts it cut, the wire samples it
+    // queued and the first sample still open to the burst cutter after it. A
+    // replay cuts the bursts of its ASK stream ahead on a worker with one
+    // stream and hands each pass, in order, to the stream its decoding pass
+    // reads; the decoding pass then sees what it would have seen had that
+    // stream processed the samples itself.
+    struct PassOutput {
+        std::vector<std::shared_ptr<TriggerData>> bursts;
+        std::vector<int32_t> wire;
+        uint64_t wireFirst = 0;
+        bool hasWire = false;
+        uint64_t closedBefore = 0;
+    };
+    // Moves everything queued for the decoding pass into out.
+    void TakePass(PassOutput& out);
+    // Queues a pass as Process would have: bursts, wire samples, progress;
+    // each burst's log line is written here, when the bursts of a stream
+    // that does not log them arrive.
+    void PutPass(PassOutput& pass);
+    // Whether Process writes the log line of each burst it cuts (on by default).
+    void SetLogBursts(bool on) { m_logBursts = on; }
+
     size_t PendingBursts();
     const std::vector<int32_t>& Samples() const { return m_samples; }
     uint64_t Newest() const { return m_newest; }
@@ -317,9 +339,13 @@ public:
 private:
     void CutBursts();
     void PassWireSamples();
+    // Under m_mutex: appends wire samples beginning with number first.
+    void QueueWire(const int32_t* samples, size_t n, uint64_t first);
+    static void LogBurst(const TriggerData& burst);
 
     uint64_t m_newest = 0;
     bool m_added = false;
+    bool m_logBursts = true;
     std::mutex m_mutex;
     // Guarded by m_mutex: the first sample still open to the burst cutter.
     uint64_t m_closedBefore = 0;

@@ -143,8 +143,10 @@ struct ReplayOutput {
 };
 
 // Replays the two streams with the given second readers (bit 0: ASK, bit 1:
-// FSK) and digests everything it released.
-inline ReplayOutput DigestOfReplay(const std::vector<uint8_t>& ask, const std::vector<uint8_t>& fsk, int readers)
+// FSK), with the ASK bursts cut on a worker thread or not, and digests
+// everything it released.
+inline ReplayOutput DigestOfReplay(const std::vector<uint8_t>& ask, const std::vector<uint8_t>& fsk, int readers,
+                                   bool cutAskOnWorker = true)
 {
     SettingParams settings;
     settings.m_min_freq = 110000;
@@ -154,6 +156,7 @@ inline ReplayOutput DigestOfReplay(const std::vector<uint8_t>& ask, const std::v
     SettingParams::Instance().detectedPolarity.store(0);
     StreamReplay replay(ask, fsk, &settings);
     replay.everyRefresh = true;
+    replay.cutAskOnWorker = cutAskOnWorker;
     ReplayDigest digest;
     ReplayOutput out;
     replay.Run([&](std::vector<MsgInfoPtr>& events) {
