@@ -154,6 +154,17 @@ AskEdgeDetector::AskEdgeDetector()
     tracker.minSteps = 3;
 }
 
+void AskEdgeDetector::Restart()
+{
+    index = 0;
+    lastEdge = 0;
+    amplitude = 0;
+    tracker.Restart();
+    tracker.stepThreshold = 35;
+    tracker.swingThreshold = 175;
+    tracker.minSteps = 3;
+}
+
 namespace {
 
 // Sets the tracker's thresholds from the swing of a block: a step is the swing
@@ -400,7 +411,9 @@ void AskStream::CutBursts()
     if (m_samples.size() < 200)
         return;
 
-    AskEdgeDetector detector;
+    // A fresh detector for every pass; its storage is kept.
+    AskEdgeDetector& detector = m_detector;
+    detector.Restart();
     const uint64_t start = m_newest - m_samples.size();
     bool pending = true;
     detector.DetectInPlace(m_samples, start, m_pulses, m_offsets, m_smoothed, pending);
@@ -409,7 +422,8 @@ void AskStream::CutBursts()
 
     // A pulse of 31 samples or more is a silence of at least one and a half bit
     // times at 2 kHz: it closes the group that it ends.
-    std::vector<std::pair<size_t, size_t>> groups;
+    std::vector<std::pair<size_t, size_t>>& groups = m_groups;
+    groups.clear();
     size_t groupStart = 0;
     for (size_t i = 0; i < m_pulses.size(); ++i) {
         if (m_pulses[i].duration >= 31) {

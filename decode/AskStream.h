@@ -109,6 +109,19 @@ public:
         return edge;
     }
 
+    // Back to a fresh tracker's state, keeping the recent list's storage.
+    void Restart()
+    {
+        stepThreshold = 50;
+        swingThreshold = 500;
+        minSteps = 3;
+        edgePosition = 0;
+        recent.clear();
+        falling.Clear();
+        rising.Clear();
+        refine = 0;
+    }
+
     int32_t RisingCrossing() const;
     int32_t FallingCrossing() const;
     void ClearRuns()
@@ -249,6 +262,9 @@ inline void SlopeTracker::Feed(const int32_t* y, size_t n, int32_t position, OnE
 class AskEdgeDetector {
 public:
     AskEdgeDetector();
+    // Back to a fresh detector's state, keeping the tracker's storage: the
+    // stream runs one per pass.
+    void Restart();
 
     // Detects the pulses of in. start is the number of the sample before in[0]
     // (marks are start + edge position). leftover receives the smoothed samples
@@ -362,4 +378,6 @@ private:
     std::vector<PulseRecord> m_pulses;
     std::vector<uint32_t> m_offsets;
     std::vector<int32_t> m_smoothed;
+    std::vector<std::pair<size_t, size_t>> m_groups;
+    AskEdgeDetector m_detector;
 };
