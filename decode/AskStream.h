@@ -44,6 +44,8 @@ public:
         void push_back(int32_t value, int32_t position)
         {
             MakeRoom(1);
+            if (m_end > m_head && static_cast<int64_t>(m_positions[m_end - 1]) + 1 != position)
+                m_consecutive = false;
             m_values[m_end] = value;
             m_positions[m_end] = position;
             ++m_end;
@@ -53,7 +55,11 @@ public:
         int32_t FrontPosition() const { return m_positions[m_head]; }
         size_t size() const { return m_end - m_head; }
         bool empty() const { return m_end == m_head; }
-        void clear() { m_head = m_end = 0; }
+        void clear()
+        {
+            m_head = m_end = 0;
+            m_consecutive = true;
+        }
         // The entries, oldest first: values()[k] at positions()[k], k < size().
         const int32_t* values() const { return m_values.data() + m_head; }
         const int32_t* positions() const { return m_positions.data() + m_head; }
@@ -67,6 +73,7 @@ public:
         {
             if (m_head == m_end) {
                 m_head = m_end = 0;
+                m_consecutive = true;
             } else if (m_head >= m_end - m_head) {
                 std::copy(m_values.begin() + static_cast<std::ptrdiff_t>(m_head),
                           m_values.begin() + static_cast<std::ptrdiff_t>(m_end), m_values.begin());
@@ -80,8 +87,21 @@ public:
                 m_positions.resize(m_end + n);
             }
         }
+        // Drops the entries at the front whose position is below limit.
+        void TrimBelow(int64_t limit)
+        {
+            if (m_consecutive) {
+                // The positions climb by one: count the entries to drop.
+                if (m_head < m_end && limit > m_positions[m_head])
+                    m_head = std::min(m_end, m_head + static_cast<size_t>(limit - m_positions[m_head]));
+                return;
+            }
+            while (m_head < m_end && m_positions[m_head] < limit)
+                ++m_head;
+        }
         std::vector<int32_t> m_values, m_positions;  // entries are [m_head, m_end)
         size_t m_head = 0, m_end = 0;
+        bool m_consecutive = true;  // each entry's position is the one before it plus one
     };
 
     int32_t stepThreshold = 50;
@@ -183,12 +203,7 @@ inline void SlopeTracker::Update(RunRegs& run, int32_t d, int32_t drop, int32_t 
 
 inline void SlopeTracker::TrimBelow(int64_t limit)
 {
-    size_t head = recent.m_head;
-    const size_t end = recent.m_end;
-    const int32_t* positions = recent.m_positions.data();
-    while (head < end && positions[head] < limit)
-        ++head;
-    recent.m_head = head;
+    recent.TrimBelow(limit);
 }
 
 template <class OnEdge>
@@ -207,9 +222,13 @@ inline void SlopeTracker::Feed(const int32_t* y, size_t n, int32_t position, OnE
     int32_t* const positions = recent.m_positions.data();
     for (size_t i = 0; i < n; ++i)
         positions[off + i] = static_cast<int32_t>(static_cast<uint32_t>(position) + static_cast<uint32_t>(i));
+    // The block's positions climb by one unless they pass the largest int32;
+    // the list stays consecutive if the block follows its last entry.
+    if (static_cast<int64_t>(position) + static_cast<int64_t>(n - 1) > INT32_MAX ||
+        (off > recent.m_head && static_cast<int64_t>(positions[off - 1]) + 1 != position))
+        recent.m_consecutive = false;
+    const bool consecutive = recent.m_consecutive;
     size_t head = recent.m_head;
-    // The block's positions climb by one unless they pass the largest int32.
-    const bool consecutive = static_cast<int64_t>(position) + static_cast<int64_t>(n - 1) <= INT32_MAX;
 
     // The runs and the limits live in locals for the loop, so that the
     // compiler keeps them in registers across samples.
@@ -241,12 +260,11 @@ inline void SlopeTracker::Feed(const int32_t* y, size_t n, int32_t position, OnE
         const int64_t limit = fall.startPosition <= rise.startPosition
                                   ? static_cast<int64_t>(fall.startPosition) - 50
                                   : static_cast<int64_t>(rise.startPosition);
-        if (head >= off && consecutive) {
-            // Within the block the positions climb by one: the first entry at
-            // or above the limit is found without walking to it.
-            const int64_t k = limit - static_cast<int64_t>(position);
-            const size_t first = k <= 0 ? off : off + std::min(static_cast<size_t>(k), i + 1);
-            head = std::max(head, first);
+        if (consecutive) {
+            // The positions climb by one: the first entry at or above the
+            // limit is found without walking to it.
+            if (head < end && limit > positions[head])
+                head = std::min(end, head + static_cast<size_t>(limit - positions[head]));
         } else {
             while (head < end && positions[head] < limit)
                 ++head;
