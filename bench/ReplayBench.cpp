@@ -1,9 +1,10 @@
 // Replay of a synthesized ten-minute session of the emulator's script (ASK and
-// FSK streams) through the chains and the data manager, on one core, in
-// capture-time order with the clock following capture time; with the first
-// readers alone (/0), with the second ASK reader beside the list decoder (/1),
-// and with both second readers (/3: the second FSK reader beside the FSK frame
-// decoder too).
+// FSK streams) through the chains and the data manager, in capture-time order
+// with the clock following capture time; with the first readers alone (/0),
+// with the second ASK reader beside the list decoder (/1), and with both
+// second readers (/3: the second FSK reader beside the FSK frame decoder too).
+// BM_ReplayTenMinutes cuts the ASK bursts on a worker thread, as a replay does
+// by default; BM_ReplayTenMinutesOneThread runs everything on one core.
 #include "events/StreamReplay.h"
 #include "services/SettingParams.h"
 #include "sim/StreamSynth.h"
