@@ -48,44 +48,60 @@ int SlopeTracker::ReportEdge()
     return -1;
 }
 
+namespace {
+
+// Largest and smallest of n values, starting from the given ones. Plain
+// loops: the compiler vectorises them.
+int32_t Largest(const int32_t* v, size_t n, int32_t from)
+{
+    for (size_t k = 0; k < n; ++k)
+        from = std::max(from, v[k]);
+    return from;
+}
+
+int32_t Smallest(const int32_t* v, size_t n, int32_t from)
+{
+    for (size_t k = 0; k < n; ++k)
+        from = std::min(from, v[k]);
+    return from;
+}
+
+}  // namespace
+
 int32_t SlopeTracker::RisingCrossing() const
 {
     const int32_t size = static_cast<int32_t>(recent.size());
+    const size_t n = recent.size();
+    const int32_t* values = recent.values();
+    const int32_t* positions = recent.positions();
     if (refine == 0) {
-        int32_t largest = 0, smallest = 5000;
-        for (const Entry& e : recent) {
-            largest = std::max(largest, e.value);
-            smallest = std::min(smallest, e.value);
-        }
+        const int32_t largest = Largest(values, n, 0), smallest = Smallest(values, n, 5000);
         const int32_t middle = (largest + smallest) / 2;
-        for (const Entry& e : recent)
-            if (e.value > middle)
-                return e.position;
+        for (size_t k = 0; k < n; ++k)
+            if (values[k] > middle)
+                return positions[k];
         return rising.startPosition + size;
     }
     // At the foot: walk back from the newest entry over the top of the edge until
     // the values have fallen by more than a step minSteps times in a row, or
     // by more than a swing below the top.
-    int32_t m = 0;
-    for (const Entry& e : recent)
-        m = std::max(m, e.value);
-    if (recent.empty())
+    const int32_t m = Largest(values, n, 0);
+    if (n == 0)
         return (rising.startPosition + size) >> 1;
-    auto it = recent.rbegin();
-    int32_t ref = it->value;
-    int32_t pos = it->position;
+    int32_t ref = values[n - 1];
+    int32_t pos = positions[n - 1];
     int32_t run = 1;
-    for (++it; it != recent.rend(); ++it) {
-        const int32_t x = it->value;
+    for (size_t k = n - 1; k-- > 0;) {
+        const int32_t x = values[k];
         if (ref - x > stepThreshold) {
             run += 1;
             if (run >= minSteps || m - x > swingThreshold) {
-                pos = it->position;
+                pos = positions[k];
                 break;
             }
         } else {
             ref = x;
-            pos = it->position;
+            pos = positions[k];
             run = 1;
         }
     }
@@ -95,38 +111,34 @@ int32_t SlopeTracker::RisingCrossing() const
 int32_t SlopeTracker::FallingCrossing() const
 {
     const int32_t size = static_cast<int32_t>(recent.size());
+    const size_t n = recent.size();
+    const int32_t* values = recent.values();
+    const int32_t* positions = recent.positions();
     if (refine == 0) {
-        int32_t largest = 0, smallest = 5000;
-        for (const Entry& e : recent) {
-            largest = std::max(largest, e.value);
-            smallest = std::min(smallest, e.value);
-        }
+        const int32_t largest = Largest(values, n, 0), smallest = Smallest(values, n, 5000);
         const int32_t middle = (largest + smallest) / 2;
-        for (const Entry& e : recent)
-            if (e.value < middle)
-                return e.position;
+        for (size_t k = 0; k < n; ++k)
+            if (values[k] < middle)
+                return positions[k];
         return falling.startPosition + size;
     }
-    int32_t m = 5000;
-    for (const Entry& e : recent)
-        m = std::min(m, e.value);
-    if (recent.empty())
+    const int32_t m = Smallest(values, n, 5000);
+    if (n == 0)
         return (falling.startPosition + size) >> 1;
-    auto it = recent.rbegin();
-    int32_t ref = it->value;
-    int32_t pos = it->position;
+    int32_t ref = values[n - 1];
+    int32_t pos = positions[n - 1];
     int32_t run = 1;
-    for (++it; it != recent.rend(); ++it) {
-        const int32_t x = it->value;
+    for (size_t k = n - 1; k-- > 0;) {
+        const int32_t x = values[k];
         if (x - ref > stepThreshold) {
             run += 1;
             if (run >= minSteps || x - m > swingThreshold) {
-                pos = it->position;
+                pos = positions[k];
                 break;
             }
         } else {
             ref = x;
-            pos = it->position;
+            pos = positions[k];
             run = 1;
         }
     }
@@ -137,6 +149,17 @@ int32_t SlopeTracker::FallingCrossing() const
 
 AskEdgeDetector::AskEdgeDetector()
 {
+    tracker.stepThreshold = 35;
+    tracker.swingThreshold = 175;
+    tracker.minSteps = 3;
+}
+
+void AskEdgeDetector::Restart()
+{
+    index = 0;
+    lastEdge = 0;
+    amplitude = 0;
+    tracker.Restart();
     tracker.stepThreshold = 35;
     tracker.swingThreshold = 175;
     tracker.minSteps = 3;
@@ -325,13 +348,50 @@ void AskStream::PassWireSamples()
     if (n == 0)
         return;
     const uint64_t first = next - n;
-    const auto from = m_samples.end() - static_cast<std::ptrdiff_t>(n);
     std::lock_guard<std::mutex> lock(m_mutex);
+    QueueWire(m_samples.data() + (m_samples.size() - n), static_cast<size_t>(n), first);
+}
+
+void AskStream::QueueWire(const int32_t* samples, size_t n, uint64_t first)
+{
     if (!m_wireOut.empty() && m_wireOutFirst + m_wireOut.size() != first)
         m_wireOut.clear();  // not contiguous (cleared in between): the older part goes
     if (m_wireOut.empty())
         m_wireOutFirst = first;
-    m_wireOut.insert(m_wireOut.end(), from, m_samples.end());
+    m_wireOut.insert(m_wireOut.end(), samples, samples + n);
+}
+
+void AskStream::TakePass(PassOutput& out)
+{
+    out.bursts.clear();
+    out.wire.clear();
+    out.hasWire = false;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    out.bursts.assign(m_output.begin(), m_output.end());
+    m_output.clear();
+    if (!m_wireOut.empty()) {
+        out.wire.swap(m_wireOut);
+        out.wireFirst = m_wireOutFirst;
+        out.hasWire = true;
+    }
+    out.closedBefore = m_closedBefore;
+}
+
+void AskStream::PutPass(PassOutput& pass)
+{
+    for (const auto& burst : pass.bursts)
+        LogBurst(*burst);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (auto& burst : pass.bursts)
+        m_output.push_back(std::move(burst));
+    if (pass.hasWire)
+        QueueWire(pass.wire.data(), pass.wire.size(), pass.wireFirst);
+    m_closedBefore = pass.closedBefore;
+}
+
+void AskStream::LogBurst(const TriggerData& burst)
+{
+    Log::Printf("ASK time %s us", TimeText(static_cast<int64_t>(burst.startTime)).c_str());
 }
 
 bool AskStream::TakeWire(std::vector<int32_t>& out, uint64_t& first)
@@ -351,7 +411,9 @@ void AskStream::CutBursts()
     if (m_samples.size() < 200)
         return;
 
-    AskEdgeDetector detector;
+    // A fresh detector for every pass; its storage is kept.
+    AskEdgeDetector& detector = m_detector;
+    detector.Restart();
     const uint64_t start = m_newest - m_samples.size();
     bool pending = true;
     detector.DetectInPlace(m_samples, start, m_pulses, m_offsets, m_smoothed, pending);
@@ -360,7 +422,8 @@ void AskStream::CutBursts()
 
     // A pulse of 31 samples or more is a silence of at least one and a half bit
     // times at 2 kHz: it closes the group that it ends.
-    std::vector<std::pair<size_t, size_t>> groups;
+    std::vector<std::pair<size_t, size_t>>& groups = m_groups;
+    groups.clear();
     size_t groupStart = 0;
     for (size_t i = 0; i < m_pulses.size(); ++i) {
         if (m_pulses[i].duration >= 31) {
@@ -393,7 +456,8 @@ void AskStream::CutBursts()
             burst->endTime *= 25;
             m_output.push_back(burst);
         }
-        Log::Printf("ASK time %s us", TimeText(static_cast<int64_t>(burst->startTime)).c_str());
+        if (m_logBursts)
+            LogBurst(*burst);
     }
 
     if (!pending) {

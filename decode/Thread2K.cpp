@@ -96,6 +96,9 @@ size_t CThread2K::RunPass()
 
 void CThread2K::ParseWords(const uint8_t* bytes, size_t words)
 {
+    // The display's samples of this chunk go over under one lock at its end.
+    thread_local std::vector<uint16_t> display;
+    display.clear();
     for (size_t k = 0; k < words; ++k) {
         const uint32_t w = WordAt(bytes, k);
         if (m_parser.Take(w) != StreamFrameParser::kPayload)
@@ -116,13 +119,16 @@ void CThread2K::ParseWords(const uint8_t* bytes, size_t words)
         // One sample in six reaches the display.
         if (m_decimation++ == m_divider) {
             m_decimation = 0;
-            std::lock_guard<std::mutex> lock(m_displayMutex);
-            m_display.push_back(static_cast<uint16_t>(w));
-            if (m_display.size() > kDisplayLimit)
-                m_display.pop_front();
+            display.push_back(static_cast<uint16_t>(w));
         }
         m_parser.PayloadTaken();
     }
+    if (display.empty())
+        return;
+    std::lock_guard<std::mutex> lock(m_displayMutex);
+    m_display.insert(m_display.end(), display.begin(), display.end());
+    while (m_display.size() > kDisplayLimit)
+        m_display.pop_front();
 }
 
 std::list<uint16_t> CThread2K::TakeDisplaySamples()

@@ -139,3 +139,47 @@ TEST(SlopeTracker, RefinedCrossingAddsTheRecentListSize)
     empty.falling.startPosition = 41;
     EXPECT_EQ(empty.FallingCrossing(), 41 >> 1);
 }
+
+TEST(SlopeTracker, RestartedDetectorCutsAsAFreshOne)
+{
+    // A block with edges, cut by a used detector after Restart and by a new one.
+    std::vector<int32_t> y(30, 1000);
+    for (int k = 0; k < 6; ++k) {
+        y = Ramp(y, k % 2 ? 1000 : 200, 4);
+        y.insert(y.end(), 25, y.back());
+    }
+    AskEdgeDetector used;
+    std::vector<PulseRecord> pulses;
+    std::vector<uint32_t> offsets;
+    std::vector<int32_t> smoothed;
+    bool pending = true;
+    used.DetectInPlace(y, 7, pulses, offsets, smoothed, pending);
+    used.tracker.refine = 1;
+    used.Restart();
+    EXPECT_EQ(used.index, 0);
+    EXPECT_EQ(used.lastEdge, 0);
+    EXPECT_EQ(used.amplitude, 0);
+    EXPECT_EQ(used.tracker.refine, 0);
+    EXPECT_TRUE(used.tracker.recent.empty());
+    EXPECT_EQ(used.tracker.falling.startPosition, 0);
+    EXPECT_EQ(used.tracker.rising.count, 0);
+
+    AskEdgeDetector fresh;
+    std::vector<PulseRecord> a, b;
+    std::vector<uint32_t> offA, offB;
+    std::vector<int32_t> smA, smB;
+    bool pendA = true, pendB = true;
+    used.DetectInPlace(y, 7, a, offA, smA, pendA);
+    fresh.DetectInPlace(y, 7, b, offB, smB, pendB);
+    ASSERT_GE(b.size(), 4u);
+    ASSERT_EQ(a.size(), b.size());
+    for (size_t i = 0; i < a.size(); ++i) {
+        EXPECT_EQ(a[i].duration, b[i].duration) << i;
+        EXPECT_EQ(a[i].level, b[i].level) << i;
+        EXPECT_EQ(a[i].mark, b[i].mark) << i;
+    }
+    EXPECT_EQ(offA, offB);
+    EXPECT_EQ(pendA, pendB);
+    EXPECT_EQ(used.tracker.stepThreshold, fresh.tracker.stepThreshold);
+    EXPECT_EQ(used.tracker.recent.size(), fresh.tracker.recent.size());
+}

@@ -178,3 +178,32 @@ TEST(StreamReplay, BothFilesCutTogether)
     std::vector<std::string> cut = Packets(Cut(ask, 5, true), Cut(fsk, 3, false));
     EXPECT_EQ(cut, whole);
 }
+
+TEST(StreamReplay, BytesLeftWithTheCallerReplayAsTheBytesHandedOver)
+{
+    const auto ask = Cut(AskBytes(), 5, true);
+    const auto fsk = Cut(FskBytes(), 3, false);
+    const std::vector<std::string> handed = Packets(ask, fsk);
+    ASSERT_EQ(handed.size(), 7u);
+    SettingParams settings;
+    settings.m_min_freq = 110000;
+    settings.m_max_freq = 210000;
+    SettingParams::Instance().detectedPolarity.store(-1);
+    StreamReplay replay(ask.data(), ask.size(), fsk.data(), fsk.size(), &settings);
+    std::vector<std::string> packets;
+    replay.Run([&](std::vector<MsgInfoPtr>& events) {
+        for (const auto& e : events)
+            if (!e->packet.PacketData.empty())
+                packets.push_back(e->packet.PacketData);
+    });
+    SettingParams::Instance().detectedPolarity.store(0);
+    EXPECT_EQ(packets, handed);
+    EXPECT_EQ(replay.SkippedAsk(), FirstFrameBytes(AskBytes()) - 5);
+    EXPECT_EQ(replay.SkippedFsk(), FirstFrameBytes(FskBytes()) - 3);
+    // Nothing at all replays to nothing.
+    StreamReplay empty(nullptr, 0, nullptr, 0, &settings);
+    size_t batches = 0;
+    empty.Run([&](std::vector<MsgInfoPtr>&) { ++batches; });
+    EXPECT_EQ(batches, 0u);
+    EXPECT_EQ(empty.SkippedAsk(), 0u);
+}
