@@ -44,15 +44,17 @@ std::vector<uint8_t> Header()
     return h;
 }
 
-// The packets of a replay, in order.
-std::vector<std::string> Packets(const std::vector<uint8_t>& ask, const std::vector<uint8_t>& fsk,
-                                 size_t* skippedAsk = nullptr, size_t* skippedFsk = nullptr)
+// The band the replays here run with.
+void SetBand(SettingParams& settings)
 {
-    SettingParams settings;
     settings.m_min_freq = 110000;
     settings.m_max_freq = 210000;
+}
+
+// The packets a replay gives, in order.
+std::vector<std::string> PacketsOf(StreamReplay& replay)
+{
     SettingParams::Instance().detectedPolarity.store(-1);
-    StreamReplay replay(ask, fsk, &settings);
     std::vector<std::string> packets;
     replay.Run([&](std::vector<MsgInfoPtr>& events) {
         for (const auto& e : events)
@@ -60,6 +62,17 @@ std::vector<std::string> Packets(const std::vector<uint8_t>& ask, const std::vec
                 packets.push_back(e->packet.PacketData);
     });
     SettingParams::Instance().detectedPolarity.store(0);
+    return packets;
+}
+
+// The packets of a replay of these bytes, in order.
+std::vector<std::string> Packets(const std::vector<uint8_t>& ask, const std::vector<uint8_t>& fsk,
+                                 size_t* skippedAsk = nullptr, size_t* skippedFsk = nullptr)
+{
+    SettingParams settings;
+    SetBand(settings);
+    StreamReplay replay(ask, fsk, &settings);
+    const std::vector<std::string> packets = PacketsOf(replay);
     if (skippedAsk)
         *skippedAsk = replay.SkippedAsk();
     if (skippedFsk)
@@ -186,18 +199,9 @@ TEST(StreamReplay, BytesLeftWithTheCallerReplayAsTheBytesHandedOver)
     const std::vector<std::string> handed = Packets(ask, fsk);
     ASSERT_EQ(handed.size(), 7u);
     SettingParams settings;
-    settings.m_min_freq = 110000;
-    settings.m_max_freq = 210000;
-    SettingParams::Instance().detectedPolarity.store(-1);
+    SetBand(settings);
     StreamReplay replay(ask.data(), ask.size(), fsk.data(), fsk.size(), &settings);
-    std::vector<std::string> packets;
-    replay.Run([&](std::vector<MsgInfoPtr>& events) {
-        for (const auto& e : events)
-            if (!e->packet.PacketData.empty())
-                packets.push_back(e->packet.PacketData);
-    });
-    SettingParams::Instance().detectedPolarity.store(0);
-    EXPECT_EQ(packets, handed);
+    EXPECT_EQ(PacketsOf(replay), handed);
     EXPECT_EQ(replay.SkippedAsk(), FirstFrameBytes(AskBytes()) - 5);
     EXPECT_EQ(replay.SkippedFsk(), FirstFrameBytes(FskBytes()) - 3);
     // Nothing at all replays to nothing.
