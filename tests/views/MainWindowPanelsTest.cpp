@@ -307,15 +307,17 @@ TEST_F(MainWindowPanelsTest, PowerLogGainsALineASecondWhileTheMonitorIsHidden)
     const QStringList written = QString::fromStdString(text).split(QStringLiteral("\n"), Qt::SkipEmptyParts);
     ASSERT_GE(written.size(), 4) << text;
     const QRegularExpression format(QStringLiteral("^(\\d+\\.\\d{3}) -?\\d+ -?\\d+\\.\\d{2}% -?\\d+\\.\\d{2}W\\r$"));
-    double last = -1.0;
+    // Times are compared in whole milliseconds, as written: in doubles,
+    // 2.003 - 1.003 falls just short of 1.
+    qint64 last = -1;
     for (const QString& line : written) {
         const auto m = format.match(line);
         ASSERT_TRUE(m.hasMatch()) << line.toStdString();
-        const double t = m.captured(1).toDouble();
-        if (last > 0.0) {
-            EXPECT_GE(t - last, 1.0) << line.toStdString();
+        const qint64 ms = qRound64(m.captured(1).toDouble() * 1000.0);
+        if (last > 0) {
+            EXPECT_GE(ms - last, 1000) << line.toStdString();
         }
-        last = t;
+        last = ms;
     }
     w.Action("actionDisconnect")->trigger();
 }
