@@ -471,9 +471,12 @@ TEST(EmulatorSession, TenMinutesOfNakAndNdAnswersAtSpeed20ComeBackWithTheSecondR
     EXPECT_EQ(both.nak, naks);
     EXPECT_EQ(both.nd, nds);
     EXPECT_EQ(both.packets, packets);
+    // The stop cuts the stream where it is: an item that starts within the
+    // last 300 ms (the length of a long transmitter packet) may be cut off
+    // and read as something else, so only what starts before is counted.
     int unsent = 0;
     for (const Got& g : bothGot)
-        if (!g.used && g.startUs < captured.deliveredUs - 100000) {
+        if (!g.used && g.startUs < captured.deliveredUs - 300000) {
             ++unsent;
             if (unsent <= 12)
                 std::printf("not sent: %s (%s) at %lld us\n", g.bytes.c_str(), g.reading.c_str(),
