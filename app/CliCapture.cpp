@@ -195,6 +195,15 @@ int RunCapture(int argc, char** argv)
         // As the window closes: stop and disconnect a capture the device
         // confirmed; after a start it never confirmed, send it nothing.
         controller.Close();
+        // What the capture heard in its last second, and the frames the two
+        // readers still held for each other, belong to this session.
+        std::vector<MsgInfoPtr> rest;
+        controller.Manager().TakeAllEvents(rest);
+        if (!rest.empty()) {
+            printer.Before();
+            model.AddEvents(rest);
+            printer.After(rest);
+        }
         printer.Before();
         model.StopAcquisition();
         printer.After({});

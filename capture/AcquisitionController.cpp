@@ -156,6 +156,14 @@ void AcquisitionController::DevStart()
     SettingParams& settings = SettingParams::Instance();
     settings.detectedPolarity.store(0);
     const int64_t begin = TickMs();
+    // Nothing of an earlier acquisition reaches this one: the data ports drop
+    // what they still hold, the chains start afresh and count their time from
+    // this start, as the device stamps its frames from it.
+    if (!IsRunning()) {
+        m_ask.BeginAcquisition();
+        m_fsk.BeginAcquisition();
+        m_manager.BeginAcquisition();
+    }
     std::list<DataPtr> replies;
     if (m_command) {
         SendCommand(BuildStartCommand());

@@ -60,6 +60,31 @@ void CThread2K::Close()
     }
 }
 
+void CThread2K::BeginAcquisition()
+{
+    const bool looping = IsRunning();
+    Stop();
+    if (m_port) {
+        std::list<DataPtr> stale;
+        m_port->WaitReplies(stale, 0, 0);
+    }
+    m_bytesSeen = 0;
+    m_sampleCounter = 0;
+    m_parser.Reset();
+    m_decimation = 0;
+    m_rangeMax = 0;
+    m_rangeMin = 4096;
+    m_rangeCount = 0;
+    m_clearRequested.store(false, std::memory_order_relaxed);
+    m_stream.Clear();
+    {
+        std::lock_guard<std::mutex> lock(m_displayMutex);
+        m_display.clear();
+    }
+    if (looping)
+        Start();
+}
+
 void CThread2K::Run()
 {
     m_sampleCounter = 0;

@@ -34,6 +34,12 @@ public:
     // passes itself with RunPass (replay of recorded streams, tests).
     int OpenWithoutLoop(const std::string& portName, bool writeHeader, int baud);
     void Close();
+    // A new acquisition on the open port: the run loop pauses, whatever the
+    // port queued before now is dropped, and the frame parser, the sample
+    // count, the burst cutter and the display start afresh, so that nothing
+    // of an earlier acquisition reaches this one and its samples are counted
+    // from its start. Called while no decoding thread takes bursts.
+    void BeginAcquisition();
 
     void Run() override;
 

@@ -68,6 +68,44 @@ void CThreadFSK::Close()
     m_decimation = 0;
 }
 
+void CThreadFSK::BeginAcquisition()
+{
+    const bool looping = IsRunning();
+    Stop();
+    if (m_port) {
+        std::list<DataPtr> stale;
+        m_port->WaitReplies(stale, 0, 0);
+    }
+    m_parser.Reset();
+    m_tracker.Reset();
+    m_ticks = 0;
+    m_chunkSum = 0;
+    m_decimation = 0;
+    m_stampCopy.store(0, std::memory_order_relaxed);
+    m_replay.clear();
+    m_replayIndex = 0;
+    m_wireWords.clear();
+    m_wireTicks.clear();
+    {
+        std::lock_guard<std::mutex> lock(m_wireMutex);
+        m_wireOutWords.clear();
+        m_wireOutTicks.clear();
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_listMutex);
+        m_packets.clear();
+        m_pings.clear();
+        m_chainOpenFrom = 0;
+        m_decoding = 0;
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_displayMutex);
+        m_display.clear();
+    }
+    if (looping)
+        Start();
+}
+
 void CThreadFSK::Run()
 {
     m_ticks = 0;

@@ -33,6 +33,11 @@ public:
     // Everything Open does but starting the run loop (replay, tests).
     int OpenWithoutLoop(const std::string& portName, bool writeHeader, int baud);
     void Close();
+    // A new acquisition on the open port: the run loop pauses, whatever the
+    // port queued before now is dropped, and the frame parser, the carrier
+    // tracker, the tick counter and the lists of packets, pings and wire
+    // words start afresh. Called while no decoding thread takes packets.
+    void BeginAcquisition();
 
     void Run() override;
     // One pass: every queued chunk parsed, then up to 3000 replay words.

@@ -154,7 +154,40 @@ size_t CDataManager::QueuedEvents()
     return m_queue.size();
 }
 
+void CDataManager::TakeAllEvents(std::vector<MsgInfoPtr>& out)
+{
+    SettleHeldFrames();
+    GetEventsReleasing(out, true);
+}
+
+void CDataManager::BeginAcquisition()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_queueMutex);
+        m_queue.clear();
+    }
+    while (m_askFilter.TakeFrame()) {
+    }
+    while (m_fskFilter.TakeFrame()) {
+    }
+    for (MergeLane* lane : {&m_ask, &m_fsk}) {
+        lane->Clear();
+        lane->wireSettled.store(0, std::memory_order_relaxed);
+        lane->firstPassed.store(0, std::memory_order_relaxed);
+    }
+    m_settleAll.store(false, std::memory_order_relaxed);
+    m_wireReader.Reset();
+    m_wireRingNext = 0;
+    m_fskWireReader = FskWireReader(m_fskReaderMin, m_fskReaderMax);
+    m_fskRingNext = 0;
+}
+
 void CDataManager::GetEvents(std::vector<MsgInfoPtr>& out)
+{
+    GetEventsReleasing(out, false);
+}
+
+void CDataManager::GetEventsReleasing(std::vector<MsgInfoPtr>& out, bool releaseAll)
 {
     if (m_resetPending.exchange(false, std::memory_order_relaxed))
         m_dispatcher.Reset();
@@ -186,7 +219,7 @@ void CDataManager::GetEvents(std::vector<MsgInfoPtr>& out)
             const MsgInfoPtr& head = m_queue.front();
             const bool old = now - head->enqueueTick > 1000;
             const bool markerInCrowd = m_queue.size() >= 3 && !head->capture;
-            if (!old && !markerInCrowd)
+            if (!old && !markerInCrowd && !releaseAll)
                 break;
             ready.push_back(head);
             m_queue.pop_front();

@@ -90,6 +90,18 @@ public:
     // Dispatches every finished frame, names the response patterns, and moves
     // the events that are ready into `out` (replacing what it held).
     void GetEvents(std::vector<MsgInfoPtr>& out);
+    // The end of an acquisition, once its decoding threads have stopped: every
+    // held frame is settled, every finished frame dispatched and every queued
+    // event handed over at once, in queue order, without the second of delay
+    // that waits for a late frame of the other direction (no frame comes any
+    // more). What an acquisition heard is thus all in its own session.
+    void TakeAllEvents(std::vector<MsgInfoPtr>& out);
+    // The start of an acquisition, before its decoding threads run: whatever
+    // an earlier acquisition left (queued events, finished frames, frames the
+    // readers hold for each other, the second readers' places in the stream)
+    // is dropped, since both streams count their time from this start again.
+    // The link's state (phase, cached packets, counters) stays.
+    void BeginAcquisition();
     void Clear();
 
     double FirstHistoryValue();
@@ -170,6 +182,7 @@ private:
         MergeCounts counts;
         void Clear();
     };
+    void GetEventsReleasing(std::vector<MsgInfoPtr>& out, bool releaseAll);
     std::shared_ptr<CMsgData> WireFrame(const AskWireFrame& w);
     std::shared_ptr<CMsgData> FskWireMsg(const FskWireFrame& w);
     // Takes what both readers of the lane have finished, then settles every

@@ -456,6 +456,8 @@ void DeviceEmulator::StartStreaming() {
     if (streaming_) return;
     paceStart_ = Clock::now();
     paceFrame_ = synth_->FramesMade();
+    // A new acquisition: its frames are stamped from its own start.
+    synth_->RestartStamps();
     starts_.fetch_add(1);
     streaming_ = true;
 }

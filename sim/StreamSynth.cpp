@@ -206,7 +206,7 @@ void StreamSynth::NextFrames(std::vector<uint8_t>& askFrame, std::vector<uint8_t
     // ASK: the next 200 samples, stamped with the frame's start in ms.
     std::vector<uint16_t> samples(askBuffer_.begin(), askBuffer_.begin() + kAskSamplesPerFrame);
     askBuffer_.erase(askBuffer_.begin(), askBuffer_.begin() + kAskSamplesPerFrame);
-    askFrame = qisim::AskStreamFrames(samples, kAskSamplesPerFrame, static_cast<uint32_t>(frames_ * 5));
+    askFrame = qisim::AskStreamFrames(samples, kAskSamplesPerFrame, StampMs(frames_ * 5));
 
     // FSK: the words that end within this frame's 5 ms, stamped with the ms
     // at the end of the last of them (the same framing as FskStreamFrames).
@@ -216,7 +216,7 @@ void StreamSynth::NextFrames(std::vector<uint8_t>& askFrame, std::vector<uint8_t
     fskFrame.clear();
     fskFrame.reserve(8 + 2 * count);
     PutDword(fskFrame, static_cast<uint32_t>(count * 2));
-    PutDword(fskFrame, static_cast<uint32_t>(end / kTicksPerMs));
+    PutDword(fskFrame, StampMs(end / kTicksPerMs));
     for (size_t i = 0; i < count; ++i) PutWord(fskFrame, fskBuffer_[i]);
     fskBuffer_.erase(fskBuffer_.begin(), fskBuffer_.begin() + static_cast<std::ptrdiff_t>(count));
     fskBufferStart_ = end;

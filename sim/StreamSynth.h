@@ -60,6 +60,10 @@ public:
     uint64_t FramesMade() const { return frames_; }
     // Stream time covered by the frames made so far.
     uint64_t StreamUs() const { return frames_ * 5000; }
+    // The device's clock starts again with each acquisition: the frames made
+    // from now on carry time stamps counted from this point of the stream, as
+    // the host counts the samples of an acquisition from its start.
+    void RestartStamps() { stampOriginMs_ = frames_ * 5; }
 
     // The packets that started within the frames made so far, oldest first.
     std::vector<ScriptedPacket> TakeStartedPackets();
@@ -68,6 +72,9 @@ public:
     bool ScriptEnded() const { return ended_; }
 
 private:
+    uint32_t StampMs(uint64_t streamMs) const {
+        return static_cast<uint32_t>(streamMs > stampOriginMs_ ? streamMs - stampOriginMs_ : 0);
+    }
     void Fill(uint64_t ticks);
     void Advance();
     void PlayAsk(const std::vector<uint8_t>& bytes);
@@ -108,6 +115,7 @@ private:
 
     std::deque<ScriptedPacket> packets_;
     uint64_t frames_ = 0;
+    uint64_t stampOriginMs_ = 0;  // stream ms of the current acquisition's start
 };
 
 }  // namespace coilsim

@@ -315,6 +315,11 @@ void MainWindow::ShowDac(int value)
 
 void MainWindow::StreamingStopped()
 {
+    // The decoding threads have ended: what they heard in the last second goes
+    // into this session now, before its Stop marker, and not into the next one.
+    std::vector<MsgInfoPtr> rest;
+    m_controller->Manager().TakeAllEvents(rest);
+    m_dock->AddLastEvents(rest);
 }
 
 void MainWindow::Tick()

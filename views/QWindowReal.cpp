@@ -108,6 +108,15 @@ void QWindowReal::PushSample(const RealTimeSample& sample)
     m_packets.append(sample.packets);
 }
 
+void QWindowReal::AddLastEvents(const std::vector<MsgInfoPtr>& events)
+{
+    m_pending.insert(m_pending.end(), events.begin(), events.end());
+    std::vector<MsgInfoPtr> batch(m_pending.begin(), m_pending.end());
+    m_pending.clear();
+    if (showEvents && !batch.empty())
+        m_eventWindow->AddEvents(batch);
+}
+
 void QWindowReal::Redraw()
 {
     if (showInfo) {

@@ -42,6 +42,9 @@ public:
     ~QWindowReal() override;
 
     void PushSample(const RealTimeSample& sample);
+    // The last events of an acquisition: they reach the event tree at once,
+    // after any batch still pending, so that they stand before its Stop marker.
+    void AddLastEvents(const std::vector<MsgInfoPtr>& events);
     void Redraw();
     void Clear();
     // Flips the show flag of the view the action names by its icon text
