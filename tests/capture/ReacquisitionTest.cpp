@@ -9,6 +9,7 @@
 #include "events/MsgInfo.h"
 #include "services/SettingParams.h"
 #include "sim/DeviceEmulator.h"
+#include "AcquisitionCheck.h"
 
 #include <gtest/gtest.h>
 
@@ -24,6 +25,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
+using namespace acquisitioncheck;
+
 class QuietView : public AcquisitionView {
 public:
     void ShowMessage(const std::string&, const std::string&) override {}
@@ -35,51 +38,14 @@ public:
     std::atomic<bool> tick{false};
 };
 
-struct Played {
-    bool fsk;
-    std::string bytes;
-    uint64_t startUs;
-};
-
-std::vector<Played> ReadPlayed(const std::string& path)
-{
-    std::vector<Played> out;
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
-        Played p;
-        p.fsk = line.find("\"direction\":\"FSK\"") != std::string::npos;
-        const size_t b = line.find("\"bytes\":\"") + 9;
-        p.bytes = line.substr(b, line.find('"', b) - b);
-        p.startUs = std::stoull(line.substr(line.find("\"start_us\":") + 11));
-        out.push_back(p);
-    }
-    return out;
-}
-
-struct Heard {
-    int type = 0;
-    int direction = 0;
-    std::string text;
-    std::string bytes;
-    uint64_t startUs = 0;
-};
-
 // One acquisition: the events of the refreshes while it runs, then those the
 // stop hands over.
 std::vector<Heard> Acquire(AcquisitionController& controller, QuietView& view, std::chrono::milliseconds length)
 {
     std::vector<Heard> heard;
     auto take = [&heard](const std::vector<MsgInfoPtr>& batch) {
-        for (const auto& e : batch) {
-            Heard h;
-            h.type = e->type;
-            h.direction = e->direction;
-            h.text = e->str.toStdString();
-            h.bytes = e->packet.PacketData;
-            h.startUs = e->timing.startTime;
-            heard.push_back(h);
-        }
+        for (const auto& e : batch)
+            heard.push_back(HeardOf(*e));
     };
     const auto until = std::chrono::steady_clock::now() + length;
     while (std::chrono::steady_clock::now() < until) {
@@ -97,10 +63,6 @@ std::vector<Heard> Acquire(AcquisitionController& controller, QuietView& view, s
     take(rest);
     return heard;
 }
-
-// Packet bytes as the emulator's record writes them ("01 E7 E6"); an event
-// keeps them the same way.
-std::string Key(bool fsk, const std::string& bytes) { return (fsk ? "FSK " : "ASK ") + bytes; }
 
 class Reacquisition : public ::testing::Test {
 protected:
@@ -170,47 +132,9 @@ protected:
         const std::vector<Played> played = ReadPlayed(o.recordAsk + ".expected.jsonl");
         ASSERT_FALSE(played.empty());
         int txChecked = 0;
-        for (int run = 0; run < count; ++run) {
-            const std::vector<Heard>& heard = runs[run];
-            const uint64_t lengthUs = endsUs[run] - startsUs[run];
-            ASSERT_FALSE(heard.empty()) << "acquisition " << run;
-            const Heard* lastRx = nullptr;
-            int matched = 0, packets = 0;
-            for (const Heard& h : heard) {
-                // Every event lies inside its own acquisition's stream.
-                EXPECT_LE(h.startUs, lengthUs + 100000) << "acquisition " << run << ": " << h.text;
-                if (h.bytes.empty() || h.type == kTypeChecksumOrProprietary || (h.direction != 1 && h.direction != 2))
-                    continue;
-                ++packets;
-                // The emulator played this packet where its capture time says,
-                // counted from the acquisition's start.
-                const bool fsk = h.direction == 1;
-                const uint64_t at = startsUs[run] + h.startUs;
-                bool found = false;
-                for (const Played& p : played) {
-                    if (p.fsk != fsk || p.bytes != h.bytes)
-                        continue;
-                    const int64_t off = static_cast<int64_t>(p.startUs) - static_cast<int64_t>(at);
-                    if (off > -40000 && off < 40000) {
-                        found = true;
-                        break;
-                    }
-                }
-                matched += found;
-                EXPECT_TRUE(found) << "acquisition " << run << ": " << Key(fsk, h.bytes) << " heard at "
-                                   << h.startUs << " us after the start, stream " << at << " us";
-                if (!fsk) {
-                    lastRx = &h;
-                } else if (lastRx) {
-                    // A transmitter packet answers the receiver packet before it.
-                    EXPECT_GE(h.startUs, lastRx->startUs) << h.text << " after " << lastRx->text;
-                    EXPECT_LE(h.startUs, lastRx->startUs + 1000000) << h.text << " after " << lastRx->text;
-                    ++txChecked;
-                }
-            }
-            std::printf("acquisition %d: %zu events, %d packets, %d where the emulator played them\n", run,
-                        heard.size(), packets, matched);
-        }
+        for (int run = 0; run < count; ++run)
+            txChecked += CheckAcquisition(runs[run], played, startsUs[run], endsUs[run] - startsUs[run],
+                                          "acquisition " + std::to_string(run));
         // The script's negotiation is heard with its answers.
         EXPECT_GT(txChecked, 3);
     }

@@ -2,6 +2,7 @@
 // dispatcher, action states through connect, start, stop and disconnect, the
 // refresh cycle against the device emulator, sessions opened and saved, Exit
 // and close. Message boxes and file dialogs go through the seam, recorded.
+#include "AcquisitionCheck.h"
 #include "ViewTestEvents.h"
 #include "WindowConnect.h"
 #include "events/SessionFile.h"
@@ -34,6 +35,7 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <map>
 
 namespace {
 
@@ -590,4 +592,75 @@ TEST(Startup, PluginFoldersBesideTheProgramWhateverTheWorkingDirectory)
     // A relative start ("./coilscope") is made absolute at once.
     AddPluginFoldersBeside("relative/coilscope");
     EXPECT_TRUE(QCoreApplication::libraryPaths().contains(QDir::current().absoluteFilePath("relative/plugins")));
+}
+
+// Stop and Start in the window, then Disconnect and Connect: each acquisition
+// shows what the device streamed between its start and its stop, on the clock
+// of its own start, with the transmitter's answers where they came.
+TEST_F(MainWindowTest, AcquisitionsInARowShowTheirOwnStreamOnTime)
+{
+    using namespace acquisitioncheck;
+    coilsim::EmulatorOptions o;
+    o.speed = 2;
+    o.recordAsk = dir.path().toStdString() + "/ask.bin";
+    o.recordFsk = dir.path().toStdString() + "/fsk.bin";
+    Emulator emu(o);
+    ASSERT_TRUE(emu.ok);
+    MainWindow w(emu.Pattern());
+    w.show();
+    EventLogModel& model = w.Dock()->EventWindow()->Model();
+    // Where the emulator's stream stood at each start, where it stood at each
+    // stop, and the first event number of each acquisition.
+    std::vector<uint64_t> starts, ends;
+    std::vector<int> firstNumbers;
+    auto acquire = [&](bool connect) {
+        firstNumbers.push_back(static_cast<int>(model.NextEventNumber()));
+        starts.push_back(emu.device->StreamUs());
+        if (connect) {
+            ASSERT_TRUE(ConnectAndAcquire(w));
+        } else {
+            w.Action("actionStart")->trigger();
+            ASSERT_TRUE(windowconnect::StartUntilAcquiring(w));
+        }
+        // A start that had to be pressed again began where the last press found the stream.
+        QTest::qWait(7000);
+        w.Action("actionStop")->trigger();
+        ends.push_back(emu.device->StreamUs());
+        QTest::qWait(500);
+    };
+    acquire(true);
+    acquire(false);
+    w.Action("actionDisconnect")->trigger();
+    acquire(true);
+    w.Action("actionDisconnect")->trigger();
+    ASSERT_EQ(emu.device->Counters().streamStarts, 3u) << "a start was pressed again; the test can't tell its zero";
+
+    // The first two acquisitions share a session (Stop and Start keep it),
+    // the third has its own: its numbers start again after its Start marker.
+    std::vector<std::map<int, Heard>> numbered(3);
+    int session = -1;
+    std::function<void(QStandardItem*)> walk = [&](QStandardItem* parent) {
+        for (int r = 0; r < parent->rowCount(); ++r) {
+            auto* item = static_cast<QStandardItemEx*>(parent->child(r));
+            if (item->mode == kItemStart)
+                ++session;
+            if (item->mode == kItemEvent) {
+                const int run = session >= 1 ? 2 : item->number < firstNumbers[1] ? 0 : 1;
+                numbered[run][item->number] = HeardOf(model.Select(item));
+            }
+            walk(item);
+        }
+    };
+    walk(model.Root());
+    std::vector<std::vector<Heard>> runs(3);
+    for (int run = 0; run < 3; ++run)
+        for (const auto& n : numbered[run])
+            runs[run].push_back(n.second);
+    const std::vector<Played> played = ReadPlayed(o.recordAsk + ".expected.jsonl");
+    ASSERT_FALSE(played.empty());
+    int answers = 0;
+    for (int run = 0; run < 3; ++run)
+        answers += CheckAcquisition(runs[run], played, starts[run], ends[run] - starts[run],
+                                    "acquisition " + std::to_string(run));
+    EXPECT_GT(answers, 3);
 }
