@@ -318,7 +318,14 @@ std::shared_ptr<TriggerData> BurstOf(const std::vector<int32_t>& y, const std::v
 {
     auto burst = std::make_shared<TriggerData>();
     burst->samples.assign(y.begin() + offsets[begin], y.begin() + offsets[end]);
-    burst->startTime = static_cast<uint64_t>(pulses[begin].mark) - (offsets[begin + 1] - offsets[begin]);
+    // The first pulse's samples end at its mark. A burst whose first pulse
+    // begins with the capture (a file cut just before a packet) can have a
+    // mark, which is the edge's position, short of its sample count: it then
+    // starts at the capture's start, not 2^64 samples later, which would put
+    // its packet behind every later one.
+    const uint64_t mark = pulses[begin].mark;
+    const uint64_t firstSamples = offsets[begin + 1] - offsets[begin];
+    burst->startTime = mark > firstSamples ? mark - firstSamples : 0;
     burst->endTime = pulses[end - 1].mark;
     return burst;
 }

@@ -211,3 +211,60 @@ TEST(StreamReplay, BytesLeftWithTheCallerReplayAsTheBytesHandedOver)
     EXPECT_EQ(batches, 0u);
     EXPECT_EQ(empty.SkippedAsk(), 0u);
 }
+
+namespace {
+
+// Fifty receiver packets, the first a Signal Strength soon after the stream
+// begins, then Control Errors of changing values, as a receiver sends them.
+std::vector<uint8_t> FiftyPacketsBytes(size_t leadIn)
+{
+    qisim::AskWaveWriter w(qisim::AskWaveParams{}, 7);
+    w.Idle(leadIn);
+    w.Packet(qisim::WithChecksum({0x01, 0xE7}), 11);
+    w.Idle(1200);
+    for (int k = 1; k < 50; ++k) {
+        w.Packet(qisim::WithChecksum({0x03, static_cast<uint8_t>(k * 5)}), 11);
+        w.Idle(1200);
+    }
+    return qisim::AskStreamFrames(w.Samples());
+}
+
+}  // namespace
+
+// The event texts a replay gives, in order.
+std::vector<std::string> EventTexts(const std::vector<uint8_t>& ask, SettingParams& settings)
+{
+    StreamReplay replay(ask, {}, &settings);
+    SettingParams::Instance().detectedPolarity.store(-1);
+    std::vector<std::string> texts;
+    replay.Run([&](std::vector<MsgInfoPtr>& events) {
+        for (const auto& e : events)
+            texts.push_back(e->str.toStdString());
+    });
+    SettingParams::Instance().detectedPolarity.store(0);
+    return texts;
+}
+
+// A file that begins inside its first frame plays from the next one. When the
+// first packet begins right there, its burst's first pulse starts with the
+// samples played: the packet still comes first, and the whole list of events
+// is the uncut file's, whatever the offset of the cut, with either reader.
+TEST(StreamReplay, FiftyPacketFileCutAtEveryOffsetOfItsFirstFrameKeepsCaptureOrder)
+{
+    // The first packet 0, 5 and 1800 samples after the first whole frame.
+    for (size_t leadIn : {size_t{200}, size_t{205}, size_t{2000}}) {
+        const auto stream = FiftyPacketsBytes(leadIn);
+        for (int reader : {0, 1}) {
+            SettingParams settings;
+            SetBand(settings);
+            settings.m_ask_second_reader = reader;
+            const std::vector<std::string> whole = EventTexts(stream, settings);
+            ASSERT_GE(whole.size(), 50u) << leadIn;
+            EXPECT_EQ(whole[0].substr(0, 14), "SignalStrength") << leadIn;
+            const size_t first = FirstFrameBytes(stream);
+            for (size_t at = 1; at <= first; ++at)
+                ASSERT_EQ(EventTexts(Cut(stream, at, false), settings), whole)
+                    << "first packet " << leadIn << " samples in, cut at " << at << ", second reader " << reader;
+        }
+    }
+}
