@@ -125,8 +125,9 @@ int RunReplay(int argc, char** argv)
 
     if (files.size() == 1 && EndsWith(files[0], ".sid")) {
         std::vector<MsgInfoPtr> events;
-        if (!ReadSessionFile(files[0], events)) {
-            std::fprintf(stderr, "coilscope-cli replay: cannot open %s\n", files[0].c_str());
+        std::string error;
+        if (!OpenSessionFile(files[0], events, error)) {
+            std::fprintf(stderr, "coilscope-cli replay: %s\n", error.c_str());
             return 2;
         }
         // The Start marker opens new autosave files, as opening a session in

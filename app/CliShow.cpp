@@ -69,8 +69,9 @@ int RunShow(int argc, char** argv)
         return 2;
     }
     std::vector<MsgInfoPtr> events;
-    if (!ReadSessionFile(path, events)) {
-        std::fprintf(stderr, "coilscope-cli show: cannot open %s\n", path.c_str());
+    std::string error;
+    if (!OpenSessionFile(path, events, error)) {
+        std::fprintf(stderr, "coilscope-cli show: %s\n", error.c_str());
         return 2;
     }
     Json::StreamWriterBuilder builder;

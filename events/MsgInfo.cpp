@@ -237,11 +237,11 @@ std::string MsgInfo::ToJson() const
     return Styled(v);
 }
 
-void MsgInfo::FromJson(const std::string& text)
+bool MsgInfo::FromJson(const std::string& text)
 {
     Json::Value v;
     if (!ParseDocument(text, v) || !v.isObject())
-        return;
+        return false;
     TakeGroup(v, "common", common);
     TakeGroup(v, "device", device);
     TakeGroup(v, "eventG", eventG);
@@ -257,4 +257,5 @@ void MsgInfo::FromJson(const std::string& text)
     TakeGroup(v, "timings", timings);
     TakeGroup(v, "timingsample", timingsample);
     TakeInt(v, "type", type);
+    return true;
 }

@@ -90,7 +90,8 @@ public:
     std::string ToJson() const;
     // Fills the record from a document. Text that does not parse leaves the
     // record as it is; a damaged key leaves its field as it is.
-    void FromJson(const std::string& text);
+    // False when the text is not a JSON object (the fields then stay as they were).
+    bool FromJson(const std::string& text);
 };
 
 using MsgInfoPtr = std::shared_ptr<MsgInfo>;

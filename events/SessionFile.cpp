@@ -1,5 +1,6 @@
 #include "events/SessionFile.h"
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <sys/stat.h>
@@ -26,10 +27,12 @@ bool NextRecord(Next next, std::string& text)
     return read > 0;
 }
 
-MsgInfoPtr EventOf(const std::string& text, int64_t number)
+MsgInfoPtr EventOf(const std::string& text, int64_t number, bool* parsed = nullptr)
 {
     auto event = std::make_shared<MsgInfo>();
-    event->FromJson(text);
+    const bool ok = event->FromJson(text);
+    if (parsed)
+        *parsed = ok;
     event->id = static_cast<int32_t>(number);
     event->eventG.FirstEventNumber = number;
     event->eventG.lastEventNumber = number;
@@ -55,6 +58,42 @@ bool ReadSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events)
         events.push_back(EventOf(text, counter++));
     std::fclose(file);
     return true;
+}
+
+bool OpenSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events, std::string& error)
+{
+    events.clear();
+    error.clear();
+    struct stat st {};
+    std::FILE* file = nullptr;
+    if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || !(file = std::fopen(path.c_str(), "rb"))) {
+        const int code = errno;
+        const bool found = st.st_mode != 0;
+        const std::string why = !found || S_ISREG(st.st_mode) ? std::string(std::strerror(code))
+                                : S_ISDIR(st.st_mode)         ? std::string("it is a folder")
+                                                              : std::string("it is not a regular file");
+        error = "Can't open \"" + path + "\": " + why + ". Expected a session file (.sid).";
+        return false;
+    }
+    std::string text;
+    int64_t counter = 1;
+    size_t readable = 0;
+    while (NextRecord([file] {
+        const int c = getc_unlocked(file);
+        return c == EOF ? -1 : c;
+    }, text)) {
+        bool parsed = false;
+        events.push_back(EventOf(text, counter++, &parsed));
+        readable += parsed ? 1 : 0;
+    }
+    std::fclose(file);
+    if (readable > 0)
+        return true;
+    error = events.empty() ? "\"" + path + "\" is empty. Expected a session file (.sid) with at least one event record."
+                           : "\"" + path + "\" is not a session file: none of its records is an event. Expected a "
+                             "session file (.sid) of event records in JSON, each ended by a 0 byte.";
+    events.clear();
+    return false;
 }
 
 std::vector<MsgInfoPtr> ReadSessionRecords(const uint8_t* bytes, size_t size)

@@ -19,6 +19,13 @@ constexpr size_t kSessionRecordBuffer = 131072;
 // byte still counts. Returns false if the file cannot be opened.
 bool ReadSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events);
 
+// Reads a session file to show it: as ReadSessionFile, but a file that cannot
+// be opened, or in which not one record is an event record (an empty file, a
+// text file, a session cut inside its first record), is refused with a message
+// in `error` that names the file and says what was expected; `events` is then
+// left empty. A session whose later records are damaged reads as above.
+bool OpenSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events, std::string& error);
+
 // The same from bytes already in memory.
 std::vector<MsgInfoPtr> ReadSessionRecords(const uint8_t* bytes, size_t size);
 

@@ -487,9 +487,12 @@ void MainWindow::OpenSession()
         m_fileOpen = false;
         return;
     }
+    // A file that holds no event is refused before anything changes: the view
+    // keeps what it shows and no session folder is made.
     std::vector<MsgInfoPtr> events;
-    if (!ReadSessionFile(path.toStdString(), events)) {
-        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Can't open file."));
+    std::string error;
+    if (!OpenSessionFile(path.toStdString(), events, error)) {
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Open Session"), QString::fromStdString(error));
         return;
     }
     m_fileOpen = true;

@@ -34,6 +34,21 @@ Result RunCli(const std::string& args, bool withStderr = false)
     return r;
 }
 
+// The standard output of a shell command.
+std::string RunShell(const std::string& command)
+{
+    std::string out;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe)
+        return out;
+    std::array<char, 4096> buffer;
+    size_t n;
+    while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
+        out.append(buffer.data(), n);
+    pclose(pipe);
+    return out;
+}
+
 }  // namespace
 
 TEST(CliDecode, ControlError)
@@ -182,9 +197,58 @@ TEST(CliShow, MissingFileIsAOneLineErrorWithStatusTwo)
 {
     const Result r = RunCli("show /nonexistent/x.sid", true);
     EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(r.out, "coilscope-cli show: cannot open /nonexistent/x.sid\n");
+    EXPECT_EQ(r.out, "coilscope-cli show: Can't open \"/nonexistent/x.sid\": No such file or directory. Expected a "
+                     "session file (.sid).\n");
     EXPECT_EQ(RunCli("show", true).status, 2);
     EXPECT_EQ(RunCli("show /tmp", true).status, 2);
+}
+
+// Files in which no record is an event: show and replay refuse them with the
+// window's message and status 2, and replay makes no session folder.
+TEST(CliShow, FilesWithoutOneEventAreRefusedWithStatusTwo)
+{
+    const std::string dir = std::string(std::getenv("XDG_DATA_HOME")) + "/not-sessions";
+    std::system(("rm -rf '" + dir + "' && mkdir -p '" + dir + "'").c_str());
+    struct Case {
+        std::string name;
+        std::string bytes;
+        std::string message;
+    };
+    const std::string record =
+        "{ \"str\" : \"Digital Ping 65ms @ 128000HZ\", \"type\" : 253 }";
+    const std::vector<Case> cases = {
+        {"empty.sid", "", "is empty. Expected a session file (.sid) with at least one event record."},
+        {"notes.sid", "Notes of the bench session\nsecond line\n",
+         "is not a session file: none of its records is an event. Expected a session file (.sid) of event records "
+         "in JSON, each ended by a 0 byte."},
+        {"cut.sid", record.substr(0, 20),
+         "is not a session file: none of its records is an event. Expected a session file (.sid) of event records "
+         "in JSON, each ended by a 0 byte."},
+    };
+    const std::string sessions = std::string(std::getenv("XDG_DATA_HOME")) + "/Coilscope";
+    for (const Case& c : cases) {
+        const std::string path = dir + "/" + c.name;
+        FILE* f = std::fopen(path.c_str(), "wb");
+        ASSERT_TRUE(f);
+        std::fwrite(c.bytes.data(), 1, c.bytes.size(), f);
+        std::fclose(f);
+        for (const char* command : {"show", "replay"}) {
+            const std::string before = RunShell("ls '" + sessions + "' 2>/dev/null");
+            const Result r = RunCli(std::string(command) + " '" + path + "'", true);
+            EXPECT_EQ(r.status, 2) << command << " " << c.name;
+            EXPECT_EQ(r.out, std::string("coilscope-cli ") + command + ": \"" + path + "\" " + c.message + "\n");
+            EXPECT_EQ(RunShell("ls '" + sessions + "' 2>/dev/null"), before) << command << " " << c.name;
+        }
+    }
+    // The same record whole is a session of one event.
+    const std::string path = dir + "/one.sid";
+    FILE* f = std::fopen(path.c_str(), "wb");
+    ASSERT_TRUE(f);
+    std::fwrite(record.data(), 1, record.size() + 1, f);
+    std::fclose(f);
+    const Result r = RunCli("show '" + path + "'");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "1\t\tDigital Ping 65ms @ 128000HZ\n");
 }
 
 TEST(Cli, FirstRunWritesAFreshSettingsFile)

@@ -130,3 +130,85 @@ TEST(SessionFile, WrittenRecordsReadBack)
     EXPECT_EQ(events[1]->common.logData, "two");
     EXPECT_TRUE(events[1]->packet.Status.empty());
 }
+
+// Opening a file to show it: a file in which not one record is an event is
+// refused with a message naming it; a session whose later records are damaged
+// reads as it always has.
+TEST(OpenSessionFile, EmptyFileIsRefusedWithItsName)
+{
+    QTemporaryDir dir;
+    const std::string path = WriteFile(dir, "");
+    std::vector<MsgInfoPtr> events;
+    std::string error;
+    EXPECT_FALSE(OpenSessionFile(path, events, error));
+    EXPECT_TRUE(events.empty());
+    EXPECT_EQ(error, "\"" + path + "\" is empty. Expected a session file (.sid) with at least one event record.");
+}
+
+TEST(OpenSessionFile, TextFileIsRefusedWithItsName)
+{
+    QTemporaryDir dir;
+    const std::string path = WriteFile(dir, "2026-11-25 05:00 bench notes\nnothing to see\n");
+    std::vector<MsgInfoPtr> events;
+    std::string error;
+    EXPECT_FALSE(OpenSessionFile(path, events, error));
+    EXPECT_TRUE(events.empty());
+    EXPECT_NE(error.find("\"" + path + "\" is not a session file"), std::string::npos) << error;
+    EXPECT_NE(error.find("Expected a session file (.sid)"), std::string::npos) << error;
+}
+
+TEST(OpenSessionFile, SessionCutInsideItsFirstRecordIsRefusedAtEveryCut)
+{
+    QTemporaryDir dir;
+    const std::string first = Record("first", 3);
+    const std::string whole = first + std::string(1, '\0') + Record("second", 4) + std::string(1, '\0');
+    // Cut anywhere before its closing brace (what follows it is white space).
+    const size_t end = first.rfind('}');
+    ASSERT_NE(end, std::string::npos);
+    for (size_t cut = 1; cut <= end; ++cut) {
+        const std::string path = WriteFile(dir, whole.substr(0, cut));
+        std::vector<MsgInfoPtr> events;
+        std::string error;
+        EXPECT_FALSE(OpenSessionFile(path, events, error)) << cut;
+        EXPECT_TRUE(events.empty()) << cut;
+        EXPECT_NE(error.find(path), std::string::npos) << cut;
+    }
+    // Whole, its first record is an event.
+    const std::string path = WriteFile(dir, whole.substr(0, first.size()));
+    std::vector<MsgInfoPtr> events;
+    std::string error;
+    EXPECT_TRUE(OpenSessionFile(path, events, error)) << error;
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->common.logData, "first");
+}
+
+TEST(OpenSessionFile, MissingFileAndFolderAreRefusedWithTheirNames)
+{
+    QTemporaryDir dir;
+    std::vector<MsgInfoPtr> events;
+    std::string error;
+    EXPECT_FALSE(OpenSessionFile("/nonexistent/nothing.sid", events, error));
+    EXPECT_EQ(error, "Can't open \"/nonexistent/nothing.sid\": No such file or directory. Expected a session file (.sid).");
+    const std::string folder = dir.path().toStdString();
+    EXPECT_FALSE(OpenSessionFile(folder, events, error));
+    EXPECT_EQ(error, "Can't open \"" + folder + "\": it is a folder. Expected a session file (.sid).");
+}
+
+TEST(OpenSessionFile, LaterDamagedRecordsReadAsTheWholeFileReads)
+{
+    QTemporaryDir dir;
+    const std::string bytes = Record("ok", 6) + std::string(1, '\0') + "garbage\xff" + std::string(1, '\0') +
+                              std::string("{ \"type\" : ") + std::string(1, '\0') + Record("late", 7).substr(0, 9);
+    const std::string path = WriteFile(dir, bytes);
+    std::vector<MsgInfoPtr> opened, read;
+    std::string error;
+    ASSERT_TRUE(OpenSessionFile(path, opened, error)) << error;
+    EXPECT_TRUE(error.empty());
+    ASSERT_TRUE(ReadSessionFile(path, read));
+    ASSERT_EQ(opened.size(), 4u);
+    ASSERT_EQ(read.size(), opened.size());
+    for (size_t i = 0; i < read.size(); ++i)
+        EXPECT_EQ(opened[i]->ToJson(), read[i]->ToJson()) << i;
+    EXPECT_EQ(opened[0]->type, 6);
+    EXPECT_EQ(opened[3]->type, 0);
+}

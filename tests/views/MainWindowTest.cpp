@@ -664,3 +664,59 @@ TEST_F(MainWindowTest, AcquisitionsInARowShowTheirOwnStreamOnTime)
                                     "acquisition " + std::to_string(run));
     EXPECT_GT(answers, 3);
 }
+
+// File > Open of a file in which no record is an event: a box names the file
+// and says what was expected; the session shown and the session folders stay
+// as they were.
+TEST_F(MainWindowTest, OpeningAFileThatIsNotASessionKeepsTheViewAndTheFolders)
+{
+    const std::string base = dir.path().toStdString();
+    const std::string good = base + "/good.sid";
+    {
+        std::FILE* f = std::fopen(good.c_str(), "wb");
+        ASSERT_TRUE(f);
+        for (int k = 0; k < 3; ++k) {
+            MsgInfo m;
+            m.type = 3;
+            m.str = QStringLiteral("ControlError %1.0% @128000HZ").arg(k);
+            m.common.logData = m.str.toStdString();
+            ASSERT_GT(WriteSessionRecord(f, m), 0u);
+        }
+        std::fclose(f);
+    }
+    MainWindow w(Empty());
+    answer = QString::fromStdString(good);
+    w.actionBtns(w.Action("actionOpen"));
+    ASSERT_TRUE(messages.empty());
+    ASSERT_TRUE(w.FileOpen());
+    EventLogModel& model = w.Dock()->EventWindow()->Model();
+    const QStringList shown = model.LogLines();
+    ASSERT_EQ(shown.size(), 5);  // Start marker, three events, Stop marker
+    const QString sessions = QString::fromStdString(SettingParams::Instance().savePath);
+    const QStringList folders = QDir(sessions).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+
+    const std::string record = MsgInfo().ToJson();
+    const std::vector<std::pair<std::string, std::string>> files = {
+        {"empty.sid", ""},
+        {"notes.txt", "bench notes: receiver B, 5 W\n"},
+        {"cut.sid", record.substr(0, record.size() / 2)},
+    };
+    for (const auto& file : files) {
+        const std::string path = base + "/" + file.first;
+        std::FILE* f = std::fopen(path.c_str(), "wb");
+        ASSERT_TRUE(f);
+        std::fwrite(file.second.data(), 1, file.second.size(), f);
+        std::fclose(f);
+        messages.clear();
+        answer = QString::fromStdString(path);
+        w.actionBtns(w.Action("actionOpen"));
+        ASSERT_EQ(messages.size(), 1u) << file.first;
+        EXPECT_EQ(messages[0].kind, MessageKind::Warning);
+        EXPECT_EQ(messages[0].title, "Open Session");
+        EXPECT_TRUE(messages[0].text.contains(QString::fromStdString(path))) << messages[0].text.toStdString();
+        EXPECT_TRUE(messages[0].text.contains("Expected a session file (.sid)")) << messages[0].text.toStdString();
+        EXPECT_EQ(model.LogLines(), shown) << file.first;
+        EXPECT_TRUE(w.FileOpen());
+        EXPECT_EQ(QDir(sessions).entryList(QDir::Dirs | QDir::NoDotAndDotDot), folders) << file.first;
+    }
+}
