@@ -143,6 +143,8 @@ std::string EmulatorHelp() {
         "30 s or so: digital pings, a receiver's signal strength, identification,\n"
         "extended identification and configuration, negotiation answered over\n"
         "FSK, calibration, 20 s of power transfer, end of power transfer.\n"
+        "The session goes on while the device does not stream; each start\n"
+        "stamps its frames from 0 again, and frames queued at a stop are dropped.\n"
         "\n"
         "options:\n"
         "  --dir DIR              folder of the links (made if missing; default a\n"

@@ -351,11 +351,12 @@ TEST_F(MainWindowTest, OpenOfAMissingFileSaysSoAndCancelDoesNothing)
     answer = dir.path() + "/missing.sid";
     w.actionBtns(w.Action("actionOpen"));
     ASSERT_EQ(messages.size(), 1u);
-    EXPECT_EQ(messages[0].title, "Waring");
-    EXPECT_EQ(messages[0].text, "Can't open file.");
+    EXPECT_EQ(messages[0].title, "Open Session");
+    EXPECT_EQ(messages[0].text, "Can't open \"" + answer + "\": No such file or directory. Expected a session file (.sid).");
+    EXPECT_FALSE(w.FileOpen());
 }
 
-TEST_F(MainWindowTest, EmptySessionFilePlaysTheTwoMarkersOnly)
+TEST_F(MainWindowTest, EmptySessionFileIsRefusedAndNothingIsShown)
 {
     MainWindow w(Empty());
     answer = dir.path() + "/empty.sid";
@@ -363,12 +364,10 @@ TEST_F(MainWindowTest, EmptySessionFilePlaysTheTwoMarkersOnly)
     ASSERT_TRUE(f.open(QIODevice::WriteOnly));
     f.close();
     w.actionBtns(w.Action("actionOpen"));
-    EXPECT_TRUE(messages.empty());
-    EXPECT_TRUE(w.FileOpen());
-    const QStringList lines = w.Dock()->EventWindow()->Model().LogLines();
-    ASSERT_EQ(lines.size(), 2);
-    EXPECT_TRUE(lines[0].startsWith("   [1] Start Acquisition: "));
-    EXPECT_TRUE(lines[1].startsWith("   [2] Stop Acquisition: "));
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0].text, "\"" + answer + "\" is empty. Expected a session file (.sid) with at least one event record.");
+    EXPECT_FALSE(w.FileOpen());
+    EXPECT_TRUE(w.Dock()->EventWindow()->Model().LogLines().isEmpty());
 }
 
 TEST_F(MainWindowTest, OpenedSessionGivesItsEventsTheirRecordsBack)
