@@ -7,10 +7,11 @@
 #include "views/QwtChart.h"
 
 #include <QAction>
+#include <QEvent>
 #include <QSplitter>
 #include <QVBoxLayout>
 
-QWindowReal::QWindowReal(QWidget* parent) : QDialog(parent)
+QWindowReal::QWindowReal(QWidget* parent) : PanelDialog(parent)
 {
     setObjectName(QStringLiteral("QWindowReal"));
     auto* layout = new QVBoxLayout(this);
@@ -36,15 +37,21 @@ QWindowReal::QWindowReal(QWidget* parent) : QDialog(parent)
     m_middle->setStretchFactor(1, 1);
     m_right->addWidget(m_properties);
     m_right->addWidget(m_eventInfo);
+    // The gauges keep the height they ask for, all four in view; the property
+    // tree takes the rest of the column and all that a resize adds.
     m_right->setStretchFactor(0, 1);
-    m_right->setStretchFactor(1, 1);
-    // Left to Qt the three columns start equal and the charts too narrow for
-    // their axis labels: the tree and the charts take a little more.
-    m_top->setStretchFactor(0, 4);
-    m_top->setStretchFactor(1, 4);
-    m_top->setStretchFactor(2, 3);
+    m_right->setStretchFactor(1, 0);
+    // The columns start at these shares of the width, whatever the widgets'
+    // own preferred widths, so the charts are wide enough for their axis
+    // numbers; a resize keeps the shares.
+    m_top->setSizes({40, 32, 28});
     layout->addWidget(m_top);
     installEventFilter(this);
+    // The show flags follow each view's own showing and hiding.
+    for (QWidget* view : {static_cast<QWidget*>(m_eventWindow), static_cast<QWidget*>(m_frequencyChart),
+                          static_cast<QWidget*>(m_percentChart), static_cast<QWidget*>(m_properties),
+                          static_cast<QWidget*>(m_eventInfo)})
+        view->installEventFilter(this);
     setAutoFillBackground(true);
 
     connect(m_eventWindow, &QEventWindow::EventWindowSelect_Signal, this, &QWindowReal::EventWindowSelected);
@@ -53,6 +60,40 @@ QWindowReal::QWindowReal(QWidget* parent) : QDialog(parent)
 QWindowReal::~QWindowReal()
 {
     removeEventFilter(this);
+    for (QWidget* view : {static_cast<QWidget*>(m_eventWindow), static_cast<QWidget*>(m_frequencyChart),
+                          static_cast<QWidget*>(m_percentChart), static_cast<QWidget*>(m_properties),
+                          static_cast<QWidget*>(m_eventInfo)})
+        view->removeEventFilter(this);
+}
+
+bool* QWindowReal::FlagOf(const QWidget* view)
+{
+    if (view == m_eventWindow)
+        return &showEvents;
+    if (view == m_frequencyChart)
+        return &showFrequency;
+    if (view == m_percentChart)
+        return &showPercent;
+    if (view == m_properties)
+        return &showProperties;
+    if (view == m_eventInfo)
+        return &showInfo;
+    return nullptr;
+}
+
+QWidget* QWindowReal::ViewOf(const QString& name) const
+{
+    if (name == QLatin1String("Sniffer Events"))
+        return m_eventWindow;
+    if (name == QLatin1String("EventInfo"))
+        return m_eventInfo;
+    if (name == QLatin1String("FrequencyChart"))
+        return m_frequencyChart;
+    if (name == QLatin1String("PercentageChart"))
+        return m_percentChart;
+    if (name == QLatin1String("EventPropertyChart"))
+        return m_properties;
+    return nullptr;
 }
 
 void QWindowReal::ApplyFlags()
@@ -69,22 +110,17 @@ bool QWindowReal::TakeAction(QAction* action)
 {
     if (!action)
         return false;
-    const QString name = action->iconText();
-    bool* flag = nullptr;
-    if (name == QLatin1String("Sniffer Events"))
-        flag = &showEvents;
-    else if (name == QLatin1String("EventInfo"))
-        flag = &showInfo;
-    else if (name == QLatin1String("FrequencyChart"))
-        flag = &showFrequency;
-    else if (name == QLatin1String("PercentageChart"))
-        flag = &showPercent;
-    else if (name == QLatin1String("EventPropertyChart"))
-        flag = &showProperties;
+    QWidget* view = ViewOf(action->iconText());
+    bool* flag = FlagOf(view);
     if (!flag)
         return false;
-    *flag = !*flag;
+    // A checkable toggle has already turned to what the user wants to see.
+    *flag = action->isCheckable() ? action->isChecked() : !*flag;
     ApplyFlags();
+    // The view's show or hide event has set the toggle, unless nothing
+    // changed; either way it says what is shown.
+    if (action->isCheckable())
+        action->setChecked(*flag);
     return true;
 }
 
@@ -210,6 +246,18 @@ void QWindowReal::EventWindowSelected(MsgInfo& info, StandardItemMode mode)
 
 bool QWindowReal::eventFilter(QObject* watched, QEvent* event)
 {
+    if (watched != this) {
+        // A view was shown or hidden within the dock, by a toggle or by
+        // anything else: its flag and its toggle follow.
+        if (event->type() == QEvent::ShowToParent || event->type() == QEvent::HideToParent) {
+            auto* view = static_cast<QWidget*>(watched);
+            if (bool* flag = FlagOf(view)) {
+                *flag = !view->isHidden();
+                emit signals_viewShown(view, *flag);
+            }
+        }
+        return PanelDialog::eventFilter(watched, event);
+    }
     // The focus tests make the gauges' and the event window's tab titles bold.
     // A show or hide in progress holds the mutex: then the test is skipped.
     std::unique_lock<std::mutex> lock(m_viewMutex, std::try_to_lock);
@@ -219,5 +267,5 @@ bool QWindowReal::eventFilter(QObject* watched, QEvent* event)
         if (showInfo)
             m_eventInfo->FocusTest();
     }
-    return QDialog::eventFilter(watched, event);
+    return PanelDialog::eventFilter(watched, event);
 }

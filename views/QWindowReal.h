@@ -7,7 +7,7 @@
 
 #include "events/EventLogModel.h"
 
-#include <QDialog>
+#include "events/ui/PanelDialog.h"
 #include <QList>
 #include <QVector>
 
@@ -32,7 +32,7 @@ struct RealTimeSample {
     int64_t packets = 0;     // errors in the high 32 bits, total in the low 32
 };
 
-class QWindowReal : public QDialog {
+class QWindowReal : public PanelDialog {
     Q_OBJECT
 public:
     // The charts and the gauges keep this many seconds.
@@ -44,10 +44,13 @@ public:
     void PushSample(const RealTimeSample& sample);
     void Redraw();
     void Clear();
-    // Flips the show flag of the view the action names by its icon text
-    // ("Sniffer Events", "EventInfo", "FrequencyChart", "PercentageChart",
-    // "EventPropertyChart") and applies the flags; false for any other action.
+    // Shows or hides the view the action names by its icon text ("Sniffer
+    // Events", "EventInfo", "FrequencyChart", "PercentageChart",
+    // "EventPropertyChart"): a checkable action's checked state says which,
+    // any other flips the view. False for any other action.
     bool TakeAction(QAction* action);
+    // The view an action names by its icon text, as above; null for others.
+    QWidget* ViewOf(const QString& iconText) const;
     // The frequency range of the settings, after the configuration was saved.
     void NewFrequencyLimits();
     void StartMark();
@@ -66,7 +69,13 @@ public:
     const QVector<double>& PercentHistory() const { return m_percent; }
     size_t PendingEvents() const { return m_pending.size(); }
 
+    // Whether each view is shown. They follow the views' own visibility
+    // within the dock, whatever hid or showed a view.
     bool showInfo = true, showProperties = true, showFrequency = true, showPercent = true, showEvents = true;
+
+signals:
+    // A view was shown or hidden within the dock: the view toggles follow it.
+    void signals_viewShown(QWidget* view, bool shown);
 
 public slots:
     void EventWindowSelected(MsgInfo& info, StandardItemMode mode);
@@ -76,6 +85,7 @@ protected:
 
 private:
     void ApplyFlags();
+    bool* FlagOf(const QWidget* view);
 
     QEventInfo* m_eventInfo = nullptr;
     Properties* m_properties = nullptr;

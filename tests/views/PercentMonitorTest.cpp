@@ -79,11 +79,11 @@ protected:
 TEST_F(PercentMonitorTest, FormAndChart)
 {
     PercentMonitor m;
-    EXPECT_EQ(m.windowTitle(), "PowerMonitor");
+    EXPECT_EQ(m.windowTitle(), "Power Monitor");
     EXPECT_EQ(m.size(), QSize(653, 261));
     EXPECT_EQ(m.findChild<QLabel*>("label_power")->text(), "Power:");
     EXPECT_EQ(m.findChild<QLabel*>("label_time")->text(), "Time:");
-    EXPECT_EQ(m.findChild<QPushButton*>("pushButton")->text(), "Open Dir");
+    EXPECT_EQ(m.findChild<QPushButton*>("pushButton")->text(), "Open Folder");
     EXPECT_EQ(m.Chart()->Kind(), 7);
     EXPECT_EQ(m.Chart()->XSpan(), 256);
     EXPECT_TRUE(m.LogPath().empty());

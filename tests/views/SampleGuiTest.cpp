@@ -77,7 +77,7 @@ TEST_F(SampleGuiTest, FormAsTheDesignerMadeItForBothKinds)
 {
     SampleGui ask(5);
     EXPECT_EQ(ask.objectName(), "SampleGuiClass");
-    EXPECT_EQ(ask.windowTitle(), "ASK");
+    EXPECT_EQ(ask.windowTitle(), "ASK Wave");
     EXPECT_EQ(ask.size(), QSize(846, 542));
     EXPECT_EQ(ask.Chart()->Kind(), 5);
     EXPECT_EQ(ask.Chart()->XSpan(), 500);
@@ -86,13 +86,13 @@ TEST_F(SampleGuiTest, FormAsTheDesignerMadeItForBothKinds)
     struct Row {
         const char* name;
         const char* text;
-    } boxes[] = {{"checkBox", "Manual Acting"}, {"checkBox_Lock", "Lock"}, {"checkBox_autoTrigger", "AutoTrigger"}};
+    } boxes[] = {{"checkBox", "Manual Acting"}, {"checkBox_Lock", "Lock"}, {"checkBox_autoTrigger", "Auto Trigger"}};
     for (const Row& r : boxes)
         EXPECT_EQ(ask.findChild<QCheckBox*>(r.name)->text(), r.text) << r.name;
     EXPECT_FALSE(ask.findChild<QCheckBox*>("checkBox_autoTrigger")->isChecked());
     EXPECT_EQ(ask.findChild<QPushButton*>("pushButton")->text(), "Pause");
     EXPECT_EQ(ask.findChild<QGroupBox*>("groupBox")->title(), "Packet Info");
-    Row labels[] = {{"label", "Summary"}, {"label_2", "TypeString"}, {"label_3", "LogData"}, {"label_4", "PacketData"}};
+    Row labels[] = {{"label", "Summary"}, {"label_2", "Type"}, {"label_3", "Log Data"}, {"label_4", "Packet Data"}};
     for (const Row& r : labels)
         EXPECT_EQ(ask.findChild<QLabel*>(r.name)->text(), r.text) << r.name;
     for (const char* edit : {"lineEdit_summary", "lineEdit_typestring", "lineEdit_logdata", "lineEdit_packetdata"})
@@ -113,7 +113,7 @@ TEST_F(SampleGuiTest, FormAsTheDesignerMadeItForBothKinds)
     EXPECT_LT(ask.Chart()->geometry().bottom(), ask.findChild<QGroupBox*>("groupBox")->geometry().top());
 
     SampleGui fsk(6);
-    EXPECT_EQ(fsk.windowTitle(), "FSK");
+    EXPECT_EQ(fsk.windowTitle(), "FSK Wave");
     fsk.show();
     for (const char* name : {"checkBox", "checkBox_Lock", "horizontalSlider", "label_dac_min", "label_dac_max"})
         EXPECT_FALSE(fsk.findChild<QWidget*>(name)->isVisible()) << name;
