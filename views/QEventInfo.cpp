@@ -31,6 +31,8 @@ Gauge AddGauge(QVBoxLayout* page, const QString& title, const QString& caption, 
     auto* box = new QGroupBox(title);
     box->setObjectName(QStringLiteral("groupBox_") + name);
     auto* grid = new QGridLayout(box);
+    grid->setContentsMargins(6, 2, 6, 4);
+    grid->setVerticalSpacing(4);
     Gauge g{};
     g.text = new QLineEdit(box);
     g.text->setObjectName(QStringLiteral("lineEdit_") + name);
@@ -78,6 +80,7 @@ QEventInfo::QEventInfo(QWidget* parent) : PanelDialog(parent)
     outer->addWidget(scroll, 0, 0);
     auto* scrollPage = new QWidget();
     auto* scrollGrid = new QGridLayout(scrollPage);
+    scrollGrid->setContentsMargins(2, 2, 2, 2);
     m_tabs = new QTabWidget(scrollPage);
     m_tabs->setTabShape(QTabWidget::Triangular);
     m_tabs->setUsesScrollButtons(true);
@@ -87,6 +90,8 @@ QEventInfo::QEventInfo(QWidget* parent) : PanelDialog(parent)
 
     auto* tab = new QWidget();
     auto* page = new QVBoxLayout(tab);
+    page->setContentsMargins(6, 4, 6, 4);
+    page->setSpacing(4);
     const Gauge freq = AddGauge(page, QStringLiteral("Operating Frequency"), QStringLiteral("Frequency"),
                                 QStringLiteral("85 kHz"), QStringLiteral("600 kHz"), QStringLiteral("freq"));
     m_freqText = freq.text;
@@ -110,6 +115,7 @@ QEventInfo::QEventInfo(QWidget* parent) : PanelDialog(parent)
     auto* packets = new QGroupBox(QStringLiteral("Packets Report (Error/Total)"), tab);
     packets->setObjectName(QStringLiteral("groupBox_packets"));
     auto* packetsLayout = new QVBoxLayout(packets);
+    packetsLayout->setContentsMargins(6, 2, 6, 4);
     m_packetsText = new QLineEdit(packets);
     m_packetsText->setObjectName(QStringLiteral("lineEdit_packets"));
     m_packetsText->setReadOnly(true);
@@ -128,7 +134,8 @@ QSize QEventInfo::sizeHint() const
     QSize hint = PanelDialog::sizeHint();
     const QMargins outer = layout()->contentsMargins();
     const int frame = 2 * m_scroll->frameWidth();
-    hint.setHeight(m_scroll->widget()->sizeHint().height() + frame + outer.top() + outer.bottom());
+    // A few pixels to spare, so that rounding never calls up the scroll bar.
+    hint.setHeight(m_scroll->widget()->sizeHint().height() + frame + outer.top() + outer.bottom() + 4);
     return hint;
 }
 

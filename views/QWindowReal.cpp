@@ -11,6 +11,8 @@
 #include <QSplitter>
 #include <QVBoxLayout>
 
+#include <algorithm>
+
 QWindowReal::QWindowReal(QWidget* parent) : PanelDialog(parent)
 {
     setObjectName(QStringLiteral("QWindowReal"));
@@ -37,14 +39,14 @@ QWindowReal::QWindowReal(QWidget* parent) : PanelDialog(parent)
     m_middle->setStretchFactor(1, 1);
     m_right->addWidget(m_properties);
     m_right->addWidget(m_eventInfo);
-    // The gauges keep the height they ask for, all four in view; the property
-    // tree takes the rest of the column and all that a resize adds.
     m_right->setStretchFactor(0, 1);
     m_right->setStretchFactor(1, 0);
-    // The columns start at these shares of the width, whatever the widgets'
-    // own preferred widths, so the charts are wide enough for their axis
-    // numbers; a resize keeps the shares.
-    m_top->setSizes({40, 32, 28});
+    // Until the user drags a handle, the columns and the right column's two
+    // views are fitted to each new size (see FitSplitters).
+    m_top->installEventFilter(this);
+    m_right->installEventFilter(this);
+    connect(m_top, &QSplitter::splitterMoved, this, [this] { m_topMoved = true; });
+    connect(m_right, &QSplitter::splitterMoved, this, [this] { m_rightMoved = true; });
     layout->addWidget(m_top);
     installEventFilter(this);
     // The show flags follow each view's own showing and hiding.
@@ -60,6 +62,8 @@ QWindowReal::QWindowReal(QWidget* parent) : PanelDialog(parent)
 QWindowReal::~QWindowReal()
 {
     removeEventFilter(this);
+    m_top->removeEventFilter(this);
+    m_right->removeEventFilter(this);
     for (QWidget* view : {static_cast<QWidget*>(m_eventWindow), static_cast<QWidget*>(m_frequencyChart),
                           static_cast<QWidget*>(m_percentChart), static_cast<QWidget*>(m_properties),
                           static_cast<QWidget*>(m_eventInfo)})
@@ -244,8 +248,39 @@ void QWindowReal::EventWindowSelected(MsgInfo& info, StandardItemMode mode)
         m_properties->Fill(info, mode);
 }
 
+// The columns take 40, 32 and 28 hundredths of the width, whatever the
+// widgets' own preferred widths: the tree has room for its texts and the
+// charts for their axis numbers. On the right the gauges take the height
+// they ask for, all four in view, as long as the property tree keeps a
+// fifth of the column; the property tree has the rest. A splitter whose
+// handle the user dragged keeps what the user chose.
+void QWindowReal::FitSplitters(QSplitter* splitter)
+{
+    if (splitter == m_top && !m_topMoved) {
+        // In pixels: QSplitter raises a size below a widget's minimum to the
+        // minimum before it weighs the sizes against each other.
+        const int width = m_top->width() - 2 * m_top->handleWidth();
+        if (width <= 0)
+            return;
+        const int left = width * 40 / 100;
+        const int middle = width * 32 / 100;
+        m_top->setSizes({left, middle, width - left - middle});
+    } else if (splitter == m_right && !m_rightMoved) {
+        const int height = m_right->height() - m_right->handleWidth();
+        if (height <= 0)
+            return;
+        const int gauges = std::min(m_eventInfo->sizeHint().height(), height * 4 / 5);
+        m_right->setSizes({height - gauges, gauges});
+    }
+}
+
 bool QWindowReal::eventFilter(QObject* watched, QEvent* event)
 {
+    if (watched == m_top || watched == m_right) {
+        if (event->type() == QEvent::Resize)
+            FitSplitters(static_cast<QSplitter*>(watched));
+        return PanelDialog::eventFilter(watched, event);
+    }
     if (watched != this) {
         // A view was shown or hidden within the dock, by a toggle or by
         // anything else: its flag and its toggle follow.

@@ -58,6 +58,8 @@ public:
     // The first shown view with the keyboard focus, in the order event window,
     // gauges, properties, frequency chart, percent chart; null if none.
     QWidget* FocusedView();
+    QSplitter* TopSplitter() const { return m_top; }
+    QSplitter* RightSplitter() const { return m_right; }
 
     QEventWindow* EventWindow() const { return m_eventWindow; }
     QEventInfo* EventInfo() const { return m_eventInfo; }
@@ -86,6 +88,7 @@ protected:
 private:
     void ApplyFlags();
     bool* FlagOf(const QWidget* view);
+    void FitSplitters(QSplitter* splitter);
 
     QEventInfo* m_eventInfo = nullptr;
     Properties* m_properties = nullptr;
@@ -103,5 +106,7 @@ private:
     QSplitter* m_left = nullptr;
     QSplitter* m_middle = nullptr;
     QSplitter* m_right = nullptr;
+    bool m_topMoved = false;    // the user dragged a handle of the top splitter
+    bool m_rightMoved = false;  // ... of the right splitter
     std::mutex m_viewMutex;
 };

@@ -111,6 +111,9 @@ QwtChart::QwtChart(int kind, int xSpan, QWidget* parent) : QWidget(parent), m_ki
     m_series->removePoints(0, 6);
     m_series2->removePoints(0, 6);
 
+    // Narrow margins: on a small screen the plot area and the vertical
+    // axis' title need the height.
+    m_chart->setMargins(QMargins(6, 4, 6, 4));
     m_chartView->setChart(m_chart);
     m_chartView->setRenderHint(QPainter::Antialiasing);
     m_chartView->setRubberBand(QChartView::NoRubberBand);

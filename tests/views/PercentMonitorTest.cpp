@@ -1,6 +1,6 @@
 // The power monitor: its labels at every update, one log line and one chart
 // point a second, the file's name and exact line format, Reset, the chart's
-// ranges, the points kept while hidden, "Open Dir", and a capture folder that
+// ranges, the points kept while hidden, "Open Folder", and a capture folder that
 // cannot be written.
 #include "events/ui/UserSeams.h"
 #include "services/AppSettings.h"
