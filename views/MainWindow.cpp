@@ -151,7 +151,7 @@ MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(p
     // Emitted on the pacing thread, run on this one.
     connect(this, &MainWindow::timeout_signal, this, &MainWindow::TimeOut_slot, Qt::QueuedConnection);
     connect(m_askPanel, &SampleGui::signal_dac_change, this, &MainWindow::DAC_ValueChange);
-    // "Manual Acting" holds the automatic DAC level still.
+    // "Manual DAC" holds the automatic DAC level still.
     connect(m_askPanel->ManualBox(), &QCheckBox::toggled, this,
             [this](bool checked) { m_controller->Link().SetManualActing(checked); });
 }

@@ -81,7 +81,7 @@ void SampleGui::SetupForm()
 
     auto* controls = new QHBoxLayout();
     controls->setSpacing(6);
-    m_checkBox = new QCheckBox(QStringLiteral("Manual Acting"), central);
+    m_checkBox = new QCheckBox(QStringLiteral("Manual DAC"), central);
     m_checkBox->setObjectName(QStringLiteral("checkBox"));
     m_checkBoxLock = new QCheckBox(QStringLiteral("Lock"), central);
     m_checkBoxLock->setObjectName(QStringLiteral("checkBox_Lock"));

@@ -86,7 +86,7 @@ TEST_F(SampleGuiTest, FormAsTheDesignerMadeItForBothKinds)
     struct Row {
         const char* name;
         const char* text;
-    } boxes[] = {{"checkBox", "Manual Acting"}, {"checkBox_Lock", "Lock"}, {"checkBox_autoTrigger", "Auto Trigger"}};
+    } boxes[] = {{"checkBox", "Manual DAC"}, {"checkBox_Lock", "Lock"}, {"checkBox_autoTrigger", "Auto Trigger"}};
     for (const Row& r : boxes)
         EXPECT_EQ(ask.findChild<QCheckBox*>(r.name)->text(), r.text) << r.name;
     EXPECT_FALSE(ask.findChild<QCheckBox*>("checkBox_autoTrigger")->isChecked());
@@ -98,7 +98,7 @@ TEST_F(SampleGuiTest, FormAsTheDesignerMadeItForBothKinds)
     for (const char* edit : {"lineEdit_summary", "lineEdit_typestring", "lineEdit_logdata", "lineEdit_packetdata"})
         EXPECT_TRUE(ask.findChild<QLineEdit*>(edit)) << edit;
     // The DAC controls read the settings: range 1100 .. 2700, value 1700,
-    // disabled until "Manual Acting".
+    // disabled until "Manual DAC".
     EXPECT_EQ(ask.findChild<QLabel*>("label_dac_min")->text(), "1100");
     EXPECT_EQ(ask.findChild<QLabel*>("label_dac_max")->text(), "2700");
     QSlider* slider = ask.findChild<QSlider*>("horizontalSlider");
@@ -256,7 +256,7 @@ TEST_F(SampleGuiTest, ManualActingEnablesTheSliderWhichSendsItsValue)
     EXPECT_EQ(sent[0][0].toInt(), 1700 + ask.Slider()->pageStep());
     // Not written into the settings: only the configuration dialog does.
     EXPECT_EQ(SettingParams::Instance().m_dac_value, 1700);
-    // Manual Acting alone isn't saved.
+    // Manual DAC alone isn't saved.
     EXPECT_EQ(SettingParams::Instance().m_dac_manual, 0);
     QTest::mouseClick(ask.ManualBox(), Qt::LeftButton);
     EXPECT_FALSE(ask.Slider()->isEnabled());
@@ -293,7 +293,7 @@ TEST_F(SampleGuiTest, LockSavesBothBoxesAndDisablesTheControls)
     const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     EXPECT_NE(text.find("\"m_dac_locked\" : 1"), std::string::npos) << text;
     EXPECT_NE(text.find("\"m_dac_manual\" : 1"), std::string::npos) << text;
-    // Unlocked: Manual Acting is back, and the slider with it while checked.
+    // Unlocked: Manual DAC is back, and the slider with it while checked.
     QTest::mouseClick(ask.LockBox(), Qt::LeftButton);
     EXPECT_EQ(SettingParams::Instance().m_dac_locked, 0);
     EXPECT_TRUE(ask.ManualBox()->isEnabled());
