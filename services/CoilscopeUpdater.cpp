@@ -66,7 +66,7 @@ CoilscopeUpdater::CoilscopeUpdater(const QString& serverBase, QWidget* parent) :
         std::_Exit(code);
     };
     setObjectName(QStringLiteral("CoilscopeUpdaterClass"));
-    setWindowTitle(QStringLiteral("CoilscopeUpdater"));
+    setWindowTitle(QStringLiteral("Coilscope Update"));
     resize(366, 285);
     auto* central = new QWidget(this);
     central->setObjectName(QStringLiteral("centralWidget"));
@@ -208,7 +208,7 @@ void CoilscopeUpdater::VersionCheck()
     m_checkBox->show();
     SettingParams& s = SettingParams::Instance();
     if (s.m_skip_version != entry.version) {
-        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"),
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Warning"),
                         QString::asprintf("Find new version %d.", entry.version));
         s.m_skip_version = entry.version;
         AppSettings::Instance().save();
@@ -252,7 +252,7 @@ void CoilscopeUpdater::process(QString task, qint64 byteTotal, double percent, d
 {
     if (m_setupUrl.isEmpty() || task != m_setupUrl)
         return;
-    m_labelSpeed->setText(QString::asprintf("%dKB/s", static_cast<int>(std::min(speed, double(INT_MAX)))));
+    m_labelSpeed->setText(QString::asprintf("%d KB/s", static_cast<int>(std::min(speed, double(INT_MAX)))));
     const qint64 total = std::clamp<qint64>(byteTotal, 0, INT_MAX);
     m_progressBar->setMaximum(static_cast<int>(total));
     m_progressBar->setValue(static_cast<int>(static_cast<double>(total) * percent));

@@ -39,16 +39,16 @@ constexpr Row FlagRow(const char* group, const char* name, int rank, bool Settin
 // The third number is the row's place in the order of the writes at Save.
 const Row kRows[] = {
     SwitchRow("ASK", "Signal Reverse", 3, &SettingParams::m_ask_signal_reverse),
-    SwitchRow("ASK", "Catpure Data", 4, &SettingParams::m_ask_capture_data),
+    SwitchRow("ASK", "Capture Data", 4, &SettingParams::m_ask_capture_data),
     NumberRow("ASK", "Trigger Samples", 6, &SettingParams::m_ask_trigger_samples),
     NumberRow("ASK", "DAC Value", 7, &SettingParams::m_dac_value),
     SwitchRow("ASK", "Second Reader", 11, &SettingParams::m_ask_second_reader),
-    SwitchRow("FSK", "Catpure Data", 5, &SettingParams::m_fsk_capture_data),
+    SwitchRow("FSK", "Capture Data", 5, &SettingParams::m_fsk_capture_data),
     SwitchRow("FSK", "Second Reader", 12, &SettingParams::m_fsk_second_reader),
-    NumberRow("Frequency", "Min Frequency", 1, &SettingParams::m_min_freq),
-    NumberRow("Frequency", "Max Frequency", 2, &SettingParams::m_max_freq),
-    TextRow("SavePath", "DataSavePath", 8, &SettingParams::savePath),
-    NumberRow("Common", "WindowLimitTime(minute)", 9, &SettingParams::m_window_time),
+    NumberRow("Frequency", "Min Frequency (Hz)", 1, &SettingParams::m_min_freq),
+    NumberRow("Frequency", "Max Frequency (Hz)", 2, &SettingParams::m_max_freq),
+    TextRow("Save Path", "Data Save Path", 8, &SettingParams::savePath),
+    NumberRow("Common", "Window Limit Time (min)", 9, &SettingParams::m_window_time),
     FlagRow("Common", "Default Polarity", 10, &SettingParams::m_Polarity),
 };
 
@@ -143,16 +143,16 @@ void QAppConfig::on_pushButton_cancle_clicked()
 void QAppConfig::on_pushButton_save_clicked()
 {
     auto refuse = [this](const char* text) {
-        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QLatin1String(text), true);
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Warning"), QLatin1String(text), true);
     };
     auto value = [this](const char* group, const char* name) {
         return m_tree->Value(QLatin1String(group), QLatin1String(name));
     };
-    if (!(value("Frequency", "Min Frequency").toInt() < value("Frequency", "Max Frequency").toInt())) {
+    if (!(value("Frequency", "Min Frequency (Hz)").toInt() < value("Frequency", "Max Frequency (Hz)").toInt())) {
         refuse("Frequency property is Invalid.");
         return;
     }
-    const int windowTime = value("Common", "WindowLimitTime(minute)").toInt();
+    const int windowTime = value("Common", "Window Limit Time (min)").toInt();
     if (windowTime < 15 || windowTime > 60) {
         refuse("m_window_time property is 15 - 60 minute.");
         return;

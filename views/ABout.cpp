@@ -27,7 +27,7 @@ QString ABout::BuildText()
 ABout::ABout(QWidget* parent) : QDialog(parent)
 {
     setObjectName(QStringLiteral("ABout"));
-    setWindowTitle(QStringLiteral("ABout Coilscope"));
+    setWindowTitle(QStringLiteral("About Coilscope"));
     resize(716, 314);
     auto* grid = new QGridLayout(this);
     grid->setSpacing(6);

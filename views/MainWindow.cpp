@@ -52,6 +52,37 @@ MessageKind KindOfTitle(const std::string& title)
     return MessageKind::Warning;  // "Waring", "Error"
 }
 
+// The acquisition controller names its boxes as the command-line program
+// prints them; the window shows them in plain words. A title it does not
+// know is shown as it is.
+QString BoxTitle(const std::string& title)
+{
+    if (title == "Waring")
+        return QStringLiteral("Warning");
+    if (title == "information")
+        return QStringLiteral("Information");
+    if (title == "critical")
+        return QStringLiteral("Error");
+    return QString::fromStdString(title);
+}
+
+// The controller's texts as the command-line program prints them, in the
+// words of this window's menus. Any other text is shown as it is.
+QString BoxText(const std::string& text)
+{
+    static const std::pair<const char*, const char*> kShown[] = {
+        {"Device is in boot mode, Please UpdateFireware under sniffer menu.",
+         "The device is in boot mode. Please use Update Firmware in the Sniffer menu."},
+        {"Fireware is incompatible, Please UpdateFireware under sniffer menu.",
+         "The firmware is incompatible. Please use Update Firmware in the Sniffer menu."},
+        {"Not found Sniffer Device.", "No sniffer device found."},
+    };
+    for (const auto& row : kShown)
+        if (text == row.first)
+            return QLatin1String(row.second);
+    return QString::fromStdString(text);
+}
+
 }  // namespace
 
 MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(parent)
@@ -88,6 +119,16 @@ MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(p
     m_tabWidget->addTab(m_dock, QStringLiteral("Real Window"));
     m_dock->setAutoFillBackground(true);
     connect(m_tabWidget, &QTabWidget::currentChanged, this, &MainWindow::tabChanged);
+    // The five view toggles say what the dock shows, whatever showed or hid a
+    // view.
+    connect(m_dock, &QWindowReal::signals_viewShown, this, [this](QWidget* view, bool shown) {
+        for (const char* name : {"actionEventWindow", "actionEventInfo", "actionEventPropertyChart",
+                                 "actionFrequencyChart", "actionPercentageChart"}) {
+            QAction* toggle = Action(QLatin1String(name));
+            if (m_dock->ViewOf(toggle->iconText()) == view)
+                toggle->setChecked(shown);
+        }
+    });
     column->addWidget(m_tabWidget);
     setWindowState(Qt::WindowMaximized);
 
@@ -110,7 +151,7 @@ MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(p
     // Emitted on the pacing thread, run on this one.
     connect(this, &MainWindow::timeout_signal, this, &MainWindow::TimeOut_slot, Qt::QueuedConnection);
     connect(m_askPanel, &SampleGui::signal_dac_change, this, &MainWindow::DAC_ValueChange);
-    // "Manual Acting" holds the automatic DAC level still.
+    // "Manual DAC" holds the automatic DAC level still.
     connect(m_askPanel->ManualBox(), &QCheckBox::toggled, this,
             [this](bool checked) { m_controller->Link().SetManualActing(checked); });
 }
@@ -134,13 +175,13 @@ MainWindow::~MainWindow()
     m_controller.reset();
 }
 
-QAction* MainWindow::MakeAction(const char* objectName, const char* text, const char* toolTip, const char* shortcut,
-                                const char* icon, bool checkable, bool checked, bool hidden)
+QAction* MainWindow::MakeAction(const char* objectName, const char* key, const char* text, const char* toolTip,
+                                const char* shortcut, const char* icon, bool checkable, bool checked, bool hidden)
 {
     auto* a = new QAction(this);
     a->setObjectName(QLatin1String(objectName));
     a->setText(QLatin1String(text));
-    a->setIconText(QLatin1String(text));
+    a->setIconText(QLatin1String(key));
     if (toolTip)
         a->setToolTip(QLatin1String(toolTip));
     if (shortcut)
@@ -156,58 +197,74 @@ QAction* MainWindow::MakeAction(const char* objectName, const char* text, const 
 
 void MainWindow::BuildActions()
 {
+    // Each action has a key and a label. The key is its icon text: what the
+    // dispatcher and the dock compare and what the application log names
+    // ("action %s"), so it stays as it is. The label is what the menus and
+    // tool tips show.
     struct Row {
         const char* name;
-        const char* text;
-        const char* toolTip;  // null: the text; "": none
+        const char* key;
+        const char* label;    // null: the key
+        const char* toolTip;  // null: the label
         const char* shortcut;
         const char* icon;
         bool checkable, checked, hidden;
     };
     static const Row rows[] = {
-        {"actionPercentageChart", "PercentageChart", nullptr, nullptr, "tree/channel.png", true, true, false},
-        {"actionFrequencyChart", "FrequencyChart", nullptr, nullptr, "icons/real_time_information_windows_24x24.ico",
+        {"actionPercentageChart", "PercentageChart", "Received Power Chart", nullptr, nullptr, "tree/channel.png",
          true, true, false},
-        {"actionEventPropertyChart", "EventPropertyChart", "Event Properties", nullptr,
+        {"actionFrequencyChart", "FrequencyChart", "Frequency Chart", nullptr, nullptr,
+         "icons/real_time_information_windows_24x24.ico", true, true, false},
+        {"actionEventPropertyChart", "EventPropertyChart", "Event Properties", nullptr, nullptr,
          "icons/event_properitary_24x24.ico", true, true, false},
-        {"actionEventInfo", "EventInfo", "", nullptr, "icons/event_24x24.ico", true, true, false},
-        {"actionEventWindow", "Sniffer Events", nullptr, nullptr, "icons/event_2_24x24.ico", true, true, false},
-        {"actionCut", "Cut", nullptr, nullptr, "icons/cut_24x24.ico", false, false, false},
-        {"actionPaste", "Paste", nullptr, nullptr, "icons/past_24x24.ico", false, false, false},
-        {"actionCopy", "Copy", nullptr, nullptr, "icons/copy_24x24.ico", false, false, false},
-        {"actionSave", "Save", nullptr, "Ctrl+S", "icons/save_24x24.ico", false, false, true},
-        {"actionOpen", "Open", nullptr, "Ctrl+O", "icons/open_24x24.ico", false, false, false},
-        {"actionPrint", "Print", nullptr, "Ctrl+P", "icons/print_1.ico", false, false, false},
-        {"actionClear", "Clear", "ClearAll", nullptr, "icons/erase_24x24.ico", false, false, false},
-        {"actionConnect", "Connect", nullptr, nullptr, "icons/usb_24x24.ico", true, false, false},
-        {"actionDisconnect", "Disconnect", nullptr, nullptr, "icons/usb_disconnect_24x24.ico", false, false, false},
-        {"actionStart", "Start", "Start Acqunsition", nullptr, "icons/start_24x24.ico", true, false, false},
-        {"actionStop", "Stop", "Stop Acqunsition", nullptr, "icons/stop_24x24.ico", false, false, false},
-        {"actionCoilscope_Webset", "Sniffer Webset", "", nullptr, "icons/kestro.bmp", false, false, false},
-        {"actionQuickStart", "QuickStart", "", nullptr, "icons/help_24x24.ico", false, false, false},
-        {"actionUpdate_Fireware", "UpdateFireware", "", nullptr, nullptr, false, false, false},
-        {"actionExit", "Exit", "", nullptr, nullptr, false, false, false},
-        {"actionPrintFreview", "Print Preview", "", nullptr, "icons/print_preview.ico", false, false, false},
-        {"actionAbout", "About", nullptr, nullptr, "icons/about_24x24.ico", false, false, false},
-        {"actionSaveExecl", "SaveExecl", nullptr, nullptr, "icons/excel_48x48.ico", false, false, false},
-        {"actionLoadCfg", "LoadCfg", "", nullptr, nullptr, false, false, false},
-        {"actionSaveCfg", "SaveCfg", "", nullptr, nullptr, false, false, false},
-        {"actionSaveLog", "AutoLog", "", nullptr, nullptr, true, false, false},
-        {"actionOpenLogDir", "OpenLogDir", "", nullptr, nullptr, false, false, false},
-        {"action2K_Ware", "ASK", "2KWare", nullptr, "icons/real_time_frequence_chart_24x24.ico", false, false, false},
-        {"actionFSKWare", "FSK", "", nullptr, "icons/special_symbol.ico", false, false, false},
-        {"actionSetting", "Setting", "", nullptr, "icons/setting.ico", false, false, false},
-        {"actionHelp", "Help", "", nullptr, "icons/help_24x24.ico", false, false, false},
-        {"actionSniffer", "Sniffer", nullptr, nullptr, "icons/sniffer.ico", false, false, false},
-        {"actionSetSavePath", "SetSavePath", "Set Auto Save Path", nullptr, "icons/save_24x24.ico", false, false,
+        {"actionEventInfo", "EventInfo", "Event Info", nullptr, nullptr, "icons/event_24x24.ico", true, true, false},
+        {"actionEventWindow", "Sniffer Events", nullptr, nullptr, nullptr, "icons/event_2_24x24.ico", true, true,
          false},
-        {"actionPercent", "PowerMonitor", "", nullptr, "tree/channel.png", false, false, false},
-        {"actionCheck_For_Updates", "Check For Updates", "", nullptr, nullptr, false, false, false},
-        {"actionProductTest", "ProductTest", "", nullptr, nullptr, false, false, false},
+        {"actionCut", "Cut", nullptr, nullptr, nullptr, "icons/cut_24x24.ico", false, false, false},
+        {"actionPaste", "Paste", nullptr, nullptr, nullptr, "icons/past_24x24.ico", false, false, false},
+        {"actionCopy", "Copy", nullptr, nullptr, nullptr, "icons/copy_24x24.ico", false, false, false},
+        {"actionSave", "Save", nullptr, nullptr, "Ctrl+S", "icons/save_24x24.ico", false, false, true},
+        {"actionOpen", "Open", nullptr, nullptr, "Ctrl+O", "icons/open_24x24.ico", false, false, false},
+        {"actionPrint", "Print", nullptr, nullptr, "Ctrl+P", "icons/print_1.ico", false, false, false},
+        {"actionClear", "Clear", nullptr, "Clear All", nullptr, "icons/erase_24x24.ico", false, false, false},
+        {"actionConnect", "Connect", nullptr, nullptr, nullptr, "icons/usb_24x24.ico", true, false, false},
+        {"actionDisconnect", "Disconnect", nullptr, nullptr, nullptr, "icons/usb_disconnect_24x24.ico", false, false,
+         false},
+        {"actionStart", "Start", nullptr, "Start Acquisition", nullptr, "icons/start_24x24.ico", true, false, false},
+        {"actionStop", "Stop", nullptr, "Stop Acquisition", nullptr, "icons/stop_24x24.ico", false, false, false},
+        {"actionCoilscope_Webset", "Sniffer Webset", "Coilscope Website", nullptr, nullptr, "icons/kestro.bmp", false,
+         false, false},
+        {"actionQuickStart", "QuickStart", "Quick Start", nullptr, nullptr, "icons/help_24x24.ico", false, false,
+         false},
+        {"actionUpdate_Fireware", "UpdateFireware", "Update Firmware", nullptr, nullptr, nullptr, false, false, false},
+        {"actionExit", "Exit", nullptr, nullptr, nullptr, nullptr, false, false, false},
+        {"actionPrintFreview", "Print Preview", nullptr, nullptr, nullptr, "icons/print_preview.ico", false, false,
+         false},
+        {"actionAbout", "About", "About Coilscope", nullptr, nullptr, "icons/about_24x24.ico", false, false, false},
+        {"actionSaveExecl", "SaveExecl", "Save to Excel", nullptr, nullptr, "icons/excel_48x48.ico", false, false,
+         false},
+        {"actionLoadCfg", "LoadCfg", "Load Configuration", nullptr, nullptr, nullptr, false, false, false},
+        {"actionSaveCfg", "SaveCfg", "Save Configuration", nullptr, nullptr, nullptr, false, false, false},
+        {"actionSaveLog", "AutoLog", "Auto Log", nullptr, nullptr, nullptr, true, false, false},
+        {"actionOpenLogDir", "OpenLogDir", "Open Log Folder", nullptr, nullptr, nullptr, false, false, false},
+        {"action2K_Ware", "ASK", "ASK Wave", nullptr, nullptr, "icons/real_time_frequence_chart_24x24.ico", false,
+         false, false},
+        {"actionFSKWare", "FSK", "FSK Wave", nullptr, nullptr, "icons/special_symbol.ico", false, false, false},
+        {"actionSetting", "Setting", "Settings", nullptr, nullptr, "icons/setting.ico", false, false, false},
+        {"actionHelp", "Help", nullptr, nullptr, nullptr, "icons/help_24x24.ico", false, false, false},
+        {"actionSniffer", "Sniffer", nullptr, nullptr, nullptr, "icons/sniffer.ico", false, false, false},
+        {"actionSetSavePath", "SetSavePath", "Set Save Path", "Set Auto Save Path", nullptr, "icons/save_24x24.ico",
+         false, false, false},
+        {"actionPercent", "PowerMonitor", "Power Monitor", nullptr, nullptr, "tree/channel.png", false, false, false},
+        {"actionCheck_For_Updates", "Check For Updates", "Check for Updates", nullptr, nullptr, nullptr, false, false,
+         false},
+        {"actionProductTest", "ProductTest", "Product Test", nullptr, nullptr, nullptr, false, false, false},
     };
-    for (const Row& r : rows)
-        MakeAction(r.name, r.text, r.toolTip ? r.toolTip : r.text, r.shortcut, r.icon, r.checkable, r.checked,
+    for (const Row& r : rows) {
+        const char* label = r.label ? r.label : r.key;
+        MakeAction(r.name, r.key, label, r.toolTip ? r.toolTip : label, r.shortcut, r.icon, r.checkable, r.checked,
                    r.hidden);
+    }
 }
 
 void MainWindow::BuildMenus()
@@ -239,12 +296,13 @@ void MainWindow::BuildMenus()
     add(help, {"actionCoilscope_Webset", "actionQuickStart", "actionAbout", "actionCheck_For_Updates",
                "actionProductTest"});
 
-    m_mainToolBar = new QToolBar(this);
+    // The bars' titles name them in the tool bar area's context menu.
+    m_mainToolBar = new QToolBar(QStringLiteral("File"), this);
     m_mainToolBar->setObjectName(QStringLiteral("mainToolBar"));
     addToolBar(Qt::TopToolBarArea, m_mainToolBar);
     add(m_mainToolBar, {"actionOpen", "actionSave", "actionPrint", "-", "actionCut", "actionCopy", "actionPaste", "-",
                         "actionHelp"});
-    m_toolBar = new QToolBar(QStringLiteral("toolBar"), this);
+    m_toolBar = new QToolBar(QStringLiteral("Sniffer"), this);
     m_toolBar->setObjectName(QStringLiteral("toolBar"));
     m_toolBar->setToolTip(QStringLiteral("Sniffer"));
     m_toolBar->setStatusTip(QStringLiteral("Sniffer"));
@@ -262,7 +320,7 @@ void MainWindow::BuildMenus()
 
 void MainWindow::ShowMessage(const std::string& title, const std::string& text)
 {
-    ShowUserMessage(this, KindOfTitle(title), QString::fromStdString(title), QString::fromStdString(text));
+    ShowUserMessage(this, KindOfTitle(title), BoxTitle(title), BoxText(text));
 }
 
 void MainWindow::SetActions(const Actions& a)
@@ -389,14 +447,14 @@ void MainWindow::actionBtns(QAction* action)
     } else if (name == QLatin1String("ProductTest")) {
         TogglePanel(m_panels.productTest);
     } else {
-        ShowUserMessage(this, MessageKind::Information, QStringLiteral("information"), QStringLiteral("Support later."));
+        ShowUserMessage(this, MessageKind::Information, QStringLiteral("Information"), QStringLiteral("Support later."));
     }
 }
 
 bool MainWindow::UpdateFirmware()
 {
     if (m_controller->Found()) {
-        ShowUserMessage(this, MessageKind::Information, QStringLiteral("information"),
+        ShowUserMessage(this, MessageKind::Information, QStringLiteral("Information"),
                         QStringLiteral("Please Disconnect First."));
         return false;
     }
@@ -477,7 +535,7 @@ void MainWindow::TimeOut_slot()
 void MainWindow::OpenSession()
 {
     if (m_controller->Acquiring()) {
-        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Stop first."));
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Warning"), QStringLiteral("Stop first."));
         return;
     }
     const QString path = AskOpenFileName(this, QStringLiteral("Open Sniffer File"),
@@ -515,7 +573,7 @@ void MainWindow::OpenSession()
 void MainWindow::SaveSession()
 {
     if (m_controller->Acquiring()) {
-        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Stop first."));
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Warning"), QStringLiteral("Stop first."));
         return;
     }
     const QString path =
@@ -525,17 +583,17 @@ void MainWindow::SaveSession()
     // The session is on disk already (its autosave): the file is only made.
     std::FILE* file = std::fopen(path.toLocal8Bit().constData(), "wb");
     if (!file) {
-        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Can't open file."));
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Warning"), QStringLiteral("Can't open file."));
         return;
     }
     std::fclose(file);
-    ShowUserMessage(this, MessageKind::Information, QStringLiteral("information"), QStringLiteral("Save Success."));
+    ShowUserMessage(this, MessageKind::Information, QStringLiteral("Information"), QStringLiteral("Save Success."));
 }
 
 void MainWindow::SetSavePath()
 {
     if (m_controller->Acquiring()) {
-        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Stop first."));
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Warning"), QStringLiteral("Stop first."));
         return;
     }
     const QString folder = AskDirectory(this, QStringLiteral("Set Auto Save Path"), QString());
@@ -583,7 +641,7 @@ QWidget* MainWindow::PrintedWidget()
 void MainWindow::Print()
 {
     if (m_controller->Acquiring()) {
-        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Stop first."));
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Warning"), QStringLiteral("Stop first."));
         return;
     }
     QPrinter printer(QPrinter::HighResolution);
@@ -594,7 +652,7 @@ void MainWindow::Print()
 void MainWindow::PrintPreview()
 {
     if (m_controller->Acquiring()) {
-        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Waring"), QStringLiteral("Stop first."));
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Warning"), QStringLiteral("Stop first."));
         return;
     }
     QPrinter printer(QPrinter::HighResolution);

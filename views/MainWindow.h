@@ -122,8 +122,9 @@ protected:
 private:
     void BuildActions();
     void BuildMenus();
-    QAction* MakeAction(const char* objectName, const char* text, const char* toolTip, const char* shortcut,
-                        const char* icon, bool checkable, bool checked, bool hidden);
+    // key: the icon text, which the dispatcher compares; text: the label.
+    QAction* MakeAction(const char* objectName, const char* key, const char* text, const char* toolTip,
+                        const char* shortcut, const char* icon, bool checkable, bool checked, bool hidden);
     void TogglePanel(QWidget* panel);
     void StopAndDisconnect();
 

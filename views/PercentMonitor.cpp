@@ -20,7 +20,7 @@
 PercentMonitor::PercentMonitor(QWidget* parent) : QMainWindow(parent)
 {
     setObjectName(QStringLiteral("PercentMonitor"));
-    setWindowTitle(QStringLiteral("PowerMonitor"));
+    setWindowTitle(QStringLiteral("Power Monitor"));
     resize(653, 261);
     auto* central = new QWidget(this);
     auto* column = new QVBoxLayout(central);
@@ -31,7 +31,7 @@ PercentMonitor::PercentMonitor(QWidget* parent) : QMainWindow(parent)
     m_labelPower->setObjectName(QStringLiteral("label_power"));
     m_labelTime = new QLabel(QStringLiteral("Time:"), central);
     m_labelTime->setObjectName(QStringLiteral("label_time"));
-    m_openDir = new QPushButton(QStringLiteral("Open Dir"), central);
+    m_openDir = new QPushButton(QStringLiteral("Open Folder"), central);
     m_openDir->setObjectName(QStringLiteral("pushButton"));
     row->addWidget(m_labelPower, 1);
     row->addWidget(m_labelTime, 1);

@@ -34,9 +34,9 @@ void AddGroup(PropertyTree& tree, Group g, const MsgInfo& e)
     case kDevice: {
         QStandardItem* group = tree.AddGroup(QStringLiteral("Device Properties"));
         tree.AddRow(group, QStringLiteral("BootLoaderVersion"), Text(e.device.bootLoaderVersion));
-        tree.AddRow(group, QStringLiteral("deviceType"), Text(e.device.deviceType));
-        tree.AddRow(group, QStringLiteral("FirewareBuildDate"), Text(e.device.firmwareBuildDate));
-        tree.AddRow(group, QStringLiteral("FirewareVersion"), Text(e.device.firewareVersion));
+        tree.AddRow(group, QStringLiteral("DeviceType"), Text(e.device.deviceType));
+        tree.AddRow(group, QStringLiteral("FirmwareBuildDate"), Text(e.device.firmwareBuildDate));
+        tree.AddRow(group, QStringLiteral("FirmwareVersion"), Text(e.device.firewareVersion));
         tree.AddRow(group, QStringLiteral("HardwareVersion"), Text(e.device.hardwareVersion));
         tree.AddRow(group, QStringLiteral("SerialNumber"), Text(e.device.serialNumber));
         tree.AddRow(group, QStringLiteral("SoftwareVersion"), Text(e.device.softwareVersion));
@@ -107,7 +107,7 @@ Properties::Properties(QWidget* parent) : QWidget(parent)
 {
     setObjectName(QStringLiteral("Properties"));
     resize(407, 394);
-    setWindowTitle(QStringLiteral("EventProperties"));
+    setWindowTitle(QStringLiteral("Event Properties"));
     auto* layout = new QGridLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     m_tree = new PropertyTree(this);

@@ -31,6 +31,8 @@ Gauge AddGauge(QVBoxLayout* page, const QString& title, const QString& caption, 
     auto* box = new QGroupBox(title);
     box->setObjectName(QStringLiteral("groupBox_") + name);
     auto* grid = new QGridLayout(box);
+    grid->setContentsMargins(6, 2, 6, 4);
+    grid->setVerticalSpacing(4);
     Gauge g{};
     g.text = new QLineEdit(box);
     g.text->setObjectName(QStringLiteral("lineEdit_") + name);
@@ -48,32 +50,37 @@ Gauge AddGauge(QVBoxLayout* page, const QString& title, const QString& caption, 
     g.right = new QLabel(right, box);
     g.right->setObjectName(QStringLiteral("label_") + name + QStringLiteral("_right"));
     g.right->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    // Two rows: the caption and the value, then the bar between its two
+    // end labels. The four gauges fit a short screen without scrolling.
     grid->addWidget(label, 0, 0);
-    grid->addWidget(g.text, 0, 1);
-    grid->addWidget(g.bar, 1, 0, 1, 2);
-    grid->addWidget(g.left, 2, 0);
-    grid->addWidget(g.right, 2, 1);
+    grid->addWidget(g.text, 0, 1, 1, 2);
+    grid->addWidget(g.left, 1, 0);
+    grid->addWidget(g.bar, 1, 1);
+    grid->addWidget(g.right, 1, 2);
+    grid->setColumnStretch(1, 1);
     page->addWidget(box);
     return g;
 }
 
 }  // namespace
 
-QEventInfo::QEventInfo(QWidget* parent) : QDialog(parent)
+QEventInfo::QEventInfo(QWidget* parent) : PanelDialog(parent)
 {
     setObjectName(QStringLiteral("QEventInfo"));
     resize(640, 360);
     setFocusPolicy(Qt::ClickFocus);
     setAcceptDrops(false);
-    setWindowTitle(QStringLiteral("Dialog"));
+    setWindowTitle(QStringLiteral("Event Info"));
     auto* outer = new QGridLayout(this);
     outer->setContentsMargins(2, 2, 2, 2);
     auto* scroll = new QScrollArea(this);
+    m_scroll = scroll;
     scroll->setWidgetResizable(true);
     scroll->setAutoFillBackground(true);
     outer->addWidget(scroll, 0, 0);
     auto* scrollPage = new QWidget();
     auto* scrollGrid = new QGridLayout(scrollPage);
+    scrollGrid->setContentsMargins(2, 2, 2, 2);
     m_tabs = new QTabWidget(scrollPage);
     m_tabs->setTabShape(QTabWidget::Triangular);
     m_tabs->setUsesScrollButtons(true);
@@ -83,8 +90,10 @@ QEventInfo::QEventInfo(QWidget* parent) : QDialog(parent)
 
     auto* tab = new QWidget();
     auto* page = new QVBoxLayout(tab);
+    page->setContentsMargins(6, 4, 6, 4);
+    page->setSpacing(4);
     const Gauge freq = AddGauge(page, QStringLiteral("Operating Frequency"), QStringLiteral("Frequency"),
-                                QStringLiteral("85KHZ"), QStringLiteral("600KHZ"), QStringLiteral("freq"));
+                                QStringLiteral("85 kHz"), QStringLiteral("600 kHz"), QStringLiteral("freq"));
     m_freqText = freq.text;
     m_freqBar = freq.bar;
     m_freqLeft = freq.left;
@@ -97,15 +106,16 @@ QEventInfo::QEventInfo(QWidget* parent) : QDialog(parent)
     m_ceBar = ce.bar;
     m_ceBar->setRange(-100, 100);
     m_ceBar->setTextVisible(false);
-    const Gauge power = AddGauge(page, QStringLiteral("PowerReceived"), QStringLiteral("Power"), QStringLiteral("0%"),
+    const Gauge power = AddGauge(page, QStringLiteral("Power Received"), QStringLiteral("Power"), QStringLiteral("0%"),
                                  QStringLiteral("200%"), QStringLiteral("power"));
     m_powerText = power.text;
     m_powerBar = power.bar;
     m_powerBar->setRange(0, 200);
     m_powerBar->setFormat(QStringLiteral("%v%"));
-    auto* packets = new QGroupBox(QStringLiteral("Packets Report(Error/Total)"), tab);
+    auto* packets = new QGroupBox(QStringLiteral("Packets Report (Error/Total)"), tab);
     packets->setObjectName(QStringLiteral("groupBox_packets"));
     auto* packetsLayout = new QVBoxLayout(packets);
+    packetsLayout->setContentsMargins(6, 2, 6, 4);
     m_packetsText = new QLineEdit(packets);
     m_packetsText->setObjectName(QStringLiteral("lineEdit_packets"));
     m_packetsText->setReadOnly(true);
@@ -113,17 +123,27 @@ QEventInfo::QEventInfo(QWidget* parent) : QDialog(parent)
     packetsLayout->addWidget(m_packetsText);
     page->addWidget(packets);
     page->addStretch(1);
-    m_tabs->addTab(tab, QStringLiteral("EventInfo"));
+    m_tabs->addTab(tab, QStringLiteral("Event Info"));
 
     const SettingParams& s = SettingParams::Instance();
     SetLimits(s.m_min_freq, s.m_max_freq);
 }
 
+QSize QEventInfo::sizeHint() const
+{
+    QSize hint = PanelDialog::sizeHint();
+    const QMargins outer = layout()->contentsMargins();
+    const int frame = 2 * m_scroll->frameWidth();
+    // A few pixels to spare, so that rounding never calls up the scroll bar.
+    hint.setHeight(m_scroll->widget()->sizeHint().height() + frame + outer.top() + outer.bottom() + 4);
+    return hint;
+}
+
 void QEventInfo::SetLimits(int minHz, int maxHz)
 {
     m_freqBar->setRange(minHz, maxHz);
-    m_freqLeft->setText(QString::number(minHz / 1000) + QStringLiteral("KHZ"));
-    m_freqRight->setText(QString::number(maxHz / 1000) + QStringLiteral("KHZ"));
+    m_freqLeft->setText(QString::number(minHz / 1000) + QStringLiteral(" kHz"));
+    m_freqRight->setText(QString::number(maxHz / 1000) + QStringLiteral(" kHz"));
 }
 
 namespace {
@@ -151,7 +171,7 @@ int Truncated(double v)
 void QEventInfo::SetFrequency(double kHz)
 {
     const int hz = Truncated(kHz * 1000.0);
-    SetText(m_freqText, QStringLiteral("%1 HZ").arg(hz));
+    SetText(m_freqText, QStringLiteral("%1 Hz").arg(hz));
     // Outside the limits the bar keeps what it showed.
     m_freqBar->setValue(hz);
 }

@@ -2,7 +2,7 @@
 // packet report, as the refresh last gave them.
 #pragma once
 
-#include <QDialog>
+#include "events/ui/PanelDialog.h"
 
 #include <cstdint>
 
@@ -11,7 +11,7 @@ class QLineEdit;
 class QProgressBar;
 class QTabWidget;
 
-class QEventInfo : public QDialog {
+class QEventInfo : public PanelDialog {
     Q_OBJECT
 public:
     explicit QEventInfo(QWidget* parent = nullptr);
@@ -27,6 +27,9 @@ public:
     // True when the dialog or a widget of its form has the focus; the tab's
     // title turns bold then, normal otherwise.
     bool FocusTest();
+    // As tall as the four gauges with their tab, so that a splitter that
+    // gives the gauges their preferred height shows all of them unscrolled.
+    QSize sizeHint() const override;
 
     QLineEdit* FrequencyText() const { return m_freqText; }
     QProgressBar* FrequencyBar() const { return m_freqBar; }
@@ -40,6 +43,7 @@ public:
     QTabWidget* Tabs() const { return m_tabs; }
 
 private:
+    class QScrollArea* m_scroll = nullptr;
     QTabWidget* m_tabs = nullptr;
     QLineEdit* m_freqText = nullptr;
     QProgressBar* m_freqBar = nullptr;

@@ -9,7 +9,7 @@
 QProductTest::QProductTest(QWidget* parent) : QWidget(parent, Qt::Window)
 {
     setObjectName(QStringLiteral("QProductTest"));
-    setWindowTitle(QStringLiteral("QProductTest"));
+    setWindowTitle(QStringLiteral("Product Test"));
     resize(459, 62);
     auto* grid = new QGridLayout(this);
     grid->setSpacing(6);

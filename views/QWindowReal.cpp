@@ -7,10 +7,13 @@
 #include "views/QwtChart.h"
 
 #include <QAction>
+#include <QEvent>
 #include <QSplitter>
 #include <QVBoxLayout>
 
-QWindowReal::QWindowReal(QWidget* parent) : QDialog(parent)
+#include <algorithm>
+
+QWindowReal::QWindowReal(QWidget* parent) : PanelDialog(parent)
 {
     setObjectName(QStringLiteral("QWindowReal"));
     auto* layout = new QVBoxLayout(this);
@@ -37,14 +40,20 @@ QWindowReal::QWindowReal(QWidget* parent) : QDialog(parent)
     m_right->addWidget(m_properties);
     m_right->addWidget(m_eventInfo);
     m_right->setStretchFactor(0, 1);
-    m_right->setStretchFactor(1, 1);
-    // Left to Qt the three columns start equal and the charts too narrow for
-    // their axis labels: the tree and the charts take a little more.
-    m_top->setStretchFactor(0, 4);
-    m_top->setStretchFactor(1, 4);
-    m_top->setStretchFactor(2, 3);
+    m_right->setStretchFactor(1, 0);
+    // Until the user drags a handle, the columns and the right column's two
+    // views are fitted to each new size (see FitSplitters).
+    m_top->installEventFilter(this);
+    m_right->installEventFilter(this);
+    connect(m_top, &QSplitter::splitterMoved, this, [this] { m_topMoved = true; });
+    connect(m_right, &QSplitter::splitterMoved, this, [this] { m_rightMoved = true; });
     layout->addWidget(m_top);
     installEventFilter(this);
+    // The show flags follow each view's own showing and hiding.
+    for (QWidget* view : {static_cast<QWidget*>(m_eventWindow), static_cast<QWidget*>(m_frequencyChart),
+                          static_cast<QWidget*>(m_percentChart), static_cast<QWidget*>(m_properties),
+                          static_cast<QWidget*>(m_eventInfo)})
+        view->installEventFilter(this);
     setAutoFillBackground(true);
 
     connect(m_eventWindow, &QEventWindow::EventWindowSelect_Signal, this, &QWindowReal::EventWindowSelected);
@@ -53,6 +62,42 @@ QWindowReal::QWindowReal(QWidget* parent) : QDialog(parent)
 QWindowReal::~QWindowReal()
 {
     removeEventFilter(this);
+    m_top->removeEventFilter(this);
+    m_right->removeEventFilter(this);
+    for (QWidget* view : {static_cast<QWidget*>(m_eventWindow), static_cast<QWidget*>(m_frequencyChart),
+                          static_cast<QWidget*>(m_percentChart), static_cast<QWidget*>(m_properties),
+                          static_cast<QWidget*>(m_eventInfo)})
+        view->removeEventFilter(this);
+}
+
+bool* QWindowReal::FlagOf(const QWidget* view)
+{
+    if (view == m_eventWindow)
+        return &showEvents;
+    if (view == m_frequencyChart)
+        return &showFrequency;
+    if (view == m_percentChart)
+        return &showPercent;
+    if (view == m_properties)
+        return &showProperties;
+    if (view == m_eventInfo)
+        return &showInfo;
+    return nullptr;
+}
+
+QWidget* QWindowReal::ViewOf(const QString& name) const
+{
+    if (name == QLatin1String("Sniffer Events"))
+        return m_eventWindow;
+    if (name == QLatin1String("EventInfo"))
+        return m_eventInfo;
+    if (name == QLatin1String("FrequencyChart"))
+        return m_frequencyChart;
+    if (name == QLatin1String("PercentageChart"))
+        return m_percentChart;
+    if (name == QLatin1String("EventPropertyChart"))
+        return m_properties;
+    return nullptr;
 }
 
 void QWindowReal::ApplyFlags()
@@ -69,22 +114,17 @@ bool QWindowReal::TakeAction(QAction* action)
 {
     if (!action)
         return false;
-    const QString name = action->iconText();
-    bool* flag = nullptr;
-    if (name == QLatin1String("Sniffer Events"))
-        flag = &showEvents;
-    else if (name == QLatin1String("EventInfo"))
-        flag = &showInfo;
-    else if (name == QLatin1String("FrequencyChart"))
-        flag = &showFrequency;
-    else if (name == QLatin1String("PercentageChart"))
-        flag = &showPercent;
-    else if (name == QLatin1String("EventPropertyChart"))
-        flag = &showProperties;
+    QWidget* view = ViewOf(action->iconText());
+    bool* flag = FlagOf(view);
     if (!flag)
         return false;
-    *flag = !*flag;
+    // A checkable toggle has already turned to what the user wants to see.
+    *flag = action->isCheckable() ? action->isChecked() : !*flag;
     ApplyFlags();
+    // The view's show or hide event has set the toggle, unless nothing
+    // changed; either way it says what is shown.
+    if (action->isCheckable())
+        action->setChecked(*flag);
     return true;
 }
 
@@ -217,8 +257,51 @@ void QWindowReal::EventWindowSelected(MsgInfo& info, StandardItemMode mode)
         m_properties->Fill(info, mode);
 }
 
+// The columns take 40, 32 and 28 hundredths of the width, whatever the
+// widgets' own preferred widths: the tree has room for its texts and the
+// charts for their axis numbers. On the right the gauges take the height
+// they ask for, all four in view, as long as the property tree keeps a
+// fifth of the column; the property tree has the rest. A splitter whose
+// handle the user dragged keeps what the user chose.
+void QWindowReal::FitSplitters(QSplitter* splitter)
+{
+    if (splitter == m_top && !m_topMoved) {
+        // In pixels: QSplitter raises a size below a widget's minimum to the
+        // minimum before it weighs the sizes against each other.
+        const int width = m_top->width() - 2 * m_top->handleWidth();
+        if (width <= 0)
+            return;
+        const int left = width * 40 / 100;
+        const int middle = width * 32 / 100;
+        m_top->setSizes({left, middle, width - left - middle});
+    } else if (splitter == m_right && !m_rightMoved) {
+        const int height = m_right->height() - m_right->handleWidth();
+        if (height <= 0)
+            return;
+        const int gauges = std::min(m_eventInfo->sizeHint().height(), height * 4 / 5);
+        m_right->setSizes({height - gauges, gauges});
+    }
+}
+
 bool QWindowReal::eventFilter(QObject* watched, QEvent* event)
 {
+    if (watched == m_top || watched == m_right) {
+        if (event->type() == QEvent::Resize)
+            FitSplitters(static_cast<QSplitter*>(watched));
+        return PanelDialog::eventFilter(watched, event);
+    }
+    if (watched != this) {
+        // A view was shown or hidden within the dock, by a toggle or by
+        // anything else: its flag and its toggle follow.
+        if (event->type() == QEvent::ShowToParent || event->type() == QEvent::HideToParent) {
+            auto* view = static_cast<QWidget*>(watched);
+            if (bool* flag = FlagOf(view)) {
+                *flag = !view->isHidden();
+                emit signals_viewShown(view, *flag);
+            }
+        }
+        return PanelDialog::eventFilter(watched, event);
+    }
     // The focus tests make the gauges' and the event window's tab titles bold.
     // A show or hide in progress holds the mutex: then the test is skipped.
     std::unique_lock<std::mutex> lock(m_viewMutex, std::try_to_lock);
@@ -228,5 +311,5 @@ bool QWindowReal::eventFilter(QObject* watched, QEvent* event)
         if (showInfo)
             m_eventInfo->FocusTest();
     }
-    return QDialog::eventFilter(watched, event);
+    return PanelDialog::eventFilter(watched, event);
 }

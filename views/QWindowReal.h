@@ -7,7 +7,7 @@
 
 #include "events/EventLogModel.h"
 
-#include <QDialog>
+#include "events/ui/PanelDialog.h"
 #include <QList>
 #include <QVector>
 
@@ -32,7 +32,7 @@ struct RealTimeSample {
     int64_t packets = 0;     // errors in the high 32 bits, total in the low 32
 };
 
-class QWindowReal : public QDialog {
+class QWindowReal : public PanelDialog {
     Q_OBJECT
 public:
     // The charts and the gauges keep this many seconds.
@@ -47,10 +47,13 @@ public:
     void AddLastEvents(const std::vector<MsgInfoPtr>& events);
     void Redraw();
     void Clear();
-    // Flips the show flag of the view the action names by its icon text
-    // ("Sniffer Events", "EventInfo", "FrequencyChart", "PercentageChart",
-    // "EventPropertyChart") and applies the flags; false for any other action.
+    // Shows or hides the view the action names by its icon text ("Sniffer
+    // Events", "EventInfo", "FrequencyChart", "PercentageChart",
+    // "EventPropertyChart"): a checkable action's checked state says which,
+    // any other flips the view. False for any other action.
     bool TakeAction(QAction* action);
+    // The view an action names by its icon text, as above; null for others.
+    QWidget* ViewOf(const QString& iconText) const;
     // The frequency range of the settings, after the configuration was saved.
     void NewFrequencyLimits();
     void StartMark();
@@ -58,6 +61,8 @@ public:
     // The first shown view with the keyboard focus, in the order event window,
     // gauges, properties, frequency chart, percent chart; null if none.
     QWidget* FocusedView();
+    QSplitter* TopSplitter() const { return m_top; }
+    QSplitter* RightSplitter() const { return m_right; }
 
     QEventWindow* EventWindow() const { return m_eventWindow; }
     QEventInfo* EventInfo() const { return m_eventInfo; }
@@ -69,7 +74,13 @@ public:
     const QVector<double>& PercentHistory() const { return m_percent; }
     size_t PendingEvents() const { return m_pending.size(); }
 
+    // Whether each view is shown. They follow the views' own visibility
+    // within the dock, whatever hid or showed a view.
     bool showInfo = true, showProperties = true, showFrequency = true, showPercent = true, showEvents = true;
+
+signals:
+    // A view was shown or hidden within the dock: the view toggles follow it.
+    void signals_viewShown(QWidget* view, bool shown);
 
 public slots:
     void EventWindowSelected(MsgInfo& info, StandardItemMode mode);
@@ -79,6 +90,8 @@ protected:
 
 private:
     void ApplyFlags();
+    bool* FlagOf(const QWidget* view);
+    void FitSplitters(QSplitter* splitter);
 
     QEventInfo* m_eventInfo = nullptr;
     Properties* m_properties = nullptr;
@@ -96,5 +109,7 @@ private:
     QSplitter* m_left = nullptr;
     QSplitter* m_middle = nullptr;
     QSplitter* m_right = nullptr;
+    bool m_topMoved = false;    // the user dragged a handle of the top splitter
+    bool m_rightMoved = false;  // ... of the right splitter
     std::mutex m_viewMutex;
 };

@@ -30,20 +30,24 @@ struct KindRow {
     int yLow, yHigh;
     bool xFromSpan;     // x range 0 .. x span (else the default axis)
     const char* xTitle;
+    const char* yTitle;
 };
 
 // The kinds 0 to 8; kind 1 takes its y range from the settings, kind 7 its x
-// range 0 .. 3.
+// range 0 .. 3. Every axis says what it counts and in which unit. The wave
+// panels count samples: an ASK envelope sample every 25 microseconds, and
+// FSK words, each the length of 16 carrier cycles in ticks of the 60 MHz
+// clock.
 const KindRow kKinds[] = {
-    {"Duty (%)", "Duty Chart", 0, 100, true, nullptr},
-    {"Frequency (KHz)", "Frequecny (KHz)", 0, 0, true, nullptr},
-    {"Percentage (%)", "percent (%)", 0, 200, true, nullptr},
-    {"Wave", "Wave", 0, 1, false, "Time(sec)"},
-    {"DrawWare", "DrawWare", 0, 5000, false, "Time(sec)"},
-    {"2K", nullptr, 0, 4000, true, nullptr},
-    {"FSK (KHz)", nullptr, 100, 10000, true, nullptr},
-    {"Percent", nullptr, 0, 10, false, nullptr},
-    {"DrawWare", "DrawWare", 0, 6000, true, nullptr},
+    {"Duty (%)", "Duty", 0, 100, true, "Time (s)", "Duty (%)"},
+    {"Frequency (kHz)", "Operating Frequency", 0, 0, true, "Time (s)", "Frequency (kHz)"},
+    {"Received Power (%)", "Received Power", 0, 200, true, "Time (s)", "Power (%)"},
+    {"Wave", "Wave", 0, 1, false, "Time (s)", "Amplitude"},
+    {"Wave", "Wave", 0, 5000, false, "Time (s)", "Amplitude"},
+    {"ASK Envelope", nullptr, 0, 4000, true, "Sample (25 \u00b5s each)", "Envelope (ADC counts)"},
+    {"FSK Period", nullptr, 100, 10000, true, "Word (16 carrier cycles each)", "16 Cycles (60 MHz ticks)"},
+    {"Power (W)", nullptr, 0, 10, false, "Time (s)", "Power (W)"},
+    {"Wave", "Wave", 0, 6000, true, "Time (s)", "Amplitude"},
 };
 
 bool Finite(double v)
@@ -107,6 +111,9 @@ QwtChart::QwtChart(int kind, int xSpan, QWidget* parent) : QWidget(parent), m_ki
     m_series->removePoints(0, 6);
     m_series2->removePoints(0, 6);
 
+    // Narrow margins: on a small screen the plot area and the vertical
+    // axis' title need the height.
+    m_chart->setMargins(QMargins(6, 4, 6, 4));
     m_chartView->setChart(m_chart);
     m_chartView->setRenderHint(QPainter::Antialiasing);
     m_chartView->setRubberBand(QChartView::NoRubberBand);
@@ -222,10 +229,12 @@ void QwtChart::ApplyKind()
     if (m_kind < 0 || m_kind > 8)
         return;  // an unknown kind keeps the default axes
     const KindRow& row = kKinds[m_kind];
-    m_seriesName = QString::fromLatin1(row.seriesName);
+    m_seriesName = QString::fromUtf8(row.seriesName);
     m_series->setName(m_seriesName);
     if (row.title)
-        m_chart->setTitle(QString::fromLatin1(row.title));
+        m_chart->setTitle(QString::fromUtf8(row.title));
+    // The widget's title names what it shows, should it ever stand alone.
+    setWindowTitle(QString::fromUtf8(row.title ? row.title : row.seriesName));
     QValueAxis* x = AxisX();
     QValueAxis* y = AxisY();
     if (!x || !y)
@@ -238,11 +247,14 @@ void QwtChart::ApplyKind()
     }
     if (row.xFromSpan)
         x->setRange(0, m_xSpan);
-    if (row.xTitle)
-        x->setTitleText(QString::fromLatin1(row.xTitle));
+    // Numbers as short as they can be ("15", not "15.0"): a narrow chart
+    // elides labels that do not fit.
+    x->setLabelFormat(QStringLiteral("%g"));
+    y->setLabelFormat(QStringLiteral("%g"));
+    x->setTitleText(QString::fromUtf8(row.xTitle));
+    y->setTitleText(QString::fromUtf8(row.yTitle));
     if (m_kind == kChartPower) {
         x->setRange(0, 3);
-        y->setTitleText(QStringLiteral("W"));
         QFont font = y->titleFont();
         font.setPointSizeF(font.pointSizeF() * 1.5);
         y->setTitleFont(font);

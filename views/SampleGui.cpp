@@ -44,7 +44,7 @@ SampleGui::SampleGui(int kind, QWidget* parent) : QMainWindow(parent), m_kind(ki
     connect(this, &SampleGui::signal_UpdateUI, this, &SampleGui::slot_UpdateUI);
 
     if (m_kind == 6) {
-        setWindowTitle(QStringLiteral("FSK"));
+        setWindowTitle(QStringLiteral("FSK Wave"));
         for (QWidget* w : {static_cast<QWidget*>(m_checkBox), static_cast<QWidget*>(m_checkBoxLock),
                            static_cast<QWidget*>(m_slider), static_cast<QWidget*>(m_labelMin),
                            static_cast<QWidget*>(m_labelMax)})
@@ -52,7 +52,7 @@ SampleGui::SampleGui(int kind, QWidget* parent) : QMainWindow(parent), m_kind(ki
         m_spacer->changeSize(40, 20, QSizePolicy::Expanding, QSizePolicy::Minimum);
         m_layout->invalidate();
     } else if (m_kind == 5) {
-        setWindowTitle(QStringLiteral("ASK"));
+        setWindowTitle(QStringLiteral("ASK Wave"));
         emit signal_UpdateUI();
         const SettingParams& s = SettingParams::Instance();
         m_labelMin->setText(Number("%d", s.m_dac_min));
@@ -71,7 +71,7 @@ SampleGui::~SampleGui() = default;
 void SampleGui::SetupForm()
 {
     setObjectName(QStringLiteral("SampleGuiClass"));
-    setWindowTitle(QStringLiteral("SampleGui"));
+    setWindowTitle(QStringLiteral("Wave"));
     resize(846, 542);
     auto* central = new QWidget(this);
     central->setObjectName(QStringLiteral("centralWidget"));
@@ -81,7 +81,7 @@ void SampleGui::SetupForm()
 
     auto* controls = new QHBoxLayout();
     controls->setSpacing(6);
-    m_checkBox = new QCheckBox(QStringLiteral("Manual Acting"), central);
+    m_checkBox = new QCheckBox(QStringLiteral("Manual DAC"), central);
     m_checkBox->setObjectName(QStringLiteral("checkBox"));
     m_checkBoxLock = new QCheckBox(QStringLiteral("Lock"), central);
     m_checkBoxLock->setObjectName(QStringLiteral("checkBox_Lock"));
@@ -92,7 +92,7 @@ void SampleGui::SetupForm()
     m_labelMax = new QLabel(QStringLiteral("Max"), central);
     m_labelMax->setObjectName(QStringLiteral("label_dac_max"));
     m_spacer = new QSpacerItem(20, 20, QSizePolicy::Expanding, QSizePolicy::Minimum);
-    m_autoTrigger = new QCheckBox(QStringLiteral("AutoTrigger"), central);
+    m_autoTrigger = new QCheckBox(QStringLiteral("Auto Trigger"), central);
     m_autoTrigger->setObjectName(QStringLiteral("checkBox_autoTrigger"));
     m_autoTrigger->setChecked(false);
     m_pause = new QPushButton(QStringLiteral("Pause"), central);
@@ -120,9 +120,9 @@ void SampleGui::SetupForm()
     };
     const Field fields[] = {
         {"label", "Summary", "lineEdit_summary", &m_summary},
-        {"label_2", "TypeString", "lineEdit_typestring", &m_typeString},
-        {"label_3", "LogData", "lineEdit_logdata", &m_logData},
-        {"label_4", "PacketData", "lineEdit_packetdata", &m_packetData},
+        {"label_2", "Type", "lineEdit_typestring", &m_typeString},
+        {"label_3", "Log Data", "lineEdit_logdata", &m_logData},
+        {"label_4", "Packet Data", "lineEdit_packetdata", &m_packetData},
     };
     int row = 0;
     for (const Field& f : fields) {

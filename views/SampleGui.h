@@ -1,6 +1,6 @@
 // A wave panel: one raw signal of the link as an oscilloscope shows it, in a
 // window of its own. Kind 5 shows the ASK envelope and carries the controls of
-// the device's DAC (the slider, "Manual Acting" and "Lock"); kind 6 shows the
+// the device's DAC (the slider, "Manual DAC" and "Lock"); kind 6 shows the
 // FSK period words. Free-running, it rolls the newest samples of the stream
 // by; with AutoTrigger on it shows the samples of the newest decoded packet of
 // its direction beside the packet's four text fields. Paused, it takes
@@ -45,7 +45,7 @@ public:
     // Moves the slider (which sends the value to the device through the
     // slider's own path); the slider keeps it within its range.
     void SetSliderValue(int value);
-    // The automatic DAC level may change the value: "Manual Acting" is off.
+    // The automatic DAC level may change the value: "Manual DAC" is off.
     bool AutoDacAllowed() const;
 
     int Kind() const { return m_kind; }

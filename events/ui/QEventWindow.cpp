@@ -63,7 +63,7 @@ private:
 
 }  // namespace
 
-QEventWindow::QEventWindow(QWidget* parent) : QDialog(parent)
+QEventWindow::QEventWindow(QWidget* parent) : PanelDialog(parent)
 {
     for (const auto& entry : kIconFiles)
         m_icons.insert(QString::fromLatin1(entry[0]), IconAt(QStringLiteral(":/icons/icons/") + entry[1]));
@@ -447,7 +447,7 @@ void QEventWindow::on_listView_doubleClicked(const QModelIndex&)
 void QEventWindow::slot_textmenu(const QPoint& at)
 {
     QMenu* menu = m_plainTextEdit->createStandardContextMenu();
-    QAction* open = menu->addAction(QStringLiteral("Open Saved Dir"));
+    QAction* open = menu->addAction(QStringLiteral("Open Saved Folder"));
     connect(open, &QAction::triggered, this, &QEventWindow::slot_openDir);
     menu->exec(m_plainTextEdit->mapToGlobal(at));
     delete menu;

@@ -8,7 +8,7 @@
 
 #include "events/EventLogModel.h"
 
-#include <QDialog>
+#include "events/ui/PanelDialog.h"
 #include <QIcon>
 #include <QMap>
 #include <QTreeView>
@@ -50,7 +50,7 @@ private:
     int m_layouts = 0;
 };
 
-class QEventWindow : public QDialog {
+class QEventWindow : public PanelDialog {
     Q_OBJECT
 public:
     explicit QEventWindow(QWidget* parent = nullptr);

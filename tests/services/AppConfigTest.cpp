@@ -139,14 +139,14 @@ TEST_F(AppConfigTest, FormGroupsAndRowsInOrder)
     EXPECT_EQ(config->CloseButton()->objectName(), "pushButton_cancle");
     EXPECT_EQ(config->CloseButton()->text(), "Close");
     const PropertyTree& t = *config->Tree();
-    EXPECT_EQ(t.GroupTitles(), (QStringList{"ASK", "FSK", "Frequency", "SavePath", "Common"}));
+    EXPECT_EQ(t.GroupTitles(), (QStringList{"ASK", "FSK", "Frequency", "Save Path", "Common"}));
     const QString save = QString::fromStdString(SettingParams::Instance().savePath);
-    EXPECT_EQ(t.Rows(0), (QStringList{"Signal Reverse=false", "Catpure Data=false", "Trigger Samples=2200",
+    EXPECT_EQ(t.Rows(0), (QStringList{"Signal Reverse=false", "Capture Data=false", "Trigger Samples=2200",
                                       "DAC Value=1700", "Second Reader=true"}));
-    EXPECT_EQ(t.Rows(1), (QStringList{"Catpure Data=false", "Second Reader=true"}));
-    EXPECT_EQ(t.Rows(2), (QStringList{"Min Frequency=110000", "Max Frequency=210000"}));
-    EXPECT_EQ(t.Rows(3), (QStringList{"DataSavePath=" + save}));
-    EXPECT_EQ(t.Rows(4), (QStringList{"WindowLimitTime(minute)=15", "Default Polarity=false"}));
+    EXPECT_EQ(t.Rows(1), (QStringList{"Capture Data=false", "Second Reader=true"}));
+    EXPECT_EQ(t.Rows(2), (QStringList{"Min Frequency (Hz)=110000", "Max Frequency (Hz)=210000"}));
+    EXPECT_EQ(t.Rows(3), (QStringList{"Data Save Path=" + save}));
+    EXPECT_EQ(t.Rows(4), (QStringList{"Window Limit Time (min)=15", "Default Polarity=false"}));
 }
 
 TEST_F(AppConfigTest, EditorsAreACheckBoxASpinBoxAndALineEdit)
@@ -158,7 +158,7 @@ TEST_F(AppConfigTest, EditorsAreACheckBoxASpinBoxAndALineEdit)
     // No row but the checked ones has a limit.
     EXPECT_EQ(spin->minimum(), INT_MIN);
     EXPECT_EQ(spin->maximum(), INT_MAX);
-    EXPECT_NE(qobject_cast<QLineEdit*>(Editor("SavePath", "DataSavePath")), nullptr);
+    EXPECT_NE(qobject_cast<QLineEdit*>(Editor("Save Path", "Data Save Path")), nullptr);
 }
 
 TEST_F(AppConfigTest, SavingWritesEveryRowIntoTheFile)
@@ -166,18 +166,18 @@ TEST_F(AppConfigTest, SavingWritesEveryRowIntoTheFile)
     QSignalSpy saved(config.get(), &QAppConfig::signals_QAppSave);
     QTemporaryDir dir;
     const QString path = dir.path() + QString::fromUtf8("/Messdaten Größe/測定");
-    TypeNumber("Frequency", "Min Frequency", 100000);
-    TypeNumber("Frequency", "Max Frequency", 250000);
+    TypeNumber("Frequency", "Min Frequency (Hz)", 100000);
+    TypeNumber("Frequency", "Max Frequency (Hz)", 250000);
     TypeNumber("ASK", "Trigger Samples", 3000);
     TypeNumber("ASK", "DAC Value", 2900);  // beyond the slider: not checked
-    TypeNumber("Common", "WindowLimitTime(minute)", 60);
+    TypeNumber("Common", "Window Limit Time (min)", 60);
     Toggle("ASK", "Signal Reverse");
-    Toggle("ASK", "Catpure Data");
-    Toggle("FSK", "Catpure Data");
+    Toggle("ASK", "Capture Data");
+    Toggle("FSK", "Capture Data");
     Toggle("ASK", "Second Reader");
     Toggle("FSK", "Second Reader");
     Toggle("Common", "Default Polarity");
-    TypeText("SavePath", "DataSavePath", path);
+    TypeText("Save Path", "Data Save Path", path);
     Save();
     EXPECT_TRUE(messages.empty());
     EXPECT_FALSE(config->isVisible());
@@ -211,13 +211,13 @@ TEST_F(AppConfigTest, SavingWritesEveryRowIntoTheFile)
 TEST_F(AppConfigTest, EqualMinAndMaxFrequencyAreRefused)
 {
     const std::string before = FileText();
-    TypeNumber("Frequency", "Min Frequency", 110000);
-    TypeNumber("Frequency", "Max Frequency", 110000);
+    TypeNumber("Frequency", "Min Frequency (Hz)", 110000);
+    TypeNumber("Frequency", "Max Frequency (Hz)", 110000);
     QSignalSpy saved(config.get(), &QAppConfig::signals_QAppSave);
     Save();
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_EQ(messages[0].kind, MessageKind::Warning);
-    EXPECT_EQ(messages[0].title, "Waring");
+    EXPECT_EQ(messages[0].title, "Warning");
     EXPECT_EQ(messages[0].text, "Frequency property is Invalid.");
     EXPECT_TRUE(config->isVisible());
     EXPECT_EQ(saved.count(), 0);
@@ -229,10 +229,10 @@ TEST_F(AppConfigTest, WindowTimeOutsideFifteenToSixtyIsRefused)
 {
     for (int minutes : {14, 61}) {
         messages.clear();
-        TypeNumber("Common", "WindowLimitTime(minute)", minutes);
+        TypeNumber("Common", "Window Limit Time (min)", minutes);
         Save();
         ASSERT_EQ(messages.size(), 1u) << minutes;
-        EXPECT_EQ(messages[0].title, "Waring");
+        EXPECT_EQ(messages[0].title, "Warning");
         EXPECT_EQ(messages[0].text, "m_window_time property is 15 - 60 minute.");
         EXPECT_TRUE(config->isVisible());
         EXPECT_EQ(SettingParams::Instance().m_window_time, 15);
@@ -245,7 +245,7 @@ TEST_F(AppConfigTest, WindowTimeFifteenAndSixtyAreAccepted)
     for (int minutes : {60, 15}) {
         messages.clear();
         config->show();
-        TypeNumber("Common", "WindowLimitTime(minute)", minutes);
+        TypeNumber("Common", "Window Limit Time (min)", minutes);
         Save();
         EXPECT_TRUE(messages.empty()) << minutes;
         EXPECT_FALSE(config->isVisible());
@@ -255,8 +255,8 @@ TEST_F(AppConfigTest, WindowTimeFifteenAndSixtyAreAccepted)
 
 TEST_F(AppConfigTest, BadFrequencyAndBadWindowTimeShowOnlyTheFrequencyMessage)
 {
-    TypeNumber("Frequency", "Min Frequency", 300000);
-    TypeNumber("Common", "WindowLimitTime(minute)", 5);
+    TypeNumber("Frequency", "Min Frequency (Hz)", 300000);
+    TypeNumber("Common", "Window Limit Time (min)", 5);
     Save();
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_EQ(messages[0].text, "Frequency property is Invalid.");
@@ -272,7 +272,7 @@ TEST_F(AppConfigTest, SwitchCircleIsCheckedOnlyWhenItHasARow)
     config->Tree()->AddEditableRow(config->Tree()->Group("FSK"), "Switch Circle", 256);
     Save();
     ASSERT_EQ(messages.size(), 1u);
-    EXPECT_EQ(messages[0].title, "Waring");
+    EXPECT_EQ(messages[0].title, "Warning");
     EXPECT_EQ(messages[0].text, "Fsk switch circle can only be 512 or 128.");
     EXPECT_TRUE(config->isVisible());
     for (int circle : {512, 128}) {
@@ -294,7 +294,7 @@ TEST_F(AppConfigTest, CloseHidesAndKeepsTheEditsUntilTheNextRefill)
     SettingParams::Instance().savePath = "/somewhere/else";
     emit config->signals_UpdateUI();
     EXPECT_EQ(config->Tree()->Value("ASK", "Trigger Samples").toInt(), 2200);
-    EXPECT_EQ(config->Tree()->Value("SavePath", "DataSavePath").toString(), "/somewhere/else");
+    EXPECT_EQ(config->Tree()->Value("Save Path", "Data Save Path").toString(), "/somewhere/else");
 }
 
 TEST_F(AppConfigTest, RefillReachesTheOpenEditors)

@@ -95,7 +95,7 @@ TEST_F(UpdaterTest, FormAsTheWindowHasIt)
 {
     CoilscopeUpdater u{QString()};
     EXPECT_EQ(u.objectName(), "CoilscopeUpdaterClass");
-    EXPECT_EQ(u.windowTitle(), "CoilscopeUpdater");
+    EXPECT_EQ(u.windowTitle(), "Coilscope Update");
     EXPECT_EQ(u.size(), QSize(366, 285));
     EXPECT_EQ(u.TextBrowser()->objectName(), "textBrowser");
     EXPECT_EQ(u.ProgressBar()->value(), 0);
@@ -150,7 +150,7 @@ TEST_F(UpdaterTest, NewerVersionIsAnnouncedOnceOverTwoProgramStarts)
         EXPECT_FALSE(first.SpeedLabel()->isHidden());
         EXPECT_FALSE(first.SkipBox()->isHidden());
         ASSERT_EQ(messages.size(), 1u);
-        EXPECT_EQ(messages[0].title, "Waring");
+        EXPECT_EQ(messages[0].title, "Warning");
         EXPECT_EQ(messages[0].text, "Find new version 20230521.");
         EXPECT_EQ(SettingsOnDisk()["m_skip_version"].asInt(), 20230521);
     }
@@ -185,7 +185,7 @@ TEST_F(UpdaterTest, NewerVersionIsAnnouncedOnlyByTheFirstOfTwoProcesses)
         return QString::fromUtf8(p.readAllStandardOutput());
     };
     const QString first = start();
-    EXPECT_TRUE(first.contains("box Waring: Find new version 20230522.\n")) << first.toStdString();
+    EXPECT_TRUE(first.contains("box Warning: Find new version 20230522.\n")) << first.toStdString();
     EXPECT_TRUE(first.contains("text: Current Version:1.2.0.0|New Version:20230522|Desc: Two starts.\n"))
         << first.toStdString();
     QFile settings(home.path() + "/config/Coilscope/setting.txt");
@@ -404,7 +404,7 @@ TEST_F(UpdaterTest, DownloadThenInstallStartsTheInstallerAndEndsTheProgram)
     ASSERT_GE(progress.count(), 1);
     EXPECT_EQ(u.ProgressBar()->maximum(), script.size());
     EXPECT_EQ(u.ProgressBar()->value(), script.size());
-    EXPECT_TRUE(u.SpeedLabel()->text().endsWith("KB/s"));
+    EXPECT_TRUE(u.SpeedLabel()->text().endsWith(" KB/s"));
     QFile saved(u.SetupFile());
     ASSERT_TRUE(saved.open(QIODevice::ReadOnly));
     EXPECT_EQ(saved.readAll(), script);

@@ -30,22 +30,28 @@ TEST(Chart, KindsSetNamesTitlesAndRanges)
         const char* title;
         double yLow, yHigh;
         double xLow, xHigh;
+        const char* xTitle;
+        const char* yTitle;
     };
+    // Every axis tells its quantity and unit; titles are spelled out.
     const Row rows[] = {
-        {0, "Duty (%)", "Duty Chart", 0, 100, 0, 20},
-        {1, "Frequency (KHz)", "Frequecny (KHz)", 110, 205, 0, 20},
-        {2, "Percentage (%)", "percent (%)", 0, 200, 0, 20},
-        {5, "2K", "", 0, 4000, 0, 500},
-        {6, "FSK (KHz)", "", 100, 10000, 0, 500},
-        {7, "Percent", "", 0, 10, 0, 3},
-        {8, "DrawWare", "DrawWare", 0, 6000, 0, 20},
+        {0, "Duty (%)", "Duty", 0, 100, 0, 20, "Time (s)", "Duty (%)"},
+        {1, "Frequency (kHz)", "Operating Frequency", 110, 205, 0, 20, "Time (s)", "Frequency (kHz)"},
+        {2, "Received Power (%)", "Received Power", 0, 200, 0, 20, "Time (s)", "Power (%)"},
+        {5, "ASK Envelope", "", 0, 4000, 0, 500, "Sample (25 \u00b5s each)", "Envelope (ADC counts)"},
+        {6, "FSK Period", "", 100, 10000, 0, 500, "Word (16 carrier cycles each)", "16 Cycles (60 MHz ticks)"},
+        {7, "Power (W)", "", 0, 10, 0, 3, "Time (s)", "Power (W)"},
+        {8, "Wave", "Wave", 0, 6000, 0, 20, "Time (s)", "Amplitude"},
     };
     for (const Row& r : rows) {
         const int span = r.kind == 5 || r.kind == 6 ? 500 : r.kind == 7 ? 256 : 20;
         QwtChart c(r.kind, span);
-        EXPECT_EQ(c.SeriesName(), r.name) << r.kind;
-        EXPECT_EQ(c.Chart()->title(), r.title) << r.kind;
+        EXPECT_EQ(c.SeriesName(), QString::fromUtf8(r.name)) << r.kind;
+        EXPECT_EQ(c.Chart()->title(), QString::fromUtf8(r.title)) << r.kind;
         ASSERT_TRUE(c.AxisY() && c.AxisX()) << r.kind;
+        EXPECT_EQ(c.AxisX()->titleText(), QString::fromUtf8(r.xTitle)) << r.kind;
+        EXPECT_EQ(c.AxisY()->titleText(), QString::fromUtf8(r.yTitle)) << r.kind;
+        EXPECT_EQ(c.windowTitle(), QString::fromUtf8(r.title[0] ? r.title : r.name)) << r.kind;
         EXPECT_EQ(c.AxisY()->min(), r.yLow) << r.kind;
         EXPECT_EQ(c.AxisY()->max(), r.yHigh) << r.kind;
         EXPECT_EQ(c.AxisX()->min(), r.xLow) << r.kind;
@@ -57,11 +63,10 @@ TEST(Chart, KindsSetNamesTitlesAndRanges)
     }
     for (int kind : {3, 4}) {
         QwtChart c(kind, 20);
-        EXPECT_EQ(c.AxisX()->titleText(), "Time(sec)") << kind;
+        EXPECT_EQ(c.AxisX()->titleText(), "Time (s)") << kind;
         EXPECT_EQ(c.AxisY()->max(), kind == 3 ? 1 : 5000) << kind;
     }
     QwtChart power(7, 256);
-    EXPECT_EQ(power.AxisY()->titleText(), "W");
     QwtChart plain(1, 20);
     EXPECT_DOUBLE_EQ(power.AxisY()->titleFont().pointSizeF(), plain.AxisY()->titleFont().pointSizeF() * 1.5);
 }

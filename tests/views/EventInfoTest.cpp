@@ -20,12 +20,12 @@ TEST(EventInfo, FormAndLimitsFromTheSettings)
     SettingParams::Instance().m_max_freq = 205999;
     QEventInfo info;
     EXPECT_EQ(info.size(), QSize(640, 360));
-    EXPECT_EQ(info.windowTitle(), "Dialog");
-    EXPECT_EQ(info.Tabs()->tabText(0), "EventInfo");
+    EXPECT_EQ(info.windowTitle(), "Event Info");
+    EXPECT_EQ(info.Tabs()->tabText(0), "Event Info");
     EXPECT_EQ(info.FrequencyBar()->minimum(), 110000);
     EXPECT_EQ(info.FrequencyBar()->maximum(), 205999);
-    EXPECT_EQ(info.FrequencyLeft()->text(), "110KHZ");
-    EXPECT_EQ(info.FrequencyRight()->text(), "205KHZ");
+    EXPECT_EQ(info.FrequencyLeft()->text(), "110 kHz");
+    EXPECT_EQ(info.FrequencyRight()->text(), "205 kHz");
     EXPECT_EQ(info.FrequencyLeft()->objectName(), "label_freq_left");
     EXPECT_TRUE(info.findChild<QLineEdit*>("lineEdit_freq"));
     EXPECT_TRUE(info.findChild<QProgressBar*>("progressBar_freq"));
@@ -37,7 +37,7 @@ TEST(EventInfo, TextsAndBars)
     SettingParams::Instance().m_max_freq = 205000;
     QEventInfo info;
     info.SetFrequency(127.6543);
-    EXPECT_EQ(info.FrequencyText()->text(), "127654 HZ");
+    EXPECT_EQ(info.FrequencyText()->text(), "127654 Hz");
     EXPECT_EQ(info.FrequencyBar()->value(), 127654);
     info.SetControlError(-12.34);
     EXPECT_EQ(info.ControlErrorText()->text(), "-12.3%");
@@ -77,10 +77,10 @@ TEST(EventInfo, FrequencyOutsideTheLimitsShowsItsValueAndNoProgress)
     info.SetFrequency(150.0);
     ASSERT_EQ(info.FrequencyBar()->value(), 150000);
     info.SetFrequency(250.0);
-    EXPECT_EQ(info.FrequencyText()->text(), "250000 HZ");
+    EXPECT_EQ(info.FrequencyText()->text(), "250000 Hz");
     EXPECT_EQ(info.FrequencyBar()->value(), 150000);  // the bar doesn't move
     info.SetFrequency(90.0);
-    EXPECT_EQ(info.FrequencyText()->text(), "90000 HZ");
+    EXPECT_EQ(info.FrequencyText()->text(), "90000 Hz");
     EXPECT_EQ(info.FrequencyBar()->value(), 150000);
 }
 
@@ -88,8 +88,8 @@ TEST(EventInfo, NewLimitsTakeEffectAtOnce)
 {
     QEventInfo info;
     info.SetLimits(100000, 300000);
-    EXPECT_EQ(info.FrequencyLeft()->text(), "100KHZ");
-    EXPECT_EQ(info.FrequencyRight()->text(), "300KHZ");
+    EXPECT_EQ(info.FrequencyLeft()->text(), "100 kHz");
+    EXPECT_EQ(info.FrequencyRight()->text(), "300 kHz");
     info.SetFrequency(250.0);
     EXPECT_EQ(info.FrequencyBar()->value(), 250000);
 }
@@ -104,7 +104,7 @@ TEST(EventInfo, ClearFallsBackToZero)
     info.Clear();
     EXPECT_EQ(info.ControlErrorText()->text(), "0.0%");
     EXPECT_EQ(info.PowerText()->text(), "0.0%");
-    EXPECT_EQ(info.FrequencyText()->text(), "0 HZ");
+    EXPECT_EQ(info.FrequencyText()->text(), "0 Hz");
     EXPECT_EQ(info.PacketsText()->text(), "0/0");
 }
 

@@ -459,7 +459,7 @@ TEST_F(EventWindowTest, LogContextMenuAddsOpenSavedDir)
     });
     w.slot_textmenu(QPoint(5, 5));
     ASSERT_FALSE(offered.isEmpty());
-    EXPECT_EQ(offered.last(), "Open Saved Dir");
+    EXPECT_EQ(offered.last(), "Open Saved Folder");
     EXPECT_GT(offered.size(), 1);  // the standard entries come first
 }
 

@@ -66,7 +66,7 @@ TEST_F(MainWindowDialogsTest, SettingRefillsTheDialogBeforeShowingItAndTogglesIt
     SettingParams::Instance().savePath = "/changed/elsewhere";
     w.Action("actionSetting")->trigger();
     EXPECT_TRUE(config->isVisible());
-    EXPECT_EQ(config->Tree()->Value("SavePath", "DataSavePath").toString(), "/changed/elsewhere");
+    EXPECT_EQ(config->Tree()->Value("Save Path", "Data Save Path").toString(), "/changed/elsewhere");
     w.Action("actionSetting")->trigger();
     EXPECT_FALSE(config->isVisible());
 }
@@ -81,7 +81,7 @@ TEST_F(MainWindowDialogsTest, SavedFrequencyRangeReachesGaugesAndChartAtOnceButN
     QAppConfig* config = w.Config();
     ASSERT_TRUE(QTest::qWaitForWindowExposed(config));
     QTreeView* view = config->Tree()->View();
-    for (const auto& [name, value] : {std::pair<const char*, int>{"Min Frequency", 90000}, {"Max Frequency", 300000}}) {
+    for (const auto& [name, value] : {std::pair<const char*, int>{"Min Frequency (Hz)", 90000}, {"Max Frequency (Hz)", 300000}}) {
         const QModelIndex index = config->Tree()->ValueItem("Frequency", name)->index();
         view->scrollTo(index);
         QTest::mouseClick(view->viewport(), Qt::LeftButton, Qt::NoModifier, view->visualRect(index).center());
@@ -97,7 +97,7 @@ TEST_F(MainWindowDialogsTest, SavedFrequencyRangeReachesGaugesAndChartAtOnceButN
     EXPECT_FALSE(config->isVisible());
     EXPECT_EQ(w.Dock()->FrequencyChart()->AxisY()->min(), 90);
     EXPECT_EQ(w.Dock()->FrequencyChart()->AxisY()->max(), 300);
-    EXPECT_EQ(w.Dock()->EventInfo()->FrequencyRight()->text(), "300KHZ");
+    EXPECT_EQ(w.Dock()->EventInfo()->FrequencyRight()->text(), "300 kHz");
     EXPECT_EQ(w.Controller().Fsk().Tracker().MaxPeriod(), maxPeriod);
     EXPECT_EQ(w.Controller().Fsk().Tracker().MinPeriod(), minPeriod);
 }
@@ -179,7 +179,7 @@ TEST_F(MainWindowDialogsTest, FirmwareToolIsRefusedWhileThePortIsOpen)
     w.Action("actionUpdate_Fireware")->trigger();
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_EQ(messages[0].kind, MessageKind::Information);
-    EXPECT_EQ(messages[0].title, "information");
+    EXPECT_EQ(messages[0].title, "Information");
     EXPECT_EQ(messages[0].text, "Please Disconnect First.");
     w.Action("actionDisconnect")->trigger();
     ASSERT_FALSE(w.Controller().Found());

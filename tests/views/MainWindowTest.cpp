@@ -143,7 +143,8 @@ TEST_F(MainWindowTest, WindowMenusAndToolBarsAsTheFormHasThem)
                                 "actionEventWindow", "actionFrequencyChart", "actionPercentageChart",
                                 "actionEventPropertyChart", "actionEventInfo", "-", "actionClear", "-"}));
     auto* toolBar = w.findChild<QToolBar*>("toolBar");
-    EXPECT_EQ(toolBar->windowTitle(), "toolBar");
+    EXPECT_EQ(toolBar->windowTitle(), "Sniffer");
+    EXPECT_EQ(w.findChild<QToolBar*>("mainToolBar")->windowTitle(), "File");
     EXPECT_EQ(toolBar->toolTip(), "Sniffer");
     EXPECT_EQ(toolBar->toolButtonStyle(), Qt::ToolButtonIconOnly);
     auto* label = qobject_cast<QLabel*>(toolBar->widgetForAction(toolBar->actions().value(0)));
@@ -154,36 +155,51 @@ TEST_F(MainWindowTest, WindowMenusAndToolBarsAsTheFormHasThem)
 TEST_F(MainWindowTest, ActionsAreCreatedAsTheTableSays)
 {
     MainWindow w(Empty());
+    // The icon text is the key the dispatcher compares and the application
+    // log names; the text is the label the menus show, spelled out.
     struct Row {
         const char* name;
+        const char* key;
         const char* text;
         const char* toolTip;
         const char* shortcut;
         bool checkable, checked, visible;
     } rows[] = {
-        {"actionPercentageChart", "PercentageChart", "PercentageChart", "", true, true, true},
-        {"actionEventPropertyChart", "EventPropertyChart", "Event Properties", "", true, true, true},
-        {"actionEventWindow", "Sniffer Events", "Sniffer Events", "", true, true, true},
-        {"actionSave", "Save", "Save", "Ctrl+S", false, false, false},
-        {"actionOpen", "Open", "Open", "Ctrl+O", false, false, true},
-        {"actionPrint", "Print", "Print", "Ctrl+P", false, false, true},
-        {"actionClear", "Clear", "ClearAll", "", false, false, true},
-        {"actionConnect", "Connect", "Connect", "", true, false, true},
-        {"actionStart", "Start", "Start Acqunsition", "", true, false, true},
-        {"actionStop", "Stop", "Stop Acqunsition", "", false, false, true},
-        {"action2K_Ware", "ASK", "2KWare", "", false, false, true},
-        {"actionSaveLog", "AutoLog", "", "", true, false, true},
-        {"actionPercent", "PowerMonitor", "", "", false, false, true},
-        {"actionSetSavePath", "SetSavePath", "Set Auto Save Path", "", false, false, true},
+        {"actionPercentageChart", "PercentageChart", "Received Power Chart", "Received Power Chart", "", true, true,
+         true},
+        {"actionFrequencyChart", "FrequencyChart", "Frequency Chart", "Frequency Chart", "", true, true, true},
+        {"actionEventPropertyChart", "EventPropertyChart", "Event Properties", "Event Properties", "", true, true,
+         true},
+        {"actionEventInfo", "EventInfo", "Event Info", "Event Info", "", true, true, true},
+        {"actionEventWindow", "Sniffer Events", "Sniffer Events", "Sniffer Events", "", true, true, true},
+        {"actionSave", "Save", "Save", "Save", "Ctrl+S", false, false, false},
+        {"actionOpen", "Open", "Open", "Open", "Ctrl+O", false, false, true},
+        {"actionPrint", "Print", "Print", "Print", "Ctrl+P", false, false, true},
+        {"actionClear", "Clear", "Clear", "Clear All", "", false, false, true},
+        {"actionConnect", "Connect", "Connect", "Connect", "", true, false, true},
+        {"actionStart", "Start", "Start", "Start Acquisition", "", true, false, true},
+        {"actionStop", "Stop", "Stop", "Stop Acquisition", "", false, false, true},
+        {"actionCoilscope_Webset", "Sniffer Webset", "Coilscope Website", "Coilscope Website", "", false, false,
+         true},
+        {"actionQuickStart", "QuickStart", "Quick Start", "Quick Start", "", false, false, true},
+        {"actionUpdate_Fireware", "UpdateFireware", "Update Firmware", "Update Firmware", "", false, false, true},
+        {"actionAbout", "About", "About Coilscope", "About Coilscope", "", false, false, true},
+        {"action2K_Ware", "ASK", "ASK Wave", "ASK Wave", "", false, false, true},
+        {"actionFSKWare", "FSK", "FSK Wave", "FSK Wave", "", false, false, true},
+        {"actionSetting", "Setting", "Settings", "Settings", "", false, false, true},
+        {"actionSaveLog", "AutoLog", "Auto Log", "Auto Log", "", true, false, true},
+        {"actionPercent", "PowerMonitor", "Power Monitor", "Power Monitor", "", false, false, true},
+        {"actionSetSavePath", "SetSavePath", "Set Save Path", "Set Auto Save Path", "", false, false, true},
+        {"actionCheck_For_Updates", "Check For Updates", "Check for Updates", "Check for Updates", "", false, false,
+         true},
+        {"actionProductTest", "ProductTest", "Product Test", "Product Test", "", false, false, true},
     };
     for (const Row& r : rows) {
         QAction* a = w.Action(r.name);
         ASSERT_TRUE(a) << r.name;
         EXPECT_EQ(a->text(), r.text) << r.name;
-        EXPECT_EQ(a->iconText(), r.text) << r.name;
-        if (r.toolTip[0]) {
-            EXPECT_EQ(a->toolTip(), r.toolTip) << r.name;
-        }
+        EXPECT_EQ(a->iconText(), r.key) << r.name;
+        EXPECT_EQ(a->toolTip(), r.toolTip) << r.name;
         EXPECT_EQ(a->shortcut().toString(), r.shortcut) << r.name;
         EXPECT_EQ(a->isCheckable(), r.checkable) << r.name;
         EXPECT_EQ(a->isChecked(), r.checked) << r.name;
@@ -219,8 +235,8 @@ TEST_F(MainWindowTest, ConnectWithNoDeviceSaysSoAndLeavesConnectToTryAgain)
     w.Action("actionConnect")->trigger();
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_EQ(messages[0].kind, MessageKind::Critical);
-    EXPECT_EQ(messages[0].title, "critical");
-    EXPECT_EQ(messages[0].text, "Not found Sniffer Device.");
+    EXPECT_EQ(messages[0].title, "Error");
+    EXPECT_EQ(messages[0].text, "No sniffer device found.");
     EXPECT_EQ(StatesOf(w), (States{true, false, false, false, false, false}));
 }
 
@@ -233,8 +249,8 @@ TEST_F(MainWindowTest, DeviceInBootModeSaysSo)
     MainWindow w(emu.Pattern());
     w.Action("actionConnect")->trigger();
     ASSERT_EQ(messages.size(), 1u);
-    EXPECT_EQ(messages[0].title, "information");
-    EXPECT_EQ(messages[0].text, "Device is in boot mode, Please UpdateFireware under sniffer menu.");
+    EXPECT_EQ(messages[0].title, "Information");
+    EXPECT_EQ(messages[0].text, "The device is in boot mode. Please use Update Firmware in the Sniffer menu.");
 }
 
 TEST_F(MainWindowTest, ActionStatesFollowConnectStopStartAndDisconnect)
@@ -297,7 +313,7 @@ TEST_F(MainWindowTest, UnknownActionSaysSupportLater)
     QAction other(QStringLiteral("Something"));
     w.actionBtns(&other);
     ASSERT_EQ(messages.size(), 1u);
-    EXPECT_EQ(messages[0].title, "information");
+    EXPECT_EQ(messages[0].title, "Information");
     EXPECT_EQ(messages[0].text, "Support later.");
     // The actions made without effect do nothing.
     w.actionBtns(w.Action("actionSaveExecl"));
@@ -314,7 +330,7 @@ TEST_F(MainWindowTest, FileActionsWhileRunningSayStopFirst)
         w.actionBtns(w.Action(name));
     ASSERT_EQ(messages.size(), 5u);
     for (const UserMessage& m : messages) {
-        EXPECT_EQ(m.title, "Waring");
+        EXPECT_EQ(m.title, "Warning");
         EXPECT_EQ(m.text, "Stop first.");
     }
     EXPECT_TRUE(asked.empty());
@@ -330,12 +346,12 @@ TEST_F(MainWindowTest, SaveMakesAnEmptyQbinAndSaysSo)
     ASSERT_TRUE(QFile::exists(answer));
     EXPECT_EQ(QFile(answer).size(), 0);
     ASSERT_EQ(messages.size(), 1u);
-    EXPECT_EQ(messages[0].title, "information");
+    EXPECT_EQ(messages[0].title, "Information");
     EXPECT_EQ(messages[0].text, "Save Success.");
     answer = dir.path() + "/no/such/folder/saved.qbin";
     w.actionBtns(w.Action("actionSave"));
     ASSERT_EQ(messages.size(), 2u);
-    EXPECT_EQ(messages[1].title, "Waring");
+    EXPECT_EQ(messages[1].title, "Warning");
     EXPECT_EQ(messages[1].text, "Can't open file.");
     answer.clear();  // cancelled: nothing
     w.actionBtns(w.Action("actionSave"));

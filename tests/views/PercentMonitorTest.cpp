@@ -1,6 +1,6 @@
 // The power monitor: its labels at every update, one log line and one chart
 // point a second, the file's name and exact line format, Reset, the chart's
-// ranges, the points kept while hidden, "Open Dir", and a capture folder that
+// ranges, the points kept while hidden, "Open Folder", and a capture folder that
 // cannot be written.
 #include "events/ui/UserSeams.h"
 #include "services/AppSettings.h"
@@ -79,11 +79,11 @@ protected:
 TEST_F(PercentMonitorTest, FormAndChart)
 {
     PercentMonitor m;
-    EXPECT_EQ(m.windowTitle(), "PowerMonitor");
+    EXPECT_EQ(m.windowTitle(), "Power Monitor");
     EXPECT_EQ(m.size(), QSize(653, 261));
     EXPECT_EQ(m.findChild<QLabel*>("label_power")->text(), "Power:");
     EXPECT_EQ(m.findChild<QLabel*>("label_time")->text(), "Time:");
-    EXPECT_EQ(m.findChild<QPushButton*>("pushButton")->text(), "Open Dir");
+    EXPECT_EQ(m.findChild<QPushButton*>("pushButton")->text(), "Open Folder");
     EXPECT_EQ(m.Chart()->Kind(), 7);
     EXPECT_EQ(m.Chart()->XSpan(), 256);
     EXPECT_TRUE(m.LogPath().empty());

@@ -24,7 +24,7 @@ std::vector<uint8_t> Record(uint8_t first)
 TEST(ProductTest, FormAndEmptySerialBeforeADevice)
 {
     QProductTest p;
-    EXPECT_EQ(p.windowTitle(), "QProductTest");
+    EXPECT_EQ(p.windowTitle(), "Product Test");
     EXPECT_EQ(p.size(), QSize(459, 62));
     EXPECT_EQ(p.findChild<QLabel*>("label")->text(), "Serial Number:");
     EXPECT_TRUE(p.findChild<QLabel*>("label_serial_number")->text().isEmpty());
@@ -50,7 +50,7 @@ TEST(ProductTest, ShowsTheNineCountedBytesOfTheDeviceNumberAndASecondDeviceRepla
 TEST(About, TextsComeFromTheBuild)
 {
     ABout a;
-    EXPECT_EQ(a.windowTitle(), "ABout Coilscope");
+    EXPECT_EQ(a.windowTitle(), "About Coilscope");
     EXPECT_EQ(a.size(), QSize(716, 314));
     auto* version = a.findChild<QLabel*>("label");
     auto* build = a.findChild<QLabel*>("label_2");

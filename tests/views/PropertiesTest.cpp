@@ -37,7 +37,7 @@ TEST(Properties, FormAndEmptyStart)
 {
     Properties p;
     EXPECT_EQ(p.size(), QSize(407, 394));
-    EXPECT_EQ(p.windowTitle(), "EventProperties");
+    EXPECT_EQ(p.windowTitle(), "Event Properties");
     EXPECT_TRUE(p.Tree()->View()->isHeaderHidden());
     EXPECT_EQ(p.Tree()->View()->objectName(), "qttreepropertybrowser");
     EXPECT_TRUE(p.Tree()->GroupTitles().isEmpty());
@@ -79,8 +79,8 @@ TEST(Properties, RowsAreTheEventsFieldsInOrder)
                            "StartTimeStamp=00:00:00.001000", "EndTime=23000", "EndTimeStamp=00:00:00.023000"}));
     p.Fill(Full(), kItemRoot);
     EXPECT_EQ(p.Tree()->Rows(0),
-              (QStringList{"BootLoaderVersion=1.0", "deviceType=QiSniffer-2K", "FirewareBuildDate=2023.05.20",
-                           "FirewareVersion=V9.0.1", "HardwareVersion=HW2", "SerialNumber=01 02 ",
+              (QStringList{"BootLoaderVersion=1.0", "DeviceType=QiSniffer-2K", "FirmwareBuildDate=2023.05.20",
+                           "FirmwareVersion=V9.0.1", "HardwareVersion=HW2", "SerialNumber=01 02 ",
                            "SoftwareVersion=coilscope-sim"}));
     EXPECT_EQ(p.Tree()->Rows(1), (QStringList{"EventCount=5", "FailureCount=1", "FirstEventNumber=3",
                                               "LastEventNumber=7", "Phase=Power Transfer Phase", "WarningCount=2"}));

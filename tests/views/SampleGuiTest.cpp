@@ -77,7 +77,7 @@ TEST_F(SampleGuiTest, FormAsTheDesignerMadeItForBothKinds)
 {
     SampleGui ask(5);
     EXPECT_EQ(ask.objectName(), "SampleGuiClass");
-    EXPECT_EQ(ask.windowTitle(), "ASK");
+    EXPECT_EQ(ask.windowTitle(), "ASK Wave");
     EXPECT_EQ(ask.size(), QSize(846, 542));
     EXPECT_EQ(ask.Chart()->Kind(), 5);
     EXPECT_EQ(ask.Chart()->XSpan(), 500);
@@ -86,19 +86,19 @@ TEST_F(SampleGuiTest, FormAsTheDesignerMadeItForBothKinds)
     struct Row {
         const char* name;
         const char* text;
-    } boxes[] = {{"checkBox", "Manual Acting"}, {"checkBox_Lock", "Lock"}, {"checkBox_autoTrigger", "AutoTrigger"}};
+    } boxes[] = {{"checkBox", "Manual DAC"}, {"checkBox_Lock", "Lock"}, {"checkBox_autoTrigger", "Auto Trigger"}};
     for (const Row& r : boxes)
         EXPECT_EQ(ask.findChild<QCheckBox*>(r.name)->text(), r.text) << r.name;
     EXPECT_FALSE(ask.findChild<QCheckBox*>("checkBox_autoTrigger")->isChecked());
     EXPECT_EQ(ask.findChild<QPushButton*>("pushButton")->text(), "Pause");
     EXPECT_EQ(ask.findChild<QGroupBox*>("groupBox")->title(), "Packet Info");
-    Row labels[] = {{"label", "Summary"}, {"label_2", "TypeString"}, {"label_3", "LogData"}, {"label_4", "PacketData"}};
+    Row labels[] = {{"label", "Summary"}, {"label_2", "Type"}, {"label_3", "Log Data"}, {"label_4", "Packet Data"}};
     for (const Row& r : labels)
         EXPECT_EQ(ask.findChild<QLabel*>(r.name)->text(), r.text) << r.name;
     for (const char* edit : {"lineEdit_summary", "lineEdit_typestring", "lineEdit_logdata", "lineEdit_packetdata"})
         EXPECT_TRUE(ask.findChild<QLineEdit*>(edit)) << edit;
     // The DAC controls read the settings: range 1100 .. 2700, value 1700,
-    // disabled until "Manual Acting".
+    // disabled until "Manual DAC".
     EXPECT_EQ(ask.findChild<QLabel*>("label_dac_min")->text(), "1100");
     EXPECT_EQ(ask.findChild<QLabel*>("label_dac_max")->text(), "2700");
     QSlider* slider = ask.findChild<QSlider*>("horizontalSlider");
@@ -113,7 +113,7 @@ TEST_F(SampleGuiTest, FormAsTheDesignerMadeItForBothKinds)
     EXPECT_LT(ask.Chart()->geometry().bottom(), ask.findChild<QGroupBox*>("groupBox")->geometry().top());
 
     SampleGui fsk(6);
-    EXPECT_EQ(fsk.windowTitle(), "FSK");
+    EXPECT_EQ(fsk.windowTitle(), "FSK Wave");
     fsk.show();
     for (const char* name : {"checkBox", "checkBox_Lock", "horizontalSlider", "label_dac_min", "label_dac_max"})
         EXPECT_FALSE(fsk.findChild<QWidget*>(name)->isVisible()) << name;
@@ -256,7 +256,7 @@ TEST_F(SampleGuiTest, ManualActingEnablesTheSliderWhichSendsItsValue)
     EXPECT_EQ(sent[0][0].toInt(), 1700 + ask.Slider()->pageStep());
     // Not written into the settings: only the configuration dialog does.
     EXPECT_EQ(SettingParams::Instance().m_dac_value, 1700);
-    // Manual Acting alone isn't saved.
+    // Manual DAC alone isn't saved.
     EXPECT_EQ(SettingParams::Instance().m_dac_manual, 0);
     QTest::mouseClick(ask.ManualBox(), Qt::LeftButton);
     EXPECT_FALSE(ask.Slider()->isEnabled());
@@ -293,7 +293,7 @@ TEST_F(SampleGuiTest, LockSavesBothBoxesAndDisablesTheControls)
     const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     EXPECT_NE(text.find("\"m_dac_locked\" : 1"), std::string::npos) << text;
     EXPECT_NE(text.find("\"m_dac_manual\" : 1"), std::string::npos) << text;
-    // Unlocked: Manual Acting is back, and the slider with it while checked.
+    // Unlocked: Manual DAC is back, and the slider with it while checked.
     QTest::mouseClick(ask.LockBox(), Qt::LeftButton);
     EXPECT_EQ(SettingParams::Instance().m_dac_locked, 0);
     EXPECT_TRUE(ask.ManualBox()->isEnabled());

@@ -72,7 +72,7 @@ TEST_F(WindowRealTest, HistoryKeepsTwentySecondsAndTheChartsStartAtZero)
     EXPECT_DOUBLE_EQ(series->at(0).x(), 0.0);
     EXPECT_DOUBLE_EQ(series->at(0).y(), 128.0);
     EXPECT_EQ(dock.PercentChart()->Series()->count(), dock.TimeAxis().size());
-    EXPECT_EQ(dock.EventInfo()->FrequencyText()->text(), "128000 HZ");
+    EXPECT_EQ(dock.EventInfo()->FrequencyText()->text(), "128000 Hz");
     EXPECT_EQ(dock.EventInfo()->PacketsText()->text(), "1/9");
     EXPECT_EQ(dock.EventInfo()->PowerText()->text(), "40.0%");
     EXPECT_EQ(dock.EventInfo()->ControlErrorText()->text(), "2.5%");
@@ -155,7 +155,7 @@ TEST_F(WindowRealTest, ClearEmptiesTheChartsAndTheGaugesFallBackToZero)
     EXPECT_EQ(dock.PercentChart()->Series()->count(), 0);
     EXPECT_TRUE(dock.TimeAxis().isEmpty());
     dock.Redraw();
-    EXPECT_EQ(dock.EventInfo()->FrequencyText()->text(), "0 HZ");
+    EXPECT_EQ(dock.EventInfo()->FrequencyText()->text(), "0 Hz");
     EXPECT_EQ(dock.EventInfo()->ControlErrorText()->text(), "0.0%");
     EXPECT_EQ(dock.EventInfo()->PowerText()->text(), "0.0%");
 }
@@ -183,7 +183,7 @@ TEST_F(WindowRealTest, NewFrequencyLimitsReachTheChartAndTheGauges)
     dock.NewFrequencyLimits();
     EXPECT_EQ(dock.FrequencyChart()->AxisY()->min(), 100);
     EXPECT_EQ(dock.FrequencyChart()->AxisY()->max(), 300);
-    EXPECT_EQ(dock.EventInfo()->FrequencyRight()->text(), "300KHZ");
+    EXPECT_EQ(dock.EventInfo()->FrequencyRight()->text(), "300 kHz");
 }
 
 TEST_F(WindowRealTest, FocusQueryFindsTheFocusedViewInOrder)
@@ -236,7 +236,7 @@ TEST_F(WindowRealTest, ARecordedSessionFedAsTheRefreshFeedsIt)
     // Gauges: 28 s into the cycle, power transfer runs between the ping's
     // 128 kHz and the 120 kHz it settles to.
     const QString freq = dock.EventInfo()->FrequencyText()->text();
-    ASSERT_TRUE(freq.endsWith(" HZ")) << freq.toStdString();
+    ASSERT_TRUE(freq.endsWith(" Hz")) << freq.toStdString();
     EXPECT_GE(freq.chopped(3).toInt(), 119000) << freq.toStdString();
     EXPECT_LE(freq.chopped(3).toInt(), 128000) << freq.toStdString();
     EXPECT_NE(dock.EventInfo()->PacketsText()->text(), "0/0");
