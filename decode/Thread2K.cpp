@@ -124,11 +124,12 @@ void CThread2K::ParseWords(const uint8_t* bytes, size_t words)
     // The display's samples of this chunk go over under one lock at its end.
     thread_local std::vector<uint16_t> display;
     display.clear();
+    uint64_t counter = m_sampleCounter.load(std::memory_order_relaxed);
     for (size_t k = 0; k < words; ++k) {
         const uint32_t w = WordAt(bytes, k);
         if (m_parser.Take(w) != StreamFrameParser::kPayload)
             continue;
-        const uint64_t number = m_sampleCounter++;
+        const uint64_t number = counter++;
         m_stream.Add(static_cast<int32_t>(w), number);
         const int32_t value = static_cast<int32_t>(w);
         if (value > m_rangeMax)
@@ -148,6 +149,7 @@ void CThread2K::ParseWords(const uint8_t* bytes, size_t words)
         }
         m_parser.PayloadTaken();
     }
+    m_sampleCounter.store(counter, std::memory_order_relaxed);
     if (display.empty())
         return;
     std::lock_guard<std::mutex> lock(m_displayMutex);

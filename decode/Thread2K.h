@@ -59,7 +59,7 @@ public:
     int32_t RangeMax() const { return m_rangeMax; }
     int32_t RangeMin() const { return m_rangeMin; }
     int32_t RangeCount() const { return m_rangeCount; }
-    uint64_t SampleCounter() const { return m_sampleCounter; }
+    uint64_t SampleCounter() const { return m_sampleCounter.load(std::memory_order_relaxed); }
     int64_t BytesSeen() const { return m_bytesSeen; }
     uint32_t TimeStamp() const { return m_parser.stamp; }
     int ParserState() const { return m_parser.state; }
@@ -75,7 +75,8 @@ private:
     SettingParams* m_settings = nullptr;
     std::FILE* m_captureFile = nullptr;
     int64_t m_bytesSeen = 0;
-    uint64_t m_sampleCounter = 0;
+    // Written by the run loop only; read by others (the views, tests).
+    std::atomic<uint64_t> m_sampleCounter{0};
     std::vector<uint16_t> m_replay;
 
     StreamFrameParser m_parser;

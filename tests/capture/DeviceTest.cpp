@@ -429,3 +429,36 @@ TEST_F(DeviceTest, NoThreadIsLeftWhenTheControllerGoesAwayWhileAcquiring)
     }
     EXPECT_EQ(ThreadCountSettlesAt(before), before);
 }
+
+// Stop and Start again on one connection: the data ports drop what they held
+// and the chains start over while the port readers keep running; each start
+// counts the samples from zero again (the threads meet here under the
+// ThreadSanitizer build).
+TEST_F(DeviceTest, StartAgainCountsTheSamplesFromItsOwnStart)
+{
+    coilsim::EmulatorOptions o;
+    o.speed = 2.0;
+    Emulator emu(o);
+    ASSERT_TRUE(emu.ok);
+    NullView view;
+    AcquisitionController c(view, emu.Pattern());
+    c.Connect();
+    ASSERT_TRUE(c.IsRunning());
+    for (int run = 0; run < 3; ++run) {
+        if (run > 0) {
+            c.Start();
+            ASSERT_TRUE(c.IsRunning());
+        }
+        EXPECT_TRUE(WaitUntil([&] { return c.Ask().SampleCounter() >= 20000; })) << run;
+        c.Stop();
+        EXPECT_FALSE(c.IsRunning());
+        std::vector<MsgInfoPtr> rest;
+        c.Manager().TakeAllEvents(rest);
+        // Each acquisition is about a second of stream at this speed; a
+        // counter that went on from the last one would hold every earlier
+        // acquisition's samples too.
+        EXPECT_LT(c.Ask().SampleCounter(), 20000u + 40000u) << run;
+        EXPECT_EQ(c.Manager().QueuedEvents(), 0u) << run;
+    }
+    c.Disconnect();
+}
