@@ -368,10 +368,15 @@ QString EventLogModel::LogText() const
     return text;
 }
 
-void EventLogModel::LogLine(int32_t number, const QString& text, int direction)
+QString EventLogLine(int32_t number, const QString& text, int direction)
 {
     const char* prefix = direction == 1 ? "Tx " : direction == 2 ? "Rx " : "   ";
-    const QString line = QString::fromLatin1(prefix) + QStringLiteral("[%1] ").arg(number) + text;
+    return QString::fromLatin1(prefix) + QStringLiteral("[%1] ").arg(number) + text;
+}
+
+void EventLogModel::LogLine(int32_t number, const QString& text, int direction)
+{
+    const QString line = EventLogLine(number, text, direction);
     m_logLines.append(line);
     m_linesWritten += 1;
     if (m_log) {
@@ -684,18 +689,25 @@ void EventLogModel::AddEvents(const std::vector<MsgInfoPtr>& events)
         e->eventG.lastEventNumber = number;
 
         if (e->type == kTypeViolation) {
+            const int phase = m_phase;
             ViolationItem(*e);
+            if (eventAdded)
+                eventAdded(*e, phase);
             continue;
         }
         if (e->type != kTypeDeviceStatus && e->type != kTypeContract)
             LogLine(number, e->str, e->type == kTypeDigitalPing ? 0 : e->direction);
         if (e->type == kTypeContract) {
             ContractItem(*e);
+            if (eventAdded)
+                eventAdded(*e, m_phase);
             continue;
         }
         PhaseStep(*e);
         QStandardItemEx* item = AddToTree(e);
         RetitlePhase();
+        if (eventAdded)
+            eventAdded(*e, m_phase);
         if (item) {
             m_live.push_back(Live{QPersistentModelIndex(item->index()), e, m_pendingNumber != 0 && e->capture});
             ReleaseOldRecords();

@@ -95,6 +95,10 @@ private:
     QByteArray m_text;
 };
 
+// A line of the log as the model writes it: "Tx ", "Rx " or three blanks by
+// the direction, then "[number] " and the text.
+QString EventLogLine(int32_t number, const QString& text, int direction);
+
 class EventLogModel {
 public:
     EventLogModel();
@@ -187,6 +191,11 @@ public:
     // Told when an event opens a phase group: the phase's name and the event
     // (whose log line, if it has one, is already written).
     std::function<void(const QString& phase, const MsgInfo& event)> groupOpened;
+    // Told for every event of a batch once the model has taken it: the event
+    // (numbered) and the power phase it was classified into (1 to 5). A
+    // violation or a contract, which stand outside the phase groups, is told
+    // with the phase current when it came (before a violation resets it).
+    std::function<void(const MsgInfo& event, int phase)> eventAdded;
 
 private:
     void OpenStreams();
