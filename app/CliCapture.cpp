@@ -1,6 +1,7 @@
 #include "app/CliCapture.h"
 
 #include "app/CliReplay.h"
+#include "app/CliShow.h"
 #include "app/SessionPrinter.h"
 #include "capture/AcquisitionController.h"
 #include "capture/CommandProtocol.h"
@@ -53,8 +54,8 @@ void PrintStats(const EventLogModel& model, size_t heapAtStart, double seconds)
 }
 
 const char* kCaptureHelp =
-    "usage: coilscope-cli capture [--seconds N] [--json] [--stats] [--ask-reader list|both]\n"
-    "                             [--fsk-reader list|both]\n"
+    "usage: coilscope-cli capture [--seconds N] [--json] [--filter EXPR] [--stats]\n"
+    "                             [--ask-reader list|both] [--fsk-reader list|both]\n"
     "\n"
     "Finds the sniffer on the serial ports (/dev/ttyACM0 to 99, or the printf\n"
     "pattern in COILSCOPE_PORTS), starts streaming and prints the session's\n"
@@ -70,6 +71,11 @@ const char* kCaptureHelp =
     "stderr tells what the session holds in memory: the event tree's items,\n"
     "the capture records they keep for the wave view, and the heap in use;\n"
     "at the end, a last line gives the heap in use once the tree is cleared.\n"
+    "\n"
+    "--filter EXPR: print only the events the display filter matches (as\n"
+    "show --filter; the session files still get every event). A bad\n"
+    "expression is refused with the column and what was expected, status 2,\n"
+    "before the device is looked for.\n"
     "\n"
     "--ask-reader: as for replay (list: the list decoder alone; both: with the\n"
     "second reader; without it, as the settings say, both by default).\n"
@@ -108,6 +114,8 @@ int RunCapture(int argc, char** argv)
     double seconds = -1;
     bool json = false;
     bool stats = false;
+    bool filtered = false;
+    std::string filterText;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "--help" || a == "-h") {
@@ -116,6 +124,13 @@ int RunCapture(int argc, char** argv)
         }
         if (a == "--json") {
             json = true;
+        } else if (a == "--filter") {
+            if (i + 1 >= argc) {
+                std::fprintf(stderr, "coilscope-cli capture: --filter needs an expression\n");
+                return 2;
+            }
+            filterText = argv[++i];
+            filtered = true;
         } else if (a == "--stats") {
             stats = true;
         } else if (a == "--ask-reader" && i + 1 < argc) {
@@ -141,6 +156,9 @@ int RunCapture(int argc, char** argv)
             return 2;
         }
     }
+    analysis::Filter filter;
+    if (filtered && !CompileCliFilter("capture", filterText, filter))
+        return 2;
     std::signal(SIGINT, OnSignal);
     std::signal(SIGTERM, OnSignal);
     if (stats)
@@ -148,7 +166,7 @@ int RunCapture(int argc, char** argv)
 
     EventLogModel model;
     model.deviceGroup = [] { return DeviceGroupFromRecord(SettingParams::Instance().deviceRecord); };
-    SessionPrinter printer(model, std::cout, json);
+    SessionPrinter printer(model, std::cout, json, &filter);
     TerminalView view(model);
     AcquisitionController controller(view);
     controller.Connect();

@@ -1,5 +1,6 @@
 #include "app/CliReplay.h"
 
+#include "app/CliShow.h"
 #include "app/SessionPrinter.h"
 #include "events/EventLogModel.h"
 #include "events/SessionFile.h"
@@ -17,9 +18,9 @@
 namespace {
 
 const char* kReplayHelp =
-    "usage: coilscope-cli replay ASKFILE [FSKFILE] [--sid OUT] [--json] [--ask-reader list|both]\n"
-    "                            [--fsk-reader list|both]\n"
-    "       coilscope-cli replay SESSION.sid [--json]\n"
+    "usage: coilscope-cli replay ASKFILE [FSKFILE] [--sid OUT] [--json] [--filter EXPR]\n"
+    "                            [--ask-reader list|both] [--fsk-reader list|both]\n"
+    "       coilscope-cli replay SESSION.sid [--json] [--filter EXPR]\n"
     "\n"
     "Raw capture files (.2k.bin, .fsk.bin; a capture header is skipped, and so\n"
     "is a frame cut by the start of the file, told on stderr) go\n"
@@ -38,10 +39,15 @@ const char* kReplayHelp =
     "A session file (.sid) is played through the event log between a Start\n"
     "and a Stop marker, as opening it in the window does; the Start marker\n"
     "saves the replayed session anew in a session folder (told on stderr).\n"
+    "--filter EXPR prints only the events the display filter matches (as\n"
+    "show --filter; the session files still get every event). A bad\n"
+    "expression is refused with the column and what was expected, status 2,\n"
+    "before anything is played.\n"
     "\n"
     "examples:\n"
     "  coilscope-cli replay ask.2k.bin fsk.fsk.bin --sid again.sid\n"
-    "  coilscope-cli replay EventWindow_2026_11_22\\ 10_00_00.sid\n";
+    "  coilscope-cli replay EventWindow_2026_11_22\\ 10_00_00.sid\n"
+    "  coilscope-cli replay ask.2k.bin fsk.fsk.bin --filter 'type == \"ControlError\" && ce.value < 0'\n";
 
 bool ReadAll(const std::string& path, std::vector<uint8_t>& bytes)
 {
@@ -87,6 +93,8 @@ int RunReplay(int argc, char** argv)
     bool json = false;
     int askReader = -1;  // -1: as the settings say
     int fskReader = -1;
+    bool filtered = false;
+    std::string filterText;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "--help" || a == "-h") {
@@ -97,6 +105,14 @@ int RunReplay(int argc, char** argv)
             json = true;
         else if (a == "--sid" && i + 1 < argc)
             sidOut = argv[++i];
+        else if (a == "--filter") {
+            if (i + 1 >= argc) {
+                std::fprintf(stderr, "coilscope-cli replay: --filter needs an expression\n");
+                return 2;
+            }
+            filterText = argv[++i];
+            filtered = true;
+        }
         else if (a == "--ask-reader" && i + 1 < argc) {
             bool both = true;
             if (!ParseAskReader(argv[++i], both))
@@ -115,13 +131,16 @@ int RunReplay(int argc, char** argv)
         } else
             files.push_back(a);
     }
+    analysis::Filter filter;
+    if (filtered && !CompileCliFilter("replay", filterText, filter))
+        return 2;
     if (files.empty() || files.size() > 2) {
         std::fprintf(stderr, "coilscope-cli replay: give ASKFILE [FSKFILE] or one SESSION.sid (try --help)\n");
         return 2;
     }
 
     EventLogModel model;
-    SessionPrinter printer(model, std::cout, json);
+    SessionPrinter printer(model, std::cout, json, &filter);
 
     if (files.size() == 1 && EndsWith(files[0], ".sid")) {
         std::vector<MsgInfoPtr> events;

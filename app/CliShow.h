@@ -1,11 +1,20 @@
 #pragma once
 
+#include "analysis/Export.h"
+#include "analysis/Filter.h"
 #include "events/MsgInfo.h"
 
 #include <json/json.h>
 
-// coilscope-cli show FILE.sid [--json]
+#include <string>
+
+// coilscope-cli show FILE.sid [--json] [--filter EXPR] [--format csv|json|text]
 int RunShow(int argc, char** argv);
 
 // An event as one JSON object with its groups as nested objects.
-Json::Value EventJson(const MsgInfo& event);
+using analysis::EventJson;
+
+// Compiles the --filter of a command; a bad expression is told on stderr as
+// "coilscope-cli COMMAND: bad filter: column N: expected ..." with the filter
+// and a caret under the column, and false is returned.
+bool CompileCliFilter(const char* command, const std::string& text, analysis::Filter& filter);

@@ -1,11 +1,24 @@
 #include "app/SessionPrinter.h"
 
+#include "analysis/Export.h"
 #include "app/CliShow.h"
 
-SessionPrinter::SessionPrinter(EventLogModel& model, std::ostream& out, bool json)
-    : m_model(model), m_out(out), m_json(json)
+SessionPrinter::SessionPrinter(EventLogModel& model, std::ostream& out, bool json, const analysis::Filter* filter)
+    : m_model(model), m_out(out), m_json(json), m_filter(filter && !filter->IsEmpty() ? filter : nullptr)
 {
     m_builder["indentation"] = "";
+    if (m_filter) {
+        m_model.eventAdded = [this](const MsgInfo& e, int phase) {
+            if (m_filter->Matches(m_fields.Next(e, e.id, phase)))
+                m_matched.insert(&e);
+        };
+        if (!json) {
+            m_model.groupOpened = [this](const QString& phase, const MsgInfo&) {
+                m_pendingHeading = "-- " + phase.toStdString() + " --";
+            };
+        }
+        return;
+    }
     if (json)
         return;
     m_model.groupOpened = [this](const QString& phase, const MsgInfo& e) {
@@ -24,6 +37,28 @@ void SessionPrinter::Before()
 
 void SessionPrinter::After(const std::vector<MsgInfoPtr>& batch)
 {
+    if (m_filter) {
+        for (const auto& e : batch) {
+            if (!m_matched.count(e.get()))
+                continue;
+            m_shown += 1;
+            if (m_json) {
+                m_out << Json::writeString(m_builder, EventJson(*e)) << "\n";
+                continue;
+            }
+            const std::string line = analysis::EventLogText(*e, e->id);
+            if (line.empty())
+                continue;
+            if (!m_pendingHeading.empty()) {
+                m_out << m_pendingHeading << "\n";
+                m_pendingHeading.clear();
+            }
+            m_out << line << "\n";
+        }
+        m_matched.clear();
+        m_out.flush();
+        return;
+    }
     if (m_json) {
         for (const auto& e : batch)
             m_out << Json::writeString(m_builder, EventJson(*e)) << "\n";
