@@ -1,0 +1,133 @@
+// Not a Google benchmark: the display filter over an eight-hour session.
+// Ten minutes of the emulator's session are replayed through the decoders and
+// the event log model (for numbers and phases), then repeated, shifted in
+// number and time, up to 440 000 events, about what eight hours of a live
+// session hold. Printed: the time to gather the events' fields, the time of
+// each filter over the gathered fields and over the events themselves
+// (gathering included), and the cost per event against a live session's
+// rate. `make bench` prints them.
+#include "analysis/EventFields.h"
+#include "analysis/Filter.h"
+#include "events/EventLogModel.h"
+#include "events/StreamReplay.h"
+#include "services/SettingParams.h"
+#include "sim/StreamSynth.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+namespace {
+
+double Seconds(std::chrono::steady_clock::time_point since)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+}
+
+struct Placed {
+    MsgInfoPtr event;
+    int phase = 0;
+};
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const size_t target = argc > 1 ? static_cast<size_t>(std::atol(argv[1])) : 440000;
+    coilsim::SynthOptions o;
+    o.seed = 3;
+    o.noise = true;
+    coilsim::StreamSynth synth(coilsim::SessionScript::Default(3), o);
+    std::vector<uint8_t> ask, fsk, a, f;
+    const uint64_t sessionUs = 600ULL * 1000000ULL;
+    while (synth.StreamUs() < sessionUs) {
+        synth.NextFrames(a, f);
+        ask.insert(ask.end(), a.begin(), a.end());
+        fsk.insert(fsk.end(), f.begin(), f.end());
+    }
+    SettingParams band;
+    band.m_min_freq = 110000;
+    band.m_max_freq = 210000;
+    StreamReplay replay(ask.data(), ask.size(), fsk.data(), fsk.size(), &band);
+    EventLogModel model;
+    std::vector<Placed> session;
+    model.eventAdded = [&](const MsgInfo& e, int phase) { session.push_back(Placed{nullptr, phase}); (void)e; };
+    replay.Run([&](std::vector<MsgInfoPtr>& batch) {
+        const size_t first = session.size();
+        model.AddEvents(batch);
+        for (size_t k = 0; k < batch.size() && first + k < session.size(); ++k)
+            session[first + k].event = batch[k];
+    });
+    if (session.empty()) {
+        std::fprintf(stderr, "filter_rates: the replay gave no events\n");
+        return 1;
+    }
+    std::printf("ten minutes of the emulator's session: %zu events, repeated to %zu\n", session.size(), target);
+
+    // The long session: copies of the ten minutes, numbered on and shifted
+    // by ten minutes each time.
+    std::vector<MsgInfo> events;
+    std::vector<int> phases;
+    events.reserve(target);
+    phases.reserve(target);
+    for (size_t k = 0; events.size() < target; ++k) {
+        const Placed& p = session[k % session.size()];
+        MsgInfo e = *p.event;
+        e.capture.reset();
+        const uint64_t round = k / session.size();
+        e.id = static_cast<int32_t>(k + 1);
+        if (e.timing.startTime)
+            e.timing.startTime += round * sessionUs;
+        events.push_back(std::move(e));
+        phases.push_back(p.phase);
+    }
+
+    auto t0 = std::chrono::steady_clock::now();
+    std::vector<analysis::EventFields> fields;
+    fields.reserve(events.size());
+    analysis::EventFieldsBuilder builder;
+    for (size_t k = 0; k < events.size(); ++k)
+        fields.push_back(builder.Next(events[k], events[k].id, phases[k]));
+    const double gather = Seconds(t0);
+    std::printf("gathering the fields of %zu events: %.3f s (%.2f us an event)\n", events.size(), gather,
+                gather * 1e6 / static_cast<double>(events.size()));
+
+    const char* filters[] = {
+        "type == \"ControlError\" && ce.value < 0",
+        "phase == negotiation || status == error",
+        "text contains \"Mode 2\"",
+        "bytes contains 0x0300 || pattern == ack",
+        "!(dir == rx) && time > 3600000 && (pattern == ack || type == FSKCapability || config.wsize >= 8)",
+    };
+    double worst = 0.0;
+    for (const char* text : filters) {
+        analysis::Filter filter;
+        analysis::FilterError error;
+        if (!filter.Compile(text, error)) {
+            std::fprintf(stderr, "filter_rates: %s: %s\n", text, error.message.c_str());
+            return 1;
+        }
+        t0 = std::chrono::steady_clock::now();
+        size_t matched = 0;
+        for (const analysis::EventFields& ef : fields)
+            matched += filter.Matches(ef) ? 1 : 0;
+        const double over = Seconds(t0);
+        // From the events themselves: what a view that keeps no fields pays.
+        t0 = std::chrono::steady_clock::now();
+        size_t again = 0;
+        analysis::EventFieldsBuilder b;
+        for (size_t k = 0; k < events.size(); ++k)
+            again += filter.Matches(b.Next(events[k], events[k].id, phases[k])) ? 1 : 0;
+        const double whole = Seconds(t0);
+        worst = std::max(worst, whole);
+        std::printf("%-90s %7zu matched: %.3f s over the fields, %.3f s from the events%s\n", text, matched, over,
+                    whole, again == matched ? "" : " (COUNTS DIFFER)");
+    }
+    const double perEvent = worst / static_cast<double>(events.size());
+    std::printf("slowest filter from the events: %.3f s for %zu events (target < 1 s): %s\n", worst, events.size(),
+                worst < 1.0 ? "met" : "NOT MET");
+    std::printf("live: %.2f us an event; a live session brings about 15 events a second, %.5f %% of one core\n",
+                perEvent * 1e6, perEvent * 15.0 * 100.0);
+    return worst < 1.0 ? 0 : 1;
+}
