@@ -75,7 +75,7 @@ struct Token {
 };
 
 struct ParseFailure {
-    size_t pos;
+    size_t pos = 0;
     std::string expected;
     std::string message;
 };
@@ -124,9 +124,9 @@ bool NumberValue(const std::string& s, double& out)
     return end && *end == 0;
 }
 
-std::vector<Token> Lex(const std::string& s)
+// Cuts the text into tokens; false with the failure at the first bad one.
+bool Lex(const std::string& s, std::vector<Token>& out, ParseFailure& failure)
 {
-    std::vector<Token> out;
     size_t i = 0;
     while (true) {
         while (i < s.size() && std::isspace(static_cast<unsigned char>(s[i])))
@@ -136,7 +136,7 @@ std::vector<Token> Lex(const std::string& s)
         if (i >= s.size()) {
             t.kind = Token::End;
             out.push_back(t);
-            return out;
+            return true;
         }
         const char c = s[i];
         auto two = [&](const char* op) { return s.compare(i, 2, op) == 0; };
@@ -149,9 +149,15 @@ std::vector<Token> Lex(const std::string& s)
             t.text = s.substr(i, 2);
             i += 2;
         } else if (c == '&') {
-            throw Fail(i, "'&&'");
+            {
+                failure = Fail(i, "'&&'");
+                return false;
+            }
         } else if (c == '|') {
-            throw Fail(i, "'||'");
+            {
+                failure = Fail(i, "'||'");
+                return false;
+            }
         } else if (two("==") || two("!=") || two("<=") || two(">=")) {
             t.kind = Token::Compare;
             t.text = s.substr(i, 2);
@@ -163,7 +169,10 @@ std::vector<Token> Lex(const std::string& s)
             t.op = c == '<' ? Op::Lt : Op::Gt;
             ++i;
         } else if (c == '=') {
-            throw Fail(i, "'=='", ", not '='");
+            {
+                failure = Fail(i, "'=='", ", not '='");
+                return false;
+            }
         } else if (c == '!') {
             t.kind = Token::Not;
             t.text = "!";
@@ -178,7 +187,10 @@ std::vector<Token> Lex(const std::string& s)
                 ++j;
             }
             if (j >= s.size())
-                throw Fail(s.size(), "a closing '\"'", " for the string at column " + std::to_string(i + 1));
+                {
+                failure = Fail(s.size(), "a closing '\"'", " for the string at column " + std::to_string(i + 1));
+                return false;
+            }
             t.kind = Token::String;
             t.text = s.substr(i, j + 1 - i);
             t.value = v;
@@ -192,7 +204,10 @@ std::vector<Token> Lex(const std::string& s)
             t.text = s.substr(i, j - i);
             double v;
             if (!NumberValue(t.text, v))
-                throw Fail(i, "a number", ", not '" + t.text + "'");
+                {
+                failure = Fail(i, "a number", ", not '" + t.text + "'");
+                return false;
+            }
             i = j;
         } else if (IsWordStart(c)) {
             size_t j = i + 1;
@@ -213,7 +228,10 @@ std::vector<Token> Lex(const std::string& s)
                 t.kind = Token::Word;
             i = j;
         } else {
-            throw Fail(i, "a field name, a value or an operator", ", not '" + std::string(1, c) + "'");
+            {
+                failure = Fail(i, "a field name, a value or an operator", ", not '" + std::string(1, c) + "'");
+                return false;
+            }
         }
         out.push_back(t);
     }
@@ -235,33 +253,52 @@ const char* OpText(Op op)
 
 class Parser {
 public:
-    explicit Parser(const std::string& text) : m_tokens(Lex(text)) {}
+    explicit Parser(std::vector<Token> tokens) : m_tokens(std::move(tokens)) {}
 
+    // The tree, or null: for the empty filter, or when Failure() says why.
     std::shared_ptr<const FilterNode> Parse()
     {
         if (Peek().kind == Token::End)
             return nullptr;
         auto root = Expr();
-        if (Peek().kind != Token::End)
-            throw Fail(Peek().pos, "'&&', '||' or the end of the filter", After());
+        if (root && Peek().kind != Token::End)
+            return Refuse(Fail(Peek().pos, "'&&', '||' or the end of the filter", After()));
         return root;
     }
+    bool Failed() const { return m_failed; }
+    const ParseFailure& Failure() const { return m_failure; }
 
 private:
     const Token& Peek() const { return m_tokens[m_at]; }
     const Token& Take() { return m_tokens[m_at++]; }
     // " after 'x'" for the token before the current one.
     std::string After() const { return m_at > 0 ? " after '" + m_tokens[m_at - 1].text + "'" : std::string(); }
+    // Keeps the first failure; null for the caller to hand up.
+    std::nullptr_t Refuse(const ParseFailure& f)
+    {
+        if (!m_failed) {
+            m_failed = true;
+            m_failure = f;
+        }
+        return nullptr;
+    }
+    bool Rejected(const ParseFailure& f)
+    {
+        Refuse(f);
+        return false;
+    }
 
     std::shared_ptr<const FilterNode> Expr()
     {
         auto left = AndExpr();
-        while (Peek().kind == Token::Or) {
+        while (left && Peek().kind == Token::Or) {
             Take();
             auto n = std::make_shared<FilterNode>();
             n->kind = FilterNode::Or;
             n->a = left;
             n->b = AndExpr();
+            if (!n->b)
+                return nullptr;
             left = n;
         }
         return left;
@@ -270,12 +307,14 @@ private:
     std::shared_ptr<const FilterNode> AndExpr()
     {
         auto left = Unary();
-        while (Peek().kind == Token::And) {
+        while (left && Peek().kind == Token::And) {
             Take();
             auto n = std::make_shared<FilterNode>();
             n->kind = FilterNode::And;
             n->a = left;
             n->b = Unary();
+            if (!n->b)
+                return nullptr;
             left = n;
         }
         return left;
@@ -289,13 +328,17 @@ private:
             auto n = std::make_shared<FilterNode>();
             n->kind = FilterNode::Not;
             n->a = Unary();
+            if (!n->a)
+                return nullptr;
             return n;
         }
         if (t.kind == Token::LParen) {
             Take();
             auto inner = Expr();
+            if (!inner)
+                return nullptr;
             if (Peek().kind != Token::RParen)
-                throw Fail(Peek().pos, "')'", After());
+                return Refuse(Fail(Peek().pos, "')'", After()));
             Take();
             return inner;
         }
@@ -308,7 +351,7 @@ private:
         if (t.kind != Token::Word) {
             const std::string what = t.kind == Token::End ? std::string() : ", not '" + t.text + "'";
             m_at -= 1;
-            throw Fail(t.pos, "a field name", m_at > 0 ? After() : what);
+            return Refuse(Fail(t.pos, "a field name", m_at > 0 ? After() : what));
         }
         auto n = std::make_shared<FilterNode>();
         const std::string name = Lower(t.text);
@@ -328,10 +371,10 @@ private:
             }
         }
         if (!known)
-            throw Fail(t.pos, "a field name", ", not '" + t.text + "'");
+            return Refuse(Fail(t.pos, "a field name", ", not '" + t.text + "'"));
         const Token& next = Peek();
         if (next.kind == Token::Word || next.kind == Token::Number || next.kind == Token::String)
-            throw Fail(next.pos, "an operator (==, !=, <, <=, >, >=, contains)", " after '" + t.text + "'");
+            return Refuse(Fail(next.pos, "an operator (==, !=, <, <=, >, >=, contains)", " after '" + t.text + "'"));
         if (next.kind != Token::Compare) {
             n->kind = FilterNode::Present;
             return n;
@@ -341,15 +384,16 @@ private:
         n->op = opToken.op;
         const Token& v = Peek();
         if (v.kind != Token::Word && v.kind != Token::Number && v.kind != Token::String)
-            throw Fail(v.pos, "a value", " after '" + opToken.text + "'");
+            return Refuse(Fail(v.pos, "a value", " after '" + opToken.text + "'"));
         Take();
-        Bind(*n, t, opToken, v);
+        if (!Bind(*n, t, opToken, v))
+            return nullptr;
         return n;
     }
 
     // Checks the operator and the value against the field and keeps the value
     // in the form the field compares.
-    void Bind(FilterNode& n, const Token& field, const Token& opToken, const Token& v)
+    bool Bind(FilterNode& n, const Token& field, const Token& opToken, const Token& v)
     {
         const std::string raw = v.kind == Token::String ? v.value : v.text;
         const std::string word = Lower(raw);
@@ -358,105 +402,102 @@ private:
         const Op op = n.op;
         const bool equality = op == Op::Eq || op == Op::Ne;
         auto needOps = [&](const char* ops) {
-            throw Fail(opToken.pos, ops, " after '" + field.text + "', not '" + opToken.text + "'");
+            return Rejected(Fail(opToken.pos, ops, " after '" + field.text + "', not '" + opToken.text + "'"));
         };
         auto needNumber = [&]() {
             n.numeric = true;
             if (op == Op::Contains)
-                needOps("'==', '!=', '<', '<=', '>' or '>='");
+                return needOps("'==', '!=', '<', '<=', '>' or '>='");
             if (!isNum)
-                throw Fail(v.pos, "a number", " after '" + std::string(OpText(op)) + "', not '" + raw + "'");
+                return Rejected(Fail(v.pos, "a number", " after '" + std::string(OpText(op)) + "', not '" + raw + "'"));
             n.number = num;
+            return true;
         };
         switch (n.field) {
         case Field::Number:
         case Field::Time:
-            needNumber();
-            return;
+            return needNumber();
         case Field::Decoded:
             if (n.decodedText) {
                 n.text = raw;
-                return;
+                return true;
             }
-            needNumber();
-            return;
+            return needNumber();
         case Field::Dir:
             if (!equality)
-                needOps("'==' or '!='");
+                return needOps("'==' or '!='");
             if (word == "rx" || word == "tx" || word == "none") {
                 n.number = word == "rx" ? kDirRx : word == "tx" ? kDirTx : kDirNone;
-                return;
+                return true;
             }
-            throw Fail(v.pos, "rx, tx or none", ", not '" + raw + "'");
+            return Rejected(Fail(v.pos, "rx, tx or none", ", not '" + raw + "'"));
         case Field::Phase:
             if (op == Op::Contains)
-                needOps("'==', '!=', '<', '<=', '>' or '>='");
+                return needOps("'==', '!=', '<', '<=', '>' or '>='");
             for (int p = 1; p <= 5; ++p) {
                 if (word == PhaseWord(p)) {
                     n.number = p;
-                    return;
+                    return true;
                 }
             }
             if (word == "none") {
                 n.number = 0;
-                return;
+                return true;
             }
             if (isNum && num >= 0 && num <= 5 && num == std::floor(num)) {
                 n.number = num;
-                return;
+                return true;
             }
-            throw Fail(v.pos, "ping, config, negotiation, calibration, power or none", ", not '" + raw + "'");
+            return Rejected(Fail(v.pos, "ping, config, negotiation, calibration, power or none", ", not '" + raw + "'"));
         case Field::Type:
             if (v.kind == Token::Number) {
-                needNumber();
-                return;
+                return needNumber();
             }
             if (!equality && op != Op::Contains)
-                needOps("'==', '!=' or 'contains' before a type name");
+                return needOps("'==', '!=' or 'contains' before a type name");
             n.text = NormalName(raw);
             if (n.text.empty())
-                throw Fail(v.pos, "a type name or number");
-            return;
+                return Rejected(Fail(v.pos, "a type name or number"));
+            return true;
         case Field::Status:
             if (!equality)
-                needOps("'==' or '!='");
+                return needOps("'==' or '!='");
             if (word == "ok" || word == "error") {
                 n.number = word == "error" ? 1 : 0;
-                return;
+                return true;
             }
-            throw Fail(v.pos, "ok or error", ", not '" + raw + "'");
+            return Rejected(Fail(v.pos, "ok or error", ", not '" + raw + "'"));
         case Field::Reading:
             if (!equality)
-                needOps("'==' or '!='");
+                return needOps("'==' or '!='");
             if (word == "recovered" || word == "corrected") {
                 n.text = word;
-                return;
+                return true;
             }
-            throw Fail(v.pos, "recovered or corrected", ", not '" + raw + "'");
+            return Rejected(Fail(v.pos, "recovered or corrected", ", not '" + raw + "'"));
         case Field::Pattern:
             if (v.kind == Token::Number) {
-                needNumber();
-                return;
+                return needNumber();
             }
             if (!equality)
-                needOps("'==' or '!=' before a pattern name");
+                return needOps("'==' or '!=' before a pattern name");
             for (int b = 0; b < 256; ++b) {
                 std::string name = Lower(PatternName(static_cast<uint8_t>(b)));
                 if (!name.empty() && name.back() != ' ' && name == word) {
                     n.numeric = true;
                     n.number = b;
-                    return;
+                    return true;
                 }
             }
-            throw Fail(v.pos, "ack, nak, nd, mpp, atn, app or a byte", ", not '" + raw + "'");
+            return Rejected(Fail(v.pos, "ack, nak, nd, mpp, atn, app or a byte", ", not '" + raw + "'"));
         case Field::Text:
             if (!equality && op != Op::Contains)
-                needOps("'==', '!=' or 'contains'");
+                return needOps("'==', '!=' or 'contains'");
             n.text = raw;
-            return;
+            return true;
         case Field::Bytes: {
             if (!equality && op != Op::Contains)
-                needOps("'==', '!=' or 'contains'");
+                return needOps("'==', '!=' or 'contains'");
             std::string digits;
             bool ok = true;
             if (v.kind == Token::Number) {
@@ -489,7 +530,7 @@ private:
                             inGroup = false;
                     }
                     if (ok && groups == n.bytes.size() && !n.bytes.empty())
-                        return;
+                        return true;
                     ok = false;
                 }
             }
@@ -497,15 +538,18 @@ private:
                 if (digits.size() % 2)
                     digits.insert(digits.begin(), '0');
                 n.bytes = ParseSpacedHex(digits);
-                return;
+                return true;
             }
-            throw Fail(v.pos, "hexadecimal bytes (\"03 FF\", \"03:ff\", \"03ff\" or 0x03ff)", ", not '" + raw + "'");
+            return Rejected(Fail(v.pos, "hexadecimal bytes (\"03 FF\", \"03:ff\", \"03ff\" or 0x03ff)", ", not '" + raw + "'"));
         }
         }
+        return false;
     }
 
     std::vector<Token> m_tokens;
     size_t m_at = 0;
+    bool m_failed = false;
+    ParseFailure m_failure;
 };
 
 bool CompareNumbers(double a, Op op, double b)
@@ -625,19 +669,27 @@ Filter& Filter::operator=(const Filter&) = default;
 
 bool Filter::Compile(const std::string& text, FilterError& error)
 {
-    try {
-        Parser parser(text);
-        auto root = parser.Parse();
-        m_root = root;
-        m_text = text;
-        error = FilterError();
-        return true;
-    } catch (const ParseFailure& f) {
-        error.position = f.pos;
-        error.expected = f.expected;
-        error.message = f.message;
+    std::vector<Token> tokens;
+    ParseFailure failure;
+    std::shared_ptr<const FilterNode> root;
+    bool ok = Lex(text, tokens, failure);
+    if (ok) {
+        Parser parser(std::move(tokens));
+        root = parser.Parse();
+        ok = !parser.Failed();
+        if (!ok)
+            failure = parser.Failure();
+    }
+    if (!ok) {
+        error.position = failure.pos;
+        error.expected = failure.expected;
+        error.message = failure.message;
         return false;
     }
+    m_root = root;
+    m_text = text;
+    error = FilterError();
+    return true;
 }
 
 bool Filter::Parse(const std::string& text, Filter& out, FilterError& error)
