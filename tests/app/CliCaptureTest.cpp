@@ -375,6 +375,42 @@ TEST(CliCapture, JsonGivesOneObjectPerEvent)
     EXPECT_GT(events, 5);
 }
 
+TEST(CliCapture, FilterShowsOnlyTheMatchedEvents)
+{
+    const std::string dir = Folder("capture-filter");
+    Sim sim(dir);
+    ASSERT_TRUE(sim.ok);
+    // The session begins with digital pings: the first two are left out.
+    const std::string out = dir + "/out.txt";
+    Background capture(sim.Env() + "exec " + Cli() + "capture --json --filter 'type == DigitalPing && number > 2' >" +
+                       Quote(out) + " 2>/dev/null");
+    ASSERT_TRUE(capture.ok);
+    EXPECT_TRUE(WaitUntil(capture, [&] { return WholeLines(ReadFile(out)) >= 3 + 3; }));
+    capture.Signal(SIGTERM);
+    ASSERT_EQ(capture.Wait(), 0);
+    const std::vector<std::string> lines = Lines(ReadFile(out));
+    ASSERT_GT(lines.size(), 3u);
+    EXPECT_EQ(lines[2].rfind("session saved in ", 0), 0u);
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    int next = 3;
+    for (size_t k = 3; k < lines.size(); ++k) {
+        Json::Value v;
+        std::string error;
+        ASSERT_TRUE(reader->parse(lines[k].data(), lines[k].data() + lines[k].size(), &v, &error)) << lines[k];
+        EXPECT_EQ(v["type"].asInt(), 253) << lines[k];
+        // The Start marker takes number 1: the pings are 2, 3, ...
+        EXPECT_EQ(v["id"].asInt(), next) << lines[k];
+        next += 1;
+    }
+    EXPECT_GE(next, 6);
+
+    // A bad filter is refused before the device is looked for.
+    const Result bad = Shell(sim.Env() + Cli() + "capture --filter 'number >' 2>&1");
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.out.find("column 9: expected a value after '>'"), std::string::npos) << bad.out;
+}
+
 TEST(CliCapture, SigtermStopsDisconnectsAndExitsZero)
 {
     const std::string dir = Folder("capture-sigterm");
