@@ -203,8 +203,10 @@ const char* PolarityName(int64_t v)
 
 const char* DepthName(int64_t v)
 {
-    // As the configuration's text tells it (row: Neg, column: the selector).
-    return v ? "FSK = 78ns" : "FSK = 46.75ns";
+    // As the configuration's contract text tells it: Neg (bit 7) picks the
+    // sign, the selector (bit 6, which is the polarity bit too) the depth.
+    static const char* names[] = {"FSK = 46.75ns", "FSK = 78ns", "FSK = -46.75ns", "FSK = -78ns"};
+    return v >= 0 && v <= 3 ? names[v] : "";
 }
 
 const char* PowerClassName(int64_t v)
@@ -395,7 +397,7 @@ void Layout(const FrameView& f, std::vector<Desc>& d)
         d.push_back(Mul(F("Window offset", 4, 2, 3, Kind::Unsigned, "ms", "config.woff"), 4));
         d.push_back(F("Neg", 5, 7, 1, Kind::Bool, "", "config.neg"));
         d.push_back(Named("Polarity", 5, 6, 1, PolarityName));
-        d.push_back(Named("Depth", 5, 6, 1, DepthName));
+        d.push_back(Named("Depth", 5, 7, 2, DepthName));
         return;
     case 0x54:
     case 0x55: d.push_back(F("Wireless power ID bytes", 1, 7, 32, Kind::Hex)); return;
@@ -553,6 +555,17 @@ std::vector<DissectedField> DissectFrame(const FrameView& frame)
 
 std::vector<DissectedField> Dissect(const MsgInfo& event)
 {
+    if (event.type == kTypeDigitalPing) {
+        // No bytes: what the ping's record measured.
+        std::vector<DissectedField> out(2);
+        out[0].name = "Duration";
+        out[0].value = Num(static_cast<double>(event.timing.bitTimesUs) / 1000.0);
+        out[0].unit = "ms";
+        out[1].name = "Carrier frequency";
+        out[1].value = std::to_string(event.timing.carrierCurrentHz);
+        out[1].unit = "Hz";
+        return out;
+    }
     FrameView f;
     f.direction = InferDirection(event);
     f.type = event.type;

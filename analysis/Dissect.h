@@ -54,7 +54,8 @@ std::vector<DissectedField> DissectFrame(const FrameView& frame);
 
 // The same for an event: its bytes (packet.PacketData), its type and its
 // direction (inferred for a record read back from a session file, see
-// EventFields.h).
+// EventFields.h). A digital ping, which has no bytes, gives its duration and
+// carrier frequency.
 std::vector<DissectedField> Dissect(const MsgInfo& event);
 
 // The deepest field that takes frame byte `index` (for the bytes pane:

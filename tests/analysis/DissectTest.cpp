@@ -63,6 +63,8 @@ TEST(Dissect, ConfigurationFieldsWithTheirBits)
     EXPECT_EQ(ValueOf(f, "Window offset"), "8");
     EXPECT_EQ(ValueOf(f, "Neg"), "True");
     EXPECT_EQ(ValueOf(f, "Polarity"), "Negative (1)");
+    EXPECT_EQ(ValueOf(f, "Depth"), "FSK = -78ns (3)");
+    EXPECT_EQ(Named(f, "Depth")->BitsText(), "byte 5, bits 7-6");
     EXPECT_EQ(ValueOf(f, "Checksum").rfind("0x", 0), 0u);
     EXPECT_NE(ValueOf(f, "Checksum").find("(correct)"), std::string::npos);
 
@@ -83,6 +85,7 @@ TEST(Dissect, ConfigurationFieldsWithTheirBits)
     EXPECT_EQ(ValueOf(g, "Window offset"), "28");
     EXPECT_EQ(ValueOf(g, "Maximum power"), "31");
     EXPECT_EQ(ValueOf(g, "Polarity"), "Positive (0)");
+    EXPECT_EQ(ValueOf(g, "Depth"), "FSK = 46.75ns (0)");
 }
 
 TEST(Dissect, IdentificationVersionManufacturerExtendedBitDevice)
@@ -248,7 +251,16 @@ TEST(Dissect, PatternsPingsAndRecordsWithoutBytes)
     EXPECT_EQ(f[0].filterName, "pattern");
     MsgInfo ping;
     ping.type = kTypeDigitalPing;
-    EXPECT_TRUE(Dissect(ping).empty());
+    ping.timing.bitTimesUs = 64000;
+    ping.timing.carrierCurrentHz = 128000;
+    f = Dissect(ping);
+    ASSERT_EQ(f.size(), 2u);
+    EXPECT_EQ(f[0].name + " " + f[0].value + " " + f[0].unit, "Duration 64 ms");
+    EXPECT_EQ(f[1].name + " " + f[1].value + " " + f[1].unit, "Carrier frequency 128000 Hz");
+    EXPECT_EQ(f[0].byteOffset, -1);
+    MsgInfo contract;
+    contract.type = kTypeContract;
+    EXPECT_TRUE(Dissect(contract).empty());
 }
 
 TEST(Dissect, SelectingAByteFindsTheNarrowestField)
