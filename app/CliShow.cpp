@@ -125,13 +125,16 @@ int RunShow(int argc, char** argv)
         writer.Begin();
     for (size_t k = 0; k < events.size(); ++k) {
         const MsgInfo& e = *events[k];
-        const analysis::EventFields fields = builder.Next(e, e.id, phases[k]);
-        if (!filter.Matches(fields))
-            continue;
-        if (formatted)
-            writer.Write(e, fields);
-        else
-            std::cout << e.id << "\t" << e.common.typeString << "\t" << e.str.toStdString() << "\n";
+        if (filtered || formatted) {
+            const analysis::EventFields fields = builder.Next(e, e.id, phases[k]);
+            if (!filter.Matches(fields))
+                continue;
+            if (formatted) {
+                writer.Write(e, fields);
+                continue;
+            }
+        }
+        std::cout << e.id << "\t" << e.common.typeString << "\t" << e.str.toStdString() << "\n";
     }
     return 0;
 }
