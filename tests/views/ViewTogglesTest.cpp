@@ -39,6 +39,9 @@ protected:
         AppSettings::ReloadForTest();
         SettingParams& s = SettingParams::Instance();
         s.savePath = dir.path().toStdString() + "/sessions";
+        // The events the tests put in the tree are saved in this folder, not
+        // in the working folder that other tests look at.
+        s.eventPath = s.logPath = dir.path().toStdString() + "/";
         s.m_window_time = 15;
         SetUserMessageRecorder([this](const UserMessage& m) { messages.push_back(m); });
     }
