@@ -16,6 +16,9 @@ std::FILE* OpenCaptureFile(const std::string& capturePath, const char* suffix, b
     std::FILE* file = std::fopen(name.c_str(), "wb");
     if (!file)
         return nullptr;
+    // Each chunk is flushed as it is written; without a stdio buffer it goes
+    // out in one write, not cut where a buffer would fill.
+    std::setvbuf(file, nullptr, _IONBF, 0);
     if (withHeader) {
         unsigned char header[kCaptureHeaderBytes] = {};
         std::memcpy(header, "kestro", 6);

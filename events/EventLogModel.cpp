@@ -8,6 +8,7 @@
 #include <QDir>
 
 #include <chrono>
+#include <cstring>
 #include <unordered_set>
 #include <ctime>
 
@@ -153,11 +154,20 @@ void EventLogModel::CloseStreams()
 {
     // The record file stays readable for the items that point into it.
     m_records.reset();
+    PushLogLines();
     if (m_sid)
         std::fclose(m_sid);
     if (m_log)
         std::fclose(m_log);
     m_sid = m_log = nullptr;
+    m_logPending.clear();
+}
+
+void EventLogModel::PushLogLines()
+{
+    if (m_log && !m_logPending.empty())
+        std::fwrite(m_logPending.data(), 1, m_logPending.size(), m_log);
+    m_logPending.clear();
 }
 
 void EventLogModel::OpenStreams()
@@ -170,6 +180,14 @@ void EventLogModel::OpenStreams()
     // A stream that does not open stays null: nothing is written, nothing said.
     m_sid = std::fopen(m_sidPath.c_str(), "wb");
     m_log = std::fopen(m_logPath.c_str(), "wb");
+    // No stdio buffer: a .sid record and a batch of .log lines each go to the
+    // file in one write, so that a process that dies leaves whole records
+    // and whole lines (a buffer of its own would write out whenever it is
+    // full, in the middle of a line).
+    if (m_sid)
+        std::setvbuf(m_sid, nullptr, _IONBF, 0);
+    if (m_log)
+        std::setvbuf(m_log, nullptr, _IONBF, 0);
     // The capture records go beside the .sid, numbered by their place in it.
     m_recordNumber = 0;
     m_sidBytes = 0;
@@ -382,7 +400,11 @@ void EventLogModel::LogLine(int32_t number, const QString& text, int direction)
     if (m_log) {
         const QByteArray utf8 = line.toUtf8();
         const char* kind = direction == 1 ? " FSK " : direction == 2 ? " ASK " : "";
-        std::fprintf(m_log, "%s%s%s\r\n", TimeOfDay().c_str(), kind, utf8.constData());
+        // Whole lines wait for the end of the batch (PushLogLines).
+        m_logPending += TimeOfDay();
+        m_logPending += kind;
+        m_logPending.append(utf8.constData(), std::strlen(utf8.constData()));
+        m_logPending += "\r\n";
     }
 }
 
@@ -728,6 +750,8 @@ void EventLogModel::AddEvents(const std::vector<MsgInfoPtr>& events)
     while (m_logLines.size() > m_lineLimit)
         m_logLines.removeFirst();
     RetitleRoot();
+    // The batch's lines reach the file at its end: a refresh behind at most.
+    PushLogLines();
 }
 
 void EventLogModel::Marker(StandardItemMode mode, bool start)
@@ -751,6 +775,7 @@ void EventLogModel::Marker(StandardItemMode mode, bool start)
     item->info->str = Q(text);
     m_root->appendRow(item);
     LogLine(m_nextNumber, Q(text), 0);
+    PushLogLines();
     m_nextNumber += 1;
     CloseGroups();
 }

@@ -132,7 +132,7 @@ public:
     // The name a phase group is titled with once it has events ("Proprietary"
     // outside 1 to 5).
     static QString PhaseName(int phase);
-    // Closes the autosave streams (and flushes the .log).
+    // Closes the autosave streams (the .log's last lines written first).
     void CloseStreams();
 
     // What the tree holds: its items and the capture records (samples and
@@ -200,6 +200,9 @@ public:
 private:
     void OpenStreams();
     void LogLine(int32_t number, const QString& text, int direction);
+    // Writes the .log lines made since the last push, whole, in one write.
+    // At the end of every batch and marker and before the streams close.
+    void PushLogLines();
     void ViolationItem(const MsgInfo& event);
     void ContractItem(const MsgInfo& event);
     void PhaseStep(const MsgInfo& event);
@@ -241,6 +244,7 @@ private:
     std::FILE* m_log = nullptr;
     std::string m_sidPath;
     std::string m_logPath;
+    std::string m_logPending;  // whole .log lines not yet written
     int32_t m_nextNumber = 1;
     int64_t m_linesWritten = 0;
     int32_t m_lineLimit = 0;

@@ -111,11 +111,13 @@ size_t WriteSessionRecord(std::FILE* stream, const MsgInfo& event)
 {
     if (!stream)
         return 0;
-    const std::string text = event.ToJson();
-    const size_t written = std::fwrite(text.data(), 1, text.size(), stream);
-    const bool ended = std::fputc(0, stream) != EOF;
+    // The record and its 0 in one piece: on an unbuffered stream that is one
+    // write, so the file never ends inside a record that was written whole.
+    std::string record = event.ToJson();
+    record.push_back('\0');
+    const size_t written = std::fwrite(record.data(), 1, record.size(), stream);
     const bool flushed = std::fflush(stream) == 0;
-    return written == text.size() && ended && flushed ? text.size() + 1 : 0;
+    return written == record.size() && flushed ? record.size() : 0;
 }
 
 MsgInfoPtr ReadSessionRecordAt(const std::string& path, uint64_t offset)

@@ -105,8 +105,12 @@ void PercentMonitor::Update(int64_t elapsedMs, int maxPowerW, double powerW, dou
         const int n = std::snprintf(m_line, sizeof m_line, "%.03f %lld %.02f%% %.2fW\r\n",
                                     static_cast<double>(elapsedMs) / 1000.0, static_cast<long long>(raw), percent,
                                     powerW);
-        if (n > 0)
+        // Flushed line by line: the file gains its line each second, seen
+        // from outside too, and a process that dies leaves whole lines.
+        if (n > 0) {
             std::fwrite(m_line, 1, std::min(static_cast<size_t>(n), sizeof m_line - 1), m_log);
+            std::fflush(m_log);
+        }
     }
     m_queue.append(MonitorPoint(static_cast<double>(elapsedMs / 1000), powerW));
     if (m_chart->isVisible()) {

@@ -61,6 +61,23 @@ TEST(CaptureFile, HeaderHasTheMagicAndTheTimeIn40Bytes)
     EXPECT_EQ(bytes[39], 0);
 }
 
+// A chunk is in the file whole as soon as it is written, however long, not
+// cut where a stdio buffer would fill: the stream has no buffer.
+TEST(CaptureFile, ChunkReachesTheFileWholeWhenWritten)
+{
+    QTemporaryDir dir;
+    std::FILE* f = OpenCaptureFile(dir.path().toStdString() + "/", ".fsk.bin", false);
+    ASSERT_TRUE(f);
+    std::vector<uint8_t> chunk(10000);
+    for (size_t i = 0; i < chunk.size(); ++i)
+        chunk[i] = static_cast<uint8_t>(i * 7);
+    ASSERT_EQ(std::fwrite(chunk.data(), 1, chunk.size(), f), chunk.size());
+    const auto files = FilesIn(dir.path());
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(ReadFile(files[0]), chunk);
+    std::fclose(f);
+}
+
 TEST(CaptureFile, Firmware900WritesNoHeaderAnd901WritesOne)
 {
     // The caller passes the header flag that discovery sets for a firmware

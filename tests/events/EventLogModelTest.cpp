@@ -11,7 +11,9 @@
 #include <QDir>
 #include <QTemporaryDir>
 
+#include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <unistd.h>
 
 namespace {
@@ -259,6 +261,53 @@ TEST_F(EventLogModelTest, AutosaveWritesRecordsBeforeNumberingAndLogLines)
     // it is in the log list but not in the new .log.
     EXPECT_EQ(log.find("Start Acquisition"), std::string::npos) << log;
     EXPECT_TRUE(m.LogLines()[0].startsWith("   [1] Start Acquisition: Acquisition started at "));
+}
+
+// The .log as another process sees it while the session is open: after each
+// batch every line is in the file and the file ends at a line's end, also
+// when a batch's lines are far longer than a stdio buffer; after Stop (the
+// files stay open until the next Start) the Stop marker's line is there too.
+TEST_F(EventLogModelTest, LogFileHoldsEveryWholeLineAfterEachBatchAndAtStop)
+{
+    auto read = [](const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    };
+    auto lines = [](const std::string& text) { return static_cast<int>(std::count(text.begin(), text.end(), '\n')); };
+    EventLogModel m;
+    m.StartAcquisition();
+    m.AddEvents({Event(3, 2, "ControlError 1.0% @0HZ"), Event(0x30, 1, "Power Transmitter Identification: v1.3")});
+    std::string log = read(m.LogPath());
+    ASSERT_EQ(lines(log), 2) << log;
+    EXPECT_NE(log.find(" ASK Rx [2] ControlError 1.0% @0HZ\r\n"), std::string::npos) << log;
+    EXPECT_EQ(log.substr(log.size() - 2), "\r\n");
+
+    std::vector<MsgInfoPtr> batch;
+    const std::string padding(120, 'p');
+    for (int i = 0; i < 100; ++i)
+        batch.push_back(Event(3, 2, ("ControlError " + std::to_string(i) + " " + padding).c_str()));
+    m.AddEvents(batch);
+    log = read(m.LogPath());
+    ASSERT_GT(log.size(), 3u * 4096);
+    EXPECT_EQ(lines(log), 102);
+    EXPECT_EQ(log.substr(log.size() - 2), "\r\n");
+    EXPECT_NE(log.find("Rx [103] ControlError 99 " + padding + "\r\n"), std::string::npos);
+
+    m.AddEvents({});
+    EXPECT_EQ(read(m.LogPath()), log);
+    m.StopAcquisition();
+    log = read(m.LogPath());
+    EXPECT_EQ(lines(log), 103);
+    const size_t stop = log.rfind("   [104] Stop Acquisition: Acquisition stoped at ");
+    ASSERT_NE(stop, std::string::npos) << log.substr(log.size() - 200);
+    EXPECT_EQ(log.find("\r\n", stop), log.size() - 2);
+    // The .sid, likewise, holds every record whole.
+    std::vector<MsgInfoPtr> saved;
+    ASSERT_TRUE(ReadSessionFile(m.SidPath(), saved));
+    EXPECT_EQ(saved.size(), 102u);
+    const std::string sid = read(m.SidPath());
+    ASSERT_FALSE(sid.empty());
+    EXPECT_EQ(sid.back(), '\0');
 }
 
 TEST_F(EventLogModelTest, StopMarkerKeepsPhaseAndClearAllEmptiesTheModel)

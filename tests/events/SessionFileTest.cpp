@@ -4,7 +4,12 @@
 
 #include <QTemporaryDir>
 
+#include <cstdio>
 #include <fstream>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
 
 namespace {
 
@@ -211,4 +216,42 @@ TEST(OpenSessionFile, LaterDamagedRecordsReadAsTheWholeFileReads)
         EXPECT_EQ(opened[i]->ToJson(), read[i]->ToJson()) << i;
     EXPECT_EQ(opened[0]->type, 6);
     EXPECT_EQ(opened[3]->type, 0);
+
+namespace {
+
+// The writes a stream hands to its file, each as it came.
+struct WriteLog {
+    std::vector<std::string> writes;
+};
+
+ssize_t LogWrite(void* cookie, const char* bytes, size_t n)
+{
+    static_cast<WriteLog*>(cookie)->writes.emplace_back(bytes, n);
+    return static_cast<ssize_t>(n);
+}
+
+}  // namespace
+
+// A process killed between two writes of one record would leave the .sid
+// ending inside it: on an unbuffered stream a record, far longer than a
+// stdio buffer, and its 0 byte go out in a single write.
+TEST(SessionFile, RecordAndItsZeroGoOutInOneWrite)
+{
+    WriteLog log;
+    cookie_io_functions_t io{};
+    io.write = LogWrite;
+    std::FILE* f = fopencookie(&log, "wb", io);
+    ASSERT_TRUE(f);
+    std::setvbuf(f, nullptr, _IONBF, 0);
+    MsgInfo m;
+    m.common.logData = std::string(20000, 'x');
+    const std::string text = m.ToJson();
+    EXPECT_EQ(WriteSessionRecord(f, m), text.size() + 1);
+    m.common.logData = "short";
+    const std::string second = m.ToJson();
+    EXPECT_EQ(WriteSessionRecord(f, m), second.size() + 1);
+    std::fclose(f);
+    ASSERT_EQ(log.writes.size(), 2u);
+    EXPECT_EQ(log.writes[0], text + std::string(1, '\0'));
+    EXPECT_EQ(log.writes[1], second + std::string(1, '\0'));
 }

@@ -139,6 +139,21 @@ TEST_F(PercentMonitorTest, OneLineASecond)
     EXPECT_EQ(Read(second), "1.000 20 10.00% 1.00W\r\n2.000 40 20.00% 2.00W\r\n");
 }
 
+// Seen from outside, with the file still open: each line is in it whole as
+// soon as it is logged.
+TEST_F(PercentMonitorTest, EachLineIsInTheFileWhileItIsOpen)
+{
+    PercentMonitor m;
+    m.Update(1000, 10, 1.0, 10.0, 20);
+    const std::string path = m.LogPath();
+    ASSERT_FALSE(path.empty());
+    EXPECT_EQ(Read(path), "1.000 20 10.00% 1.00W\r\n");
+    m.Update(1500, 10, 1.5, 15.0, 30);  // no line within the second
+    EXPECT_EQ(Read(path), "1.000 20 10.00% 1.00W\r\n");
+    m.Update(2000, 10, 2.0, 20.0, 40);
+    EXPECT_EQ(Read(path), "1.000 20 10.00% 1.00W\r\n2.000 40 20.00% 2.00W\r\n");
+}
+
 TEST_F(PercentMonitorTest, ResetAndStartMakeANewFileAndTheOldOneStays)
 {
     PercentMonitor m;
