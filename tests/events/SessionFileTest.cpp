@@ -216,6 +216,7 @@ TEST(OpenSessionFile, LaterDamagedRecordsReadAsTheWholeFileReads)
         EXPECT_EQ(opened[i]->ToJson(), read[i]->ToJson()) << i;
     EXPECT_EQ(opened[0]->type, 6);
     EXPECT_EQ(opened[3]->type, 0);
+}
 
 namespace {
 
