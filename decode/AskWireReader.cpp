@@ -165,9 +165,33 @@ void AskWireBitReader::SetDeadline()
 
 AskWireBitReader::Step AskWireBitReader::Expire()
 {
-    const bool bytes = phase_ == Phase::Bytes;
+    if (phase_ != Phase::Bytes) {
+        Clear();
+        return Step::More;
+    }
+    Fail();
+    return Step::Failed;
+}
+
+void AskWireBitReader::Fail()
+{
+    failed_ = AskWireFrame{};
+    failed_.good = false;
+    failed_.bytes = bytes_;
+    failed_.bits = bits_;
+    failed_.drift = drift_;
+    failed_.firstSample = static_cast<uint64_t>(std::max(0.0, std::round(first_)));
+    failed_.startBitSample = static_cast<uint64_t>(std::max(0.0, std::round(startBit_)));
+    failed_.endSample = static_cast<uint64_t>(std::max(0.0, std::round(At(static_cast<double>(last_)))));
+    failed_.samplesPerBit = 2.0 * h_;
     Clear();
-    return bytes ? Step::Failed : Step::More;
+}
+
+bool AskWireBitReader::Fits(long k, double t)
+{
+    const double d = std::abs(t - At(static_cast<double>(k))) / h_;
+    drift_ = std::max(drift_, d);
+    return d <= kMaxDrift;
 }
 
 AskWireBitReader::Step AskWireBitReader::Edge(double t)
@@ -226,8 +250,10 @@ AskWireBitReader::Step AskWireBitReader::Edge(double t)
         if (k == last_ + 1) {
             AddPoint(k, t);
             last_ = k;
-        } else if (k == last_ + 2 && last_ >= kMinPreambleHalves) {
-            // The transition at last_ began the start bit, and this one ends it.
+        } else if (k == last_ + 2 && last_ >= kMinPreambleHalves && Fits(k, t)) {
+            // The transition at last_ began the start bit, and this one ends
+            // it, on the preamble's clock (a start bit off the preamble's
+            // phase is no start bit).
             if (last_ % 2 == 1)
                 first_ = second_;  // the run began on a half bit: its first transition is not the packet's
             startBit_ = At(static_cast<double>(last_));
@@ -240,6 +266,9 @@ AskWireBitReader::Step AskWireBitReader::Edge(double t)
             ones_ = 0;
             expected_ = 0;
             bytes_.clear();
+            bits_.clear();
+            drift_ = 0.0;
+            Fits(k, t);
             step = Bit(0);
         } else {
             StartRun(t);
@@ -249,7 +278,11 @@ AskWireBitReader::Step AskWireBitReader::Edge(double t)
 
     case Phase::Bytes: {
         const long k = Nearest(t);
-        if (last_ == boundary_ && k == last_ + 1) {  // half-bit transition: a one
+        if (!Fits(k, t)) {
+            // Between two cells of the clock: the bi-phase code has no such
+            // transition.
+            step = Step::Failed;
+        } else if (last_ == boundary_ && k == last_ + 1) {  // half-bit transition: a one
             AddPoint(k, t);
             last_ = k;
             step = Bit(1);
@@ -265,7 +298,9 @@ AskWireBitReader::Step AskWireBitReader::Edge(double t)
         } else {
             step = Step::Failed;
         }
-        if (step != Step::More)
+        if (step == Step::Failed)
+            Fail();
+        else if (step == Step::Frame)
             Clear();
         break;
     }
@@ -276,6 +311,7 @@ AskWireBitReader::Step AskWireBitReader::Edge(double t)
 
 AskWireBitReader::Step AskWireBitReader::Bit(int bit)
 {
+    bits_.push_back(static_cast<uint8_t>(bit));
     const int position = position_;
     position_ = position_ == 10 ? 0 : position_ + 1;
     if (position == 0)
@@ -312,6 +348,8 @@ AskWireBitReader::Step AskWireBitReader::Bit(int bit)
     // The newest transition is the stop bit's half-bit one; the bit ends half a bit later.
     frame_.endSample = static_cast<uint64_t>(std::max(0.0, std::round(At(static_cast<double>(last_ + 1)))));
     frame_.samplesPerBit = 2.0 * h_;
+    frame_.bits = bits_;
+    frame_.drift = drift_;
     return Step::Frame;
 }
 
@@ -335,10 +373,19 @@ std::vector<AskWireFrame> AskWireReader::Take()
     return out;
 }
 
+std::vector<AskWireFrame> AskWireReader::TakeFailed()
+{
+    std::vector<AskWireFrame> out;
+    out.swap(failed_);
+    return out;
+}
+
 uint64_t AskWireReader::SettledThrough() const
 {
     uint64_t s = settled_;
     for (const AskWireFrame& f : out_)
+        s = std::min(s, f.firstSample);
+    for (const AskWireFrame& f : failed_)
         s = std::min(s, f.firstSample);
     return s;
 }
@@ -562,6 +609,13 @@ void AskWireReader::Finish(AskWireBitReader::Step step)
                 std::abs(static_cast<double>(levelSum_[1]) / static_cast<double>(levelCount_[1]) -
                          static_cast<double>(levelSum_[0]) / static_cast<double>(levelCount_[0]))));
         out_.push_back(std::move(f));
+    } else {
+        AskWireFrame f = bits_.TakeFailed();
+        if (!f.bits.empty()) {
+            f.polarity = polarity_;
+            f.swing = swing_;
+            failed_.push_back(std::move(f));
+        }
     }
     bits_.Clear();
     blocked_ = true;
