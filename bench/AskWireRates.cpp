@@ -27,7 +27,8 @@
 #include <cstdlib>
 #include <random>
 #include <string>
-#include <thread>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -62,6 +63,7 @@ struct Tally {
 struct Condition {
     double rate;  // bit rate relative to 2 kHz
     bool square;
+    bool badLength = false;  // one message byte more or fewer than the header announces
 };
 
 Stream MakeStream(const Condition& c, int packets, uint32_t seed)
@@ -88,7 +90,8 @@ Stream MakeStream(const Condition& c, int packets, uint32_t seed)
         w.Idle(200 + rng() % 200);
         const uint8_t h = headers[rng() % headers.size()];
         std::vector<uint8_t> m{h};
-        for (int i = 0; i < qisim::QiMessageSize(h); ++i)
+        const int size = qisim::QiMessageSize(h) + (c.badLength ? (rng() % 2 ? 1 : -1) : 0);
+        for (int i = 0; i < size; ++i)
             m.push_back(static_cast<uint8_t>(rng()));
         Sent x;
         x.bytes = qisim::WithChecksum(m);
@@ -96,6 +99,8 @@ Stream MakeStream(const Condition& c, int packets, uint32_t seed)
         x.wave = p;
         x.start = w.Packet(x.bytes, x.preamble);
         x.end = w.Samples().size();
+        if (c.badLength)
+            x.bytes.clear();  // no good frame may come out of it
         s.sent.push_back(x);
         w.Idle(200 + rng() % 200);
     }
@@ -119,7 +124,7 @@ Tally Score(const Stream& s, const std::vector<Found>& found)
             used[i] = hit = true;
         }
         ++(hit ? t.exact : t.missed);
-        if (!hit && g_dump) {
+        if (!hit && g_dump && !p.bytes.empty()) {
             std::printf("  at %zu..%zu: ", p.start, p.end);
             for (const Found& f : found)
                 if (f.start + 2000 > p.start && f.start < p.end + 2000) {
@@ -131,7 +136,7 @@ Tally Score(const Stream& s, const std::vector<Found>& found)
             for (auto b : p.bytes) std::printf(" %02X", b);
             std::printf("\n");
         }
-        if (!hit && g_dump)
+        if (!hit && g_dump && !p.bytes.empty())
             std::printf("missed: spb %.2f swing %d noise %.3f jitter %.2f lp %.2f phase %.2f pre %d bytes %zu\n",
                         p.wave.samplesPerBit, p.wave.swing, p.wave.noiseFraction, p.wave.jitterSamples,
                         p.wave.lowPassSamples, p.wave.startPhase, p.preamble, p.bytes.size());
@@ -155,6 +160,8 @@ std::vector<Found> RunWire(const std::vector<uint16_t>& samples)
 }
 
 // The good receiver frames of a replay through the data manager, both readers on.
+CDataManager::MergeCounts g_counts;
+
 std::vector<Found> RunBoth(const std::vector<uint16_t>& samples)
 {
     SettingParams settings;
@@ -171,6 +178,12 @@ std::vector<Found> RunBoth(const std::vector<uint16_t>& samples)
             out.push_back({e->timing.startTime / 25, got});
         }
     });
+    const auto c = replay.Manager().Merges();
+    g_counts.recovered += c.recovered;
+    g_counts.corrected += c.corrected;
+    g_counts.agreed += c.agreed;
+    g_counts.disputed += c.disputed;
+    g_counts.refused += c.refused;
     return out;
 }
 
@@ -181,65 +194,112 @@ void Print(const char* label, const Tally& t)
     (void)label;
 }
 
+struct Row {
+    Tally wire, merged;
+    CDataManager::MergeCounts counts;
+};
+
+Row RunCondition(const Condition& c, size_t ci, long perCondition, bool both)
+{
+    const int chunk = 500;  // packets a stream
+    Row row;
+    g_counts = CDataManager::MergeCounts{};
+    for (long k = 0; k * chunk < perCondition; ++k) {
+        const int n = static_cast<int>(std::min<long>(chunk, perCondition - k * chunk));
+        const Stream s = MakeStream(c, n, static_cast<uint32_t>(1000003u * ci + 7919u * k + 17u));
+        row.wire += Score(s, RunWire(s.samples));
+        if (both)
+            row.merged += Score(s, RunBoth(s.samples));
+    }
+    row.counts = g_counts;
+    return row;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
     const long perCondition = argc > 1 ? std::atol(argv[1]) : 100000;
     const bool both = argc > 2 && std::string(argv[2]) == "both";
-    const int chunk = 500;  // packets a stream
     std::vector<Condition> conditions;
     for (bool square : {true, false})
         for (int pct = -8; pct <= 8; ++pct)
             conditions.push_back({1.0 + pct / 100.0, square});
+    for (int pct : {-8, -4, 0, 4, 8})
+        conditions.push_back({1.0 + pct / 100.0, true, true});
+
+    // Two processes share the conditions (the replay sets a process-wide
+    // clock, so one process runs one replay at a time).
+    const auto began = std::chrono::steady_clock::now();
+    const size_t workers = 2;
+    std::vector<Row> rows(conditions.size());
+    std::vector<int> pipes;
+    std::vector<pid_t> children;
+    for (size_t wkr = 0; wkr < workers; ++wkr) {
+        int fd[2];
+        if (pipe(fd) != 0)
+            return 1;
+        const pid_t pid = fork();
+        if (pid == 0) {
+            close(fd[0]);
+            for (size_t ci = wkr; ci < conditions.size(); ci += workers) {
+                const Row r = RunCondition(conditions[ci], ci, perCondition, both);
+                if (write(fd[1], &ci, sizeof ci) != sizeof ci || write(fd[1], &r, sizeof r) != sizeof r)
+                    _exit(1);
+            }
+            _exit(0);
+        }
+        close(fd[1]);
+        pipes.push_back(fd[0]);
+        children.push_back(pid);
+    }
+    for (int fd : pipes) {
+        size_t ci = 0;
+        Row r;
+        while (read(fd, &ci, sizeof ci) == sizeof ci && read(fd, &r, sizeof r) == sizeof r)
+            if (ci < rows.size())
+                rows[ci] = r;
+        close(fd);
+    }
+    for (pid_t pid : children)
+        waitpid(pid, nullptr, 0);
 
     std::printf("Packets per condition: %ld; columns: sent exact missed false exact%%\n", perCondition);
-    std::printf("%-24s | %-39s%s\n", "condition", "second reader alone", both ? " | merged (list decoder + second reader)" : "");
-    const auto began = std::chrono::steady_clock::now();
+    std::printf("%-26s | %-39s%s\n", "condition", "second reader alone",
+                both ? " | merged (list decoder + second reader)" : "");
     Tally totalWire, totalBoth;
-    // The replay sets the process-wide clock: merged runs go one at a time.
-    const unsigned workers = both ? 1u : std::max(1u, std::min(2u, std::thread::hardware_concurrency()));
+    CDataManager::MergeCounts counts;
     for (size_t ci = 0; ci < conditions.size(); ++ci) {
         const Condition& c = conditions[ci];
-        const long streams = (perCondition + chunk - 1) / chunk;
-        std::vector<Tally> wire(workers), merged(workers);
-        std::vector<std::thread> pool;
-        for (unsigned wkr = 0; wkr < workers; ++wkr)
-            pool.emplace_back([&, wkr] {
-                for (long k = wkr; k < streams; k += workers) {
-                    const int n = static_cast<int>(std::min<long>(chunk, perCondition - k * chunk));
-                    const Stream s = MakeStream(c, n, static_cast<uint32_t>(1000003u * ci + 7919u * k + 17u));
-                    wire[wkr] += Score(s, RunWire(s.samples));
-                    if (both) {
-                        const Tally t = Score(s, RunBoth(s.samples));
-                        if (std::getenv("ASK_STREAMS"))
-                            std::printf("stream %zu/%ld: %ld of %ld, samples %zu\n", ci, k, t.exact, t.sent, s.samples.size());
-                        merged[wkr] += t;
-                    }
-                }
-            });
-        for (auto& t : pool)
-            t.join();
-        Tally w, m;
-        for (unsigned wkr = 0; wkr < workers; ++wkr)
-            w += wire[wkr], m += merged[wkr];
+        if (c.badLength && (ci == 0 || !conditions[ci - 1].badLength))
+            std::printf("Packets one message byte short or long for their header (square): every good frame is "
+                        "false\n");
         char label[64];
-        std::snprintf(label, sizeof label, "%s %+3.0f%% (%.2f kHz)", c.square ? "square     " : "low-passed ",
+        std::snprintf(label, sizeof label, "%s %+3.0f%% (%.2f kHz)", c.square ? "square    " : "low-passed",
                       (c.rate - 1.0) * 100.0, 2.0 * c.rate);
-        std::printf("%-24s", label);
-        Print("wire", w);
+        std::printf("%-26s", label);
+        Print("wire", rows[ci].wire);
         if (both)
-            Print("both", m);
+            Print("both", rows[ci].merged);
         std::printf("\n");
-        std::fflush(stdout);
-        totalWire += w;
-        totalBoth += m;
+        if (!c.badLength) {
+            totalWire += rows[ci].wire;
+            totalBoth += rows[ci].merged;
+        }
+        counts.agreed += rows[ci].counts.agreed;
+        counts.recovered += rows[ci].counts.recovered;
+        counts.corrected += rows[ci].counts.corrected;
+        counts.disputed += rows[ci].counts.disputed;
+        counts.refused += rows[ci].counts.refused;
     }
-    std::printf("%-24s", "all conditions");
+    std::printf("%-26s", "all well-formed packets");
     Print("wire", totalWire);
     if (both)
         Print("both", totalBoth);
-    std::printf("\n%.1f s\n",
-                std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count());
+    if (both)
+        std::printf("\nmerge: agreed %lld, recovered %lld, corrected %lld, disputed %lld, refused %lld",
+                    (long long)counts.agreed, (long long)counts.recovered, (long long)counts.corrected,
+                    (long long)counts.disputed, (long long)counts.refused);
+    std::printf("\n%.1f s\n", std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count());
     return 0;
 }

@@ -160,11 +160,21 @@ void AskWireBitReader::SetDeadline()
     case Phase::Bytes:
         deadline_ = At(last_ + (last_ == boundary_ ? 2.5 : 1.5)) + kLatency;
         break;
+    case Phase::Trailer:
+        // A byte beyond the announced ones would begin at trailer_ + 1 and
+        // end its start bit at trailer_ + 3.
+        deadline_ = At(trailer_ + 3.5) + kLatency;
+        break;
     }
 }
 
 AskWireBitReader::Step AskWireBitReader::Expire()
 {
+    if (phase_ == Phase::Trailer) {
+        // Quiet after the last byte: the packet is as long as its header says.
+        Clear();
+        return Step::Frame;
+    }
     if (phase_ != Phase::Bytes) {
         Clear();
         return Step::More;
@@ -298,10 +308,29 @@ AskWireBitReader::Step AskWireBitReader::Edge(double t)
         } else {
             step = Step::Failed;
         }
-        if (step == Step::Failed)
+        if (step == Step::Failed) {
             Fail();
-        else if (step == Step::Frame)
-            Clear();
+        } else if (step == Step::Frame) {
+            phase_ = Phase::Trailer;
+            trailer_ = last_;
+            returned_ = false;
+            step = Step::More;
+        }
+        break;
+    }
+
+    case Phase::Trailer: {
+        const long k = Nearest(t);
+        if (k <= trailer_ + 1 && !returned_) {
+            returned_ = true;
+        } else {
+            // The envelope goes on after the bytes the header announced: the
+            // packet is longer than the length rule allows for its header,
+            // and the checksum that held was a coincidence.
+            bits_.push_back(0);
+            Fail();
+            step = Step::Failed;
+        }
         break;
     }
     }

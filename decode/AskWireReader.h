@@ -62,11 +62,11 @@ public:
 
     // True once a start bit has been found: from here on a failure is final
     // for the packet.
-    bool InBytes() const { return phase_ == Phase::Bytes; }
+    bool InBytes() const { return phase_ == Phase::Bytes || phase_ == Phase::Trailer; }
     // True while transitions are being gathered or followed.
     bool Running() const { return phase_ != Phase::None; }
     // True while a preamble or a packet is being followed.
-    bool Locked() const { return phase_ == Phase::Preamble || phase_ == Phase::Bytes; }
+    bool Locked() const { return phase_ != Phase::None && phase_ != Phase::Gather; }
     // Time of the first transition of the run under way (when Running()).
     double RunStart() const;
 
@@ -82,7 +82,10 @@ public:
     static int MessageSize(uint8_t header);
 
 private:
-    enum class Phase { None, Gather, Preamble, Bytes };
+    // Trailer: every byte the header announces has been read and checks; the
+    // envelope must now fall quiet (one transition back to idle at most)
+    // before the frame is given out.
+    enum class Phase { None, Gather, Preamble, Bytes, Trailer };
     static constexpr int kGather = 8;
 
     void StartRun(double t);
@@ -109,6 +112,8 @@ private:
     double previous_ = 0.0; // time of the newest transition
     long last_ = 0;         // half-bit index of the newest transition
     long boundary_ = 0;     // half-bit index where the current bit began
+    long trailer_ = 0;      // half-bit index of the checksum's stop bit's middle transition
+    bool returned_ = false; // the transition back to idle after it has come
     double startBit_ = 0.0; // where the header's start bit began
     double first_ = 0.0;    // where the preamble began
     // Byte assembly.
