@@ -76,7 +76,7 @@ public:
 
     // A transition further than this from the bit clock (in half bits) does
     // not belong to the packet: the reading stops there.
-    static constexpr double kMaxDrift = 0.4;
+    static constexpr double kMaxDrift = 0.45;
 
     // Number of message bytes behind a header by the Qi length rule.
     static int MessageSize(uint8_t header);
