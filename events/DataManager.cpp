@@ -655,8 +655,11 @@ void CDataManager::ResolveCluster(MergeLane& lane, std::vector<Held>& cluster,
             for (const Held* x : failed) {
                 if (!Overlap(x->first, x->last, list[j]->first, list[j]->last))
                     continue;
+                // Contradicted where a bit differs, or where the envelope
+                // carried bits on past the end of this reading.
                 const size_t n = std::min(sent.size(), x->bits.size());
-                if (std::equal(sent.begin(), sent.begin() + static_cast<std::ptrdiff_t>(n), x->bits.begin()))
+                if (x->bits.size() <= sent.size() &&
+                    std::equal(sent.begin(), sent.begin() + static_cast<std::ptrdiff_t>(n), x->bits.begin()))
                     continue;
                 f.packet.Status = "Error";
                 f.packet.reading = "disputed";
