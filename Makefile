@@ -52,6 +52,7 @@ bench: deps
 	@for b in build-release/bench/*_bench; do echo "== $$b"; $$b; done
 	@echo "== ASK decode rates"; ./build-release/bench/ask_decode_rates
 	@echo "== ASK readers compared: edge finders A and B, the list decoder, both merged"; ./build-release/bench/ask_reader_compare 1000
+	@echo "== ASK second reader alone and merged, per bit rate (2 kHz -8 % .. +8 %) and envelope: sent, exact, missed, false"; ./build-release/bench/ask_wire_rates 100000 both
 	@echo "== FSK decode rates"; ./build-release/bench/fsk_decode_rates
 	@echo "== FSK readers compared: the frame decoder alone and merged with the second reader"; ./build-release/tests/events_tests --gtest_filter='FskBothReaders.Every*' | grep -v '^\['
 	@echo "== display filter over an eight-hour session (440 000 events)"; ./build-release/bench/filter_rates

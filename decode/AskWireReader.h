@@ -20,6 +20,16 @@ struct AskWireFrame {
     double samplesPerBit = 0.0;  // bit period measured over the packet, in samples
     int polarity = 0;            // +1 when the modulated level lies above the idle level, -1 below
     int32_t swing = 0;           // modulated minus idle level as measured (absolute value)
+    // The bits as read from the header's start bit on (0 or 1 each): every
+    // bit of the packet for a good frame, those read before the failure for
+    // a packet that did not check.
+    std::vector<uint8_t> bits;
+    // Largest distance of a transition of the packet from the bit clock, in
+    // half bits (0 .. kMaxDrift): how firmly the signal holds the reading.
+    double drift = 0.0;
+    // False for a packet whose start bit was found but which did not check
+    // (bytes then holds the bytes read whole before the failure).
+    bool good = true;
 };
 
 // The second stage of the reader, on its own: the transition times of the
@@ -52,21 +62,30 @@ public:
 
     // True once a start bit has been found: from here on a failure is final
     // for the packet.
-    bool InBytes() const { return phase_ == Phase::Bytes; }
+    bool InBytes() const { return phase_ == Phase::Bytes || phase_ == Phase::Trailer; }
     // True while transitions are being gathered or followed.
     bool Running() const { return phase_ != Phase::None; }
     // True while a preamble or a packet is being followed.
-    bool Locked() const { return phase_ == Phase::Preamble || phase_ == Phase::Bytes; }
+    bool Locked() const { return phase_ != Phase::None && phase_ != Phase::Gather; }
     // Time of the first transition of the run under way (when Running()).
     double RunStart() const;
 
     AskWireFrame TakeFrame() { return std::move(frame_); }
+    // After Step::Failed: what had been read of the packet (good false).
+    AskWireFrame TakeFailed() { return std::move(failed_); }
+
+    // A transition further than this from the bit clock (in half bits) does
+    // not belong to the packet: the reading stops there.
+    static constexpr double kMaxDrift = 0.45;
 
     // Number of message bytes behind a header by the Qi length rule.
     static int MessageSize(uint8_t header);
 
 private:
-    enum class Phase { None, Gather, Preamble, Bytes };
+    // Trailer: every byte the header announces has been read and checks; the
+    // envelope must now fall quiet (one transition back to idle at most)
+    // before the frame is given out.
+    enum class Phase { None, Gather, Preamble, Bytes, Trailer };
     static constexpr int kGather = 8;
 
     void StartRun(double t);
@@ -75,6 +94,11 @@ private:
     long Nearest(double t) const;
     void SetDeadline();
     Step Bit(int bit);
+    // Keeps what was read of a packet that failed, then forgets the run.
+    void Fail();
+    // Distance of a transition at t from half bit k of the clock, in half
+    // bits; the packet's largest so far is kept.
+    bool Fits(long k, double t);
 
     Phase phase_ = Phase::None;
     double deadline_ = 0.0;
@@ -88,6 +112,8 @@ private:
     double previous_ = 0.0; // time of the newest transition
     long last_ = 0;         // half-bit index of the newest transition
     long boundary_ = 0;     // half-bit index where the current bit began
+    long trailer_ = 0;      // half-bit index of the checksum's stop bit's middle transition
+    bool returned_ = false; // the transition back to idle after it has come
     double startBit_ = 0.0; // where the header's start bit began
     double first_ = 0.0;    // where the preamble began
     // Byte assembly.
@@ -96,7 +122,10 @@ private:
     int ones_ = 0;
     size_t expected_ = 0;
     std::vector<uint8_t> bytes_;
+    std::vector<uint8_t> bits_;
+    double drift_ = 0.0;
     AskWireFrame frame_;
+    AskWireFrame failed_;
 };
 
 class AskWireReader {
@@ -111,6 +140,10 @@ public:
 
     // The packets finished since the last call, oldest first.
     std::vector<AskWireFrame> Take();
+    // The packets whose start bit was found but which did not check, since
+    // the last call, oldest first (good false): what the signal showed of
+    // them, for judging another reader's reading of the same span.
+    std::vector<AskWireFrame> TakeFailed();
 
     // Every packet that begins before this sample number has been given out by
     // Take or will never be: the reader has looked past it.
@@ -167,4 +200,5 @@ private:
     int64_t levelCount_[2] = {};
     AskWireBitReader bits_;
     std::vector<AskWireFrame> out_;
+    std::vector<AskWireFrame> failed_;
 };

@@ -2,6 +2,7 @@
 
 #include "common/Clock.h"
 #include "common/TimeText.h"
+#include "decode/MessageLength.h"
 
 #include <algorithm>
 #include <cmath>
@@ -292,7 +293,20 @@ void CDataManager::Clear()
 //    checked the parity of every byte and the checksum and forgives nothing;
 //    the list decoder checks no parity and forks on ties, the frame decoder
 //    forgives checksums), marked "corrected", with the first reader's bytes
-//    beside it.
+//    beside it;
+//  - but where the first reader's frame was good too and the second reading
+//    is not firmly on its bit clock (a transition further than kFirmDrift
+//    from it), the signal does not settle which reading is right: the packet
+//    goes out as an error frame with both readings, marked "disputed";
+//  - a good ASK frame of the list decoder against the Qi length rule goes
+//    out as an error frame, marked "refused" (the list decoder checks no
+//    length, and a reading shifted by a bit can still pass its XOR);
+//  - a good ASK frame of the list decoder over the span of a packet that the
+//    second reader began (start bit found) but could not finish, whose bits
+//    contradict the bits the second reader read there, goes out as an error
+//    frame, marked "disputed", with the bytes the second reader read whole.
+// A false frame misleads more than a missed one: where the readers contradict
+// each other and the signal cannot tell, the user sees an error.
 // Everything goes on in capture order, as any frame: ASK frames to the
 // dispatcher, FSK frames to the dispatcher or, for response patterns, named
 // by the pattern table.
@@ -345,6 +359,30 @@ std::shared_ptr<CMsgData> CDataManager::WireFrame(const AskWireFrame& w)
     return frame;
 }
 
+namespace {
+
+// The bits of a frame as sent from its header's start bit on: for each byte a
+// start bit 0, eight data bits least significant first, odd parity, stop bit 1.
+std::vector<uint8_t> AskFrameBits(const std::vector<uint8_t>& bytes)
+{
+    std::vector<uint8_t> bits;
+    bits.reserve(bytes.size() * 11);
+    for (uint8_t b : bytes) {
+        bits.push_back(0);
+        int ones = 0;
+        for (int i = 0; i < 8; ++i) {
+            const uint8_t bit = (b >> i) & 1;
+            ones += bit;
+            bits.push_back(bit);
+        }
+        bits.push_back(ones % 2 == 0 ? 1 : 0);
+        bits.push_back(1);
+    }
+    return bits;
+}
+
+}  // namespace
+
 void CDataManager::ReadWire(const int32_t* samples, size_t n, uint64_t first)
 {
     if (n == 0 || !samples)
@@ -365,6 +403,8 @@ void CDataManager::ReadWire(const int32_t* samples, size_t n, uint64_t first)
     m_wireRingNext = first + n;
     m_wireReader.Feed(samples, n, first);
     std::vector<AskWireFrame> frames = m_wireReader.Take();
+    std::vector<AskWireFrame> failed = m_wireReader.TakeFailed();
+    frames.insert(frames.end(), std::make_move_iterator(failed.begin()), std::make_move_iterator(failed.end()));
     AddWireFrames(frames, m_wireReader.SettledThrough());
 }
 
@@ -379,6 +419,11 @@ void CDataManager::AddWireFrames(const std::vector<AskWireFrame>& frames, uint64
             h.first = w.firstSample;
             h.last = std::max(w.firstSample, w.endSample);
             h.wire = true;
+            h.failed = !w.good;
+            h.bits = w.bits;
+            h.drift = w.drift;
+            if (h.failed)
+                h.frame->packet.Status = "Error";
             made.push_back(std::move(h));
         }
         std::lock_guard<std::mutex> lock(m_ask.wireMutex);
@@ -543,9 +588,9 @@ void CDataManager::ReleaseHeld(MergeLane& lane, const std::function<std::shared_
 void CDataManager::ResolveCluster(MergeLane& lane, std::vector<Held>& cluster,
                                   const std::function<void(const std::shared_ptr<CMsgData>&)>& deliver)
 {
-    std::vector<Held*> wire, list;
+    std::vector<Held*> wire, list, failed;
     for (Held& h : cluster)
-        (h.wire ? wire : list).push_back(&h);
+        (h.failed ? failed : h.wire ? wire : list).push_back(&h);
     std::vector<bool> listMatched(list.size(), false), listDropped(list.size(), false);
     std::vector<bool> wireDropped(wire.size(), false);
 
@@ -571,14 +616,58 @@ void CDataManager::ResolveCluster(MergeLane& lane, std::vector<Held>& cluster,
             // right in another candidate, that one does) and this one goes.
             listDropped[j] = true;
             if (!wireDropped[i] && !corrected) {
-                w.frame->packet.reading = "corrected";
                 w.frame->packet.otherReading = list[j]->frame->packet.PacketData;
                 corrected = true;
-                lane.counts.corrected += 1;
+                if (list[j]->frame->packet.Status == "NoError" && w.drift > kFirmDrift) {
+                    // Two good readings, and the second is not firm on its
+                    // clock: nothing tells which is right.
+                    w.frame->packet.reading = "disputed";
+                    w.frame->packet.Status = "Error";
+                    lane.counts.disputed += 1;
+                } else {
+                    w.frame->packet.reading = "corrected";
+                    lane.counts.corrected += 1;
+                }
             }
         }
         if (!wireDropped[i] && !corrected)
             lane.counts.recovered += 1;
+    }
+
+    // What stands of the first reader's good ASK frames is checked against
+    // the length rule and against what the second reader read of the same
+    // span where it began a packet and could not finish it.
+    if (&lane == &m_ask) {
+        for (size_t j = 0; j < list.size(); ++j) {
+            CMsgData& f = *list[j]->frame;
+            if (listMatched[j] || listDropped[j] || f.packet.Status != "NoError")
+                continue;
+            std::vector<uint8_t> bytes;
+            for (size_t k = 0; k < f.size && k < CMsgData::kFrameArea; ++k)
+                bytes.push_back(f.FrameByte(k));
+            if (bytes.empty() || static_cast<size_t>(QiMessageLength(bytes[0])) + 2 != bytes.size()) {
+                f.packet.Status = "Error";
+                f.packet.reading = "refused";
+                lane.counts.refused += 1;
+                continue;
+            }
+            const std::vector<uint8_t> sent = AskFrameBits(bytes);
+            for (const Held* x : failed) {
+                if (!Overlap(x->first, x->last, list[j]->first, list[j]->last))
+                    continue;
+                // Contradicted where a bit differs, or where the envelope
+                // carried bits on past the end of this reading.
+                const size_t n = std::min(sent.size(), x->bits.size());
+                if (x->bits.size() <= sent.size() &&
+                    std::equal(sent.begin(), sent.begin() + static_cast<std::ptrdiff_t>(n), x->bits.begin()))
+                    continue;
+                f.packet.Status = "Error";
+                f.packet.reading = "disputed";
+                f.packet.otherReading = x->frame->packet.PacketData;
+                lane.counts.disputed += 1;
+                break;
+            }
+        }
     }
 
     std::vector<Held*> out;

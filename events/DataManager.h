@@ -57,6 +57,13 @@ public:
         int64_t recovered = 0;  // the second reader's frames where the first reader had none
         int64_t corrected = 0;  // the second reader's frames where the first reader read other bytes
         int64_t agreed = 0;     // frames both read alike
+        // Good readings of the two that contradict each other where the
+        // signal does not settle which is right: shown as an error frame
+        // with both readings.
+        int64_t disputed = 0;
+        // Good frames of the first reader against the Qi length rule (ASK):
+        // shown as an error frame.
+        int64_t refused = 0;
     };
     MergeCounts Merges() const { return m_ask.counts; }
 
@@ -85,6 +92,11 @@ public:
     // A held frame is given out after this long even when a reader has not
     // caught up (a stream that stopped in the middle of a packet).
     static constexpr int64_t kHoldLimitMs = 1500;
+    // A good frame of the second reader whose transitions all lie within
+    // this many half bits of its bit clock is held firmly by the signal: it
+    // corrects a good frame of the first reader that reads other bytes.
+    // Further off, the two good readings are disputed.
+    static constexpr double kFirmDrift = 0.3;
 
     // ---- from the interface thread
     // Dispatches every finished frame, names the response patterns, and moves
@@ -169,6 +181,13 @@ private:
         uint64_t first = 0, last = 0;
         bool wire = false;
         int64_t heldSince = 0;
+        // Second ASK reader: a packet that did not check (never shown: it
+        // only judges the first reader's reading of its span), the bits it
+        // read from the start bit on, and how far its transitions lay from
+        // the bit clock.
+        bool failed = false;
+        std::vector<uint8_t> bits;
+        double drift = 0.0;
     };
     // The merge of a first reader (the list decoder, the FSK frame decoder)
     // with a second reader: the second reader's frames as they come, the two

@@ -32,7 +32,12 @@ struct PacketRecord {
     int32_t controlErrorFreq = 0;
     // Set only where the second ASK reader had a say: "recovered" when the
     // list decoder gave nothing there, "corrected" when it read other bytes
-    // (then otherReading holds the list decoder's bytes as spaced hex).
+    // (then otherReading holds the list decoder's bytes as spaced hex);
+    // "disputed" when the two readings contradict each other and the signal
+    // does not settle it, and "refused" when the list decoder's good frame
+    // breaks the Qi length rule: both then go out as "Error" frames, a
+    // disputed one with the other reader's bytes in otherReading (for a
+    // packet the second reader could not finish, the bytes it read whole).
     std::string reading;
     std::string otherReading;
 };

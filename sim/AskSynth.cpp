@@ -15,9 +15,10 @@ constexpr size_t kSamplesPerMs = 40;
 
 void CheckParams(const AskWaveParams& p) {
     if (!(p.samplesPerBit > 0.0) || !(p.riseSamples >= 0.0) || !(p.noiseFraction >= 0.0) ||
-        !(p.jitterSamples >= 0.0))
+        !(p.jitterSamples >= 0.0) || !(p.lowPassSamples >= 0.0) || !(p.startPhase >= 0.0) || !(p.startPhase < p.samplesPerBit))
         throw std::invalid_argument("AskWaveParams: samplesPerBit must be positive, "
-                                    "riseSamples, noiseFraction and jitterSamples non-negative");
+                                    "riseSamples, noiseFraction and jitterSamples non-negative, "
+                                    "startPhase in [0, samplesPerBit)");
 }
 
 }  // namespace
@@ -68,6 +69,15 @@ double AskWaveWriter::Jitter() {
 }
 
 void AskWaveWriter::Append(double level) {
+    // The low-pass follows the envelope all along, so that switching it on
+    // starts from the level the envelope had.
+    if (params_.lowPassSamples > 0.0 && filterPrimed_) {
+        filtered_ += (level - filtered_) * (1.0 - std::exp(-1.0 / params_.lowPassSamples));
+        level = filtered_;
+    } else {
+        filtered_ = level;
+    }
+    filterPrimed_ = true;
     const double sigma = params_.noiseFraction * std::abs(params_.swing);
     if (sigma > 0.0) level += sigma * unitNoise_(rng_);
     samples_.push_back(static_cast<uint16_t>(std::clamp(std::round(level), 0.0, kMaxLevel)));
@@ -90,12 +100,13 @@ size_t AskWaveWriter::Bits(const std::vector<uint8_t>& bits) {
     if (bits.empty()) return start;
 
     const double spb = params_.samplesPerBit;
+    const double phase = params_.startPhase;
     std::vector<double> nominal;
     for (size_t k = 0; k < bits.size(); ++k) {
-        nominal.push_back(k * spb);
-        if (bits[k]) nominal.push_back(k * spb + spb / 2);
+        nominal.push_back(phase + k * spb);
+        if (bits[k]) nominal.push_back(phase + k * spb + spb / 2);
     }
-    const double bitsEnd = bits.size() * spb;
+    const double bitsEnd = phase + bits.size() * spb;
     if (nominal.size() % 2 == 1) nominal.push_back(bitsEnd);  // back to idle at the end of the last bit
 
     // Every edge stays inside its own cell: between the midpoints to its nominal
@@ -106,7 +117,7 @@ size_t AskWaveWriter::Bits(const std::vector<uint8_t>& bits) {
     const auto margin = [](double gap) { return std::min(0.5, gap / 4); };
     std::vector<double> edges(count);
     for (size_t i = 0; i < count; ++i) {
-        const double lo = i == 0 ? 0.0
+        const double lo = i == 0 ? phase
                                  : (nominal[i - 1] + nominal[i]) / 2 + margin(nominal[i] - nominal[i - 1]);
         const double hi = i + 1 < count ? (nominal[i] + nominal[i + 1]) / 2 - margin(nominal[i + 1] - nominal[i])
                                         : std::numeric_limits<double>::infinity();

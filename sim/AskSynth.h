@@ -28,6 +28,16 @@ struct AskWaveParams {
     double riseSamples = 2.0;     // duration of a transition, 0 % to 100 %, in samples
     double noiseFraction = 0.0;   // standard deviation of additive noise as a fraction of |swing|
     double jitterSamples = 0.0;   // every edge moves by a uniform amount in [-j, +j] samples
+    // Where the packet's first transition lies after the first sample of the
+    // packet, in samples (0 <= phase < samplesPerBit): every edge moves by it,
+    // so that packets can start anywhere between two samples. With
+    // riseSamples 0 the envelope is square: a transition at time t takes
+    // effect at the first sample at or after t.
+    double startPhase = 0.0;
+    // Time constant of a first-order low-pass (the receiver's and the
+    // sniffer's front end) applied to the envelope before the noise, in
+    // samples; 0 leaves the envelope as built.
+    double lowPassSamples = 0.0;
 };
 
 // Builds an envelope sample series packet by packet. Levels are clamped to the
@@ -63,6 +73,8 @@ private:
     AskWaveParams params_;
     std::mt19937 rng_;
     std::normal_distribution<double> unitNoise_{0.0, 1.0};
+    double filtered_ = 0.0;  // output of the low-pass
+    bool filterPrimed_ = false;
     std::vector<uint16_t> samples_;
 };
 

@@ -2,6 +2,7 @@
 // manager as a capture plays: the list decoder and the second reader merged,
 // as the user sees them. Beside them, the list decoder alone.
 #include "AskChain.h"
+#include "AskConditions.h"
 #include "AskRandomStream.h"
 #include "common/TimeText.h"
 #include "events/StreamReplay.h"
@@ -92,4 +93,77 @@ TEST(AskBothReaders, EveryHeaderAtEveryBitRateWithNoiseAndJitter)
     RecordProperty("bothExact", both.exact);
     RecordProperty("listExact", list.exact);
     RecordProperty("sent", both.sent);
+}
+
+namespace {
+
+std::vector<std::pair<std::string, std::string>> ReplayAll(const std::vector<uint16_t>& samples)
+{
+    SettingParams settings;
+    settings.m_ask_second_reader = 1;
+    StreamReplay replay(qisim::AskStreamFrames(samples), {}, &settings);
+    std::vector<std::pair<std::string, std::string>> out;  // bytes, status
+    replay.Run([&](std::vector<MsgInfoPtr>& events) {
+        for (const auto& e : events)
+            if (e->direction == 2 && !e->packet.PacketData.empty())
+                out.emplace_back(e->packet.PacketData, e->packet.Status);
+    });
+    return out;
+}
+
+}  // namespace
+
+// 20 00 20 (one byte short for its header) as a square envelope at 2 kHz with
+// a preamble of 11, starting at every sample phase: the list decoder reads it
+// as sent or one bit late (10 00 10, whose length and checksum hold); the
+// user sees neither as a good frame.
+TEST(AskBothReaders, SquareEnvelopeOfAShortPacketNeverGivesAGoodFrame)
+{
+    int errors = 0, renderings = 0;
+    for (int offset = 0; offset < 20; ++offset) {
+        for (int quarter = 0; quarter < 2; ++quarter) {
+            qisim::AskWaveParams p;
+            p.riseSamples = 0.0;
+            p.idleLevel = 600;
+            p.swing = 1500;
+            p.startPhase = quarter * 0.5;
+            qisim::AskWaveWriter w(p, 1 + static_cast<uint32_t>(offset));
+            w.Idle(400 + static_cast<size_t>(offset) * 7);
+            w.Packet({0x20, 0x00, 0x20}, 11);
+            w.Idle(1200);
+            ++renderings;
+            for (const auto& e : ReplayAll(w.Samples())) {
+                EXPECT_NE(e.second, "NoError") << e.first << " offset " << offset << " phase " << p.startPhase;
+                errors += e.second == "Error";
+            }
+        }
+    }
+    // The list decoder reads something every time: it is shown, as an error.
+    EXPECT_EQ(errors, renderings);
+}
+
+// The table of ask_wire_rates, merged output, on 30 packets per condition.
+TEST(AskBothReaders, ConditionGridGivesNoFalseFrame)
+{
+    AskConditionTally wellFormed;
+    long falseFrames = 0;
+    const auto conditions = AskConditions();
+    for (size_t ci = 0; ci < conditions.size(); ++ci) {
+        const AskConditionStream s = MakeAskConditionStream(conditions[ci], 30, 900u + static_cast<uint32_t>(ci));
+        std::vector<AskFoundFrame> found;
+        for (const auto& f : Replay(s.samples, true)) {
+            std::vector<uint8_t> bytes;
+            for (size_t i = 0; i + 1 < f.second.size(); i += 3)
+                bytes.push_back(static_cast<uint8_t>(std::stoi(f.second.substr(i, 2), nullptr, 16)));
+            found.push_back({f.first, bytes});
+        }
+        const AskConditionTally t = ScoreAskConditionStream(s, found);
+        EXPECT_EQ(t.falseFrames, 0) << "condition " << ci;
+        falseFrames += t.falseFrames;
+        if (!conditions[ci].badLength)
+            wellFormed += t;
+    }
+    EXPECT_EQ(wellFormed.sent, 1020);
+    EXPECT_GE(wellFormed.exact, wellFormed.sent * 0.999) << wellFormed.exact << " of " << wellFormed.sent;
+    EXPECT_EQ(falseFrames, 0);
 }

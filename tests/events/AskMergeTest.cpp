@@ -233,3 +233,175 @@ TEST_F(AskMergeTest, TheMarkAndTheOtherReadingAreRecordFieldsOnlyWhereSet)
     EXPECT_EQ(back.packet.reading, "corrected");
     EXPECT_EQ(back.packet.otherReading, "03 10 13 ");
 }
+
+namespace {
+
+// What the second reader read of a packet it began and could not finish.
+AskWireFrame FailedReading(const std::vector<uint8_t>& bytesWhole, std::vector<uint8_t> bits, uint64_t first,
+                           uint64_t last)
+{
+    AskWireFrame w;
+    w.good = false;
+    w.bytes = bytesWhole;
+    w.bits = std::move(bits);
+    w.firstSample = first;
+    w.startBitSample = first + 220;
+    w.endSample = last;
+    w.samplesPerBit = 20.0;
+    return w;
+}
+
+// The bits of whole bytes as sent: start 0, data LSB first, odd parity, stop 1.
+std::vector<uint8_t> BitsOf(const std::vector<uint8_t>& bytes)
+{
+    std::vector<uint8_t> bits;
+    for (uint8_t b : bytes) {
+        bits.push_back(0);
+        int ones = 0;
+        for (int i = 0; i < 8; ++i) {
+            bits.push_back((b >> i) & 1);
+            ones += (b >> i) & 1;
+        }
+        bits.push_back(ones % 2 ? 0 : 1);
+        bits.push_back(1);
+    }
+    return bits;
+}
+
+}  // namespace
+
+TEST_F(AskMergeTest, AGoodListFrameAgainstTheLengthRuleGoesOutAsAnError)
+{
+    // 0x20 announces two message bytes: 20 00 20 is one short, XOR or not.
+    dm.AskFilter().PutFrame(ListFrame({0x20, 0x00, 0x20}, 980, 1910));
+    BothPassed(2500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.Status, "Error");
+    EXPECT_EQ(events[0]->packet.reading, "refused");
+    EXPECT_EQ(events[0]->str.toStdString(), "ChecksumError 20 00 20 ");
+    EXPECT_EQ(events[0]->eventG.failureCount, 1);
+    EXPECT_EQ(dm.Merges().refused, 1);
+}
+
+TEST_F(AskMergeTest, AGoodListFrameThatKeepsTheLengthRuleStands)
+{
+    dm.AskFilter().PutFrame(ListFrame({0x10, 0x00, 0x10}, 980, 1910));
+    BothPassed(2500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.Status, "NoError");
+    EXPECT_EQ(events[0]->packet.reading, "");
+    EXPECT_EQ(dm.Merges().refused + dm.Merges().disputed, 0);
+}
+
+// The one-bit-late reading of 20 00 20: the list decoder's 10 00 10 keeps the
+// length rule and its XOR, but the second reader read 20 00 20 off the same
+// span (and then found the packet short): the bits contradict each other.
+TEST_F(AskMergeTest, AListFrameContradictedByWhatTheSecondReaderReadThereIsDisputed)
+{
+    dm.AskFilter().PutFrame(ListFrame({0x10, 0x00, 0x10}, 980, 1910));
+    dm.AddWireFrames({FailedReading({0x20, 0x00, 0x20}, BitsOf({0x20, 0x00, 0x20}), 1000, 1890)}, 2500);
+    dm.ListDecoderPassed(2500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);  // the failed reading is never shown itself
+    EXPECT_EQ(events[0]->packet.Status, "Error");
+    EXPECT_EQ(events[0]->packet.reading, "disputed");
+    EXPECT_EQ(events[0]->packet.PacketData, "10 00 10 ");
+    EXPECT_EQ(events[0]->packet.otherReading, "20 00 20 ");
+    EXPECT_EQ(events[0]->str.toStdString(), "ChecksumError 10 00 10 ");
+    EXPECT_EQ(dm.Merges().disputed, 1);
+}
+
+TEST_F(AskMergeTest, AFailedReadingThatAgreesAsFarAsItGotLeavesTheListFrameStanding)
+{
+    // The second reader lost the packet in its checksum byte; up to there its
+    // bits are the list decoder's.
+    auto bits = BitsOf({0x03, 0x05, 0x06});
+    bits.resize(27);
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x05, 0x06}, 980, 1910));
+    dm.AddWireFrames({FailedReading({0x03, 0x05}, bits, 1000, 1700)}, 2500);
+    dm.ListDecoderPassed(2500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.Status, "NoError");
+    EXPECT_EQ(events[0]->packet.PacketData, "03 05 06 ");
+    EXPECT_EQ(dm.Merges().disputed, 0);
+}
+
+TEST_F(AskMergeTest, AFailedReadingThatGoesOnPastTheListFrameDisputesIt)
+{
+    // The envelope went on after the three bytes the list decoder read: the
+    // packet is longer than 03 5A 59, whose XOR holds by chance.
+    auto bits = BitsOf({0x03, 0x5A, 0x59});
+    bits.push_back(0);
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x5A, 0x59}, 980, 1910));
+    dm.AddWireFrames({FailedReading({0x03, 0x5A, 0x59}, bits, 1000, 1900)}, 2500);
+    dm.ListDecoderPassed(2500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.Status, "Error");
+    EXPECT_EQ(events[0]->packet.reading, "disputed");
+    EXPECT_EQ(dm.Merges().disputed, 1);
+}
+
+TEST_F(AskMergeTest, AFailedReadingElsewhereDoesNotTouchTheListFrame)
+{
+    dm.AskFilter().PutFrame(ListFrame({0x10, 0x00, 0x10}, 980, 1910));
+    dm.AddWireFrames({FailedReading({0x20, 0x00, 0x20}, BitsOf({0x20, 0x00, 0x20}), 3000, 3890)}, 4500);
+    dm.ListDecoderPassed(4500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.Status, "NoError");
+}
+
+// Two good readings that differ, the second not firm on its bit clock: the
+// signal does not say which is right. Shown as an error with both readings,
+// and counted.
+TEST_F(AskMergeTest, TwoGoodReadingsThatDifferWhereTheSignalCannotTellAreShownWithBoth)
+{
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x10, 0x13}, 980, 1910));
+    AskWireFrame w = WireFrame({0x03, 0x20, 0x23}, 1000, 1900);
+    w.drift = CDataManager::kFirmDrift + 0.05;
+    dm.AddWireFrames({w}, 2500);
+    dm.ListDecoderPassed(2500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.Status, "Error");
+    EXPECT_EQ(events[0]->packet.reading, "disputed");
+    EXPECT_EQ(events[0]->packet.PacketData, "03 20 23 ");
+    EXPECT_EQ(events[0]->packet.otherReading, "03 10 13 ");
+    EXPECT_EQ(events[0]->str.toStdString(), "ChecksumError 03 20 23 ");
+    EXPECT_EQ(dm.Merges().disputed, 1);
+    EXPECT_EQ(dm.Merges().corrected, 0);
+}
+
+TEST_F(AskMergeTest, TwoGoodReadingsThatDifferWhereTheSecondIsFirmAreCorrectedWithBoth)
+{
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x10, 0x13}, 980, 1910));
+    AskWireFrame w = WireFrame({0x03, 0x20, 0x23}, 1000, 1900);
+    w.drift = CDataManager::kFirmDrift - 0.05;
+    dm.AddWireFrames({w}, 2500);
+    dm.ListDecoderPassed(2500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.Status, "NoError");
+    EXPECT_EQ(events[0]->packet.reading, "corrected");
+    EXPECT_EQ(events[0]->packet.otherReading, "03 10 13 ");
+    EXPECT_EQ(dm.Merges().corrected, 1);
+    EXPECT_EQ(dm.Merges().disputed, 0);
+}
+
+TEST_F(AskMergeTest, AnErrorFrameOfTheListDecoderIsCorrectedEvenByALooseReading)
+{
+    // Only one good reading: nothing to dispute.
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x20, 0x13}, 980, 1910, "Error"));
+    AskWireFrame w = WireFrame({0x03, 0x20, 0x23}, 1000, 1900);
+    w.drift = CDataManager::kFirmDrift + 0.1;
+    dm.AddWireFrames({w}, 2500);
+    dm.ListDecoderPassed(2500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.Status, "NoError");
+    EXPECT_EQ(events[0]->packet.reading, "corrected");
+}

@@ -40,8 +40,8 @@ void ExpectPinned(const Pinned& p, bool cutAskOnWorker = true)
 }
 
 const Pinned kFirstReaders{0, 0x807bc557ceaa42e9ULL, 1365, 1321};
-const Pinned kSecondAskReader{1, 0xa0e90990b1fab965ULL, 1363, 1317};
-const Pinned kBothSecondReaders{3, 0x0391ff7d5886bd7fULL, 1363, 1317};
+const Pinned kSecondAskReader{1, 0x422bb148952e37f1ULL, 1363, 1317};
+const Pinned kBothSecondReaders{3, 0x2e6b3f846f5ba2e5ULL, 1363, 1317};
 
 }  // namespace
 
