@@ -1,9 +1,11 @@
 #include "decode/CaptureFile.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <string>
 
 std::FILE* OpenCaptureFile(const std::string& capturePath, const char* suffix, bool withHeader)
 {
@@ -12,8 +14,17 @@ std::FILE* OpenCaptureFile(const std::string& capturePath, const char* suffix, b
     localtime_r(&now, &local);
     char stamp[64];
     std::strftime(stamp, sizeof stamp, "%Y_%m_%d %H_%M_%S", &local);
-    const std::string name = capturePath + stamp + suffix;
-    std::FILE* file = std::fopen(name.c_str(), "wb");
+    // A file is never opened over another: a second capture within the same
+    // second (a reconnect, or the next acquisition of a connection) gets the
+    // name with "_2", "_3" ... after the time instead of emptying the first.
+    std::FILE* file = nullptr;
+    for (int n = 1; n < 100 && !file; ++n) {
+        const std::string name =
+            capturePath + stamp + (n == 1 ? std::string() : "_" + std::to_string(n)) + suffix;
+        file = std::fopen(name.c_str(), "wbx");
+        if (!file && errno != EEXIST)
+            return nullptr;
+    }
     if (!file)
         return nullptr;
     // Each chunk is flushed as it is written; without a stdio buffer it goes
@@ -31,6 +42,17 @@ std::FILE* OpenCaptureFile(const std::string& capturePath, const char* suffix, b
         std::fflush(file);
     }
     return file;
+}
+
+void RenewCaptureFile(std::FILE*& file, const std::string& capturePath, const char* suffix, bool withHeader)
+{
+    if (!file)
+        return;
+    const long at = std::ftell(file);
+    if (at >= 0 && at <= static_cast<long>(withHeader ? kCaptureHeaderBytes : 0))
+        return;
+    std::fclose(file);
+    file = OpenCaptureFile(capturePath, suffix, withHeader);
 }
 
 bool HasCaptureHeader(const unsigned char* bytes, size_t size)

@@ -6,10 +6,16 @@
 #include <string>
 
 // Creates `capturePath` + local time "%Y_%m_%d %H_%M_%S" + suffix (".2k.bin"
-// or ".fsk.bin") with mode "wb". With withHeader, first writes the 40-byte
+// or ".fsk.bin"), new: a name already taken gets "_2", "_3" ... after the
+// time, so that no capture empties another. With withHeader, first writes the 40-byte
 // header: "kestro", two zero bytes, then the local date and time as
 // "%d-%02d-%02d %02d:%02d:%02d" zero-padded to 32 bytes. Null on failure.
 std::FILE* OpenCaptureFile(const std::string& capturePath, const char* suffix, bool withHeader);
+
+// A capture file that already holds stream bytes past its header is closed
+// and a new one opened in its place: each acquisition gets files of its own,
+// whose frames are stamped from its start. An empty one stays.
+void RenewCaptureFile(std::FILE*& file, const std::string& capturePath, const char* suffix, bool withHeader);
 
 // Size of the optional header.
 constexpr size_t kCaptureHeaderBytes = 40;

@@ -30,6 +30,7 @@ int CThread2K::OpenWithoutLoop(const std::string& portName, bool writeHeader, in
         if (m_captureFile)
             std::fclose(m_captureFile);
         m_captureFile = OpenCaptureFile(settings.capturePath, ".2k.bin", writeHeader);
+        m_captureHeader = writeHeader;
     }
     m_divider = 5;
     if (m_port)
@@ -64,6 +65,8 @@ void CThread2K::BeginAcquisition()
 {
     const bool looping = IsRunning();
     Stop();
+    if (SettingParams::Or(m_settings).m_ask_capture_data)
+        RenewCaptureFile(m_captureFile, SettingParams::Or(m_settings).capturePath, ".2k.bin", m_captureHeader);
     if (m_port) {
         std::list<DataPtr> stale;
         m_port->WaitReplies(stale, 0, 0);

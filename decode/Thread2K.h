@@ -74,6 +74,7 @@ private:
     std::deque<uint16_t> m_display;
     SettingParams* m_settings = nullptr;
     std::FILE* m_captureFile = nullptr;
+    bool m_captureHeader = false;  // the capture file begins with the header
     int64_t m_bytesSeen = 0;
     // Written by the run loop only; read by others (the views, tests).
     std::atomic<uint64_t> m_sampleCounter{0};

@@ -40,6 +40,7 @@ int CThreadFSK::OpenWithoutLoop(const std::string& portName, bool writeHeader, i
         if (m_captureFile)
             std::fclose(m_captureFile);
         m_captureFile = OpenCaptureFile(settings.capturePath, ".fsk.bin", writeHeader);
+        m_captureHeader = writeHeader;
     }
     m_tracker.Reset();
     m_divider = 5;
@@ -72,6 +73,8 @@ void CThreadFSK::BeginAcquisition()
 {
     const bool looping = IsRunning();
     Stop();
+    if (SettingParams::Or(m_settings).m_fsk_capture_data)
+        RenewCaptureFile(m_captureFile, SettingParams::Or(m_settings).capturePath, ".fsk.bin", m_captureHeader);
     if (m_port) {
         std::list<DataPtr> stale;
         m_port->WaitReplies(stale, 0, 0);

@@ -95,6 +95,7 @@ private:
     std::mutex m_displayMutex;
     std::deque<uint16_t> m_display;
     std::FILE* m_captureFile = nullptr;
+    bool m_captureHeader = false;  // the capture file begins with the header
     std::vector<uint16_t> m_replay;
     size_t m_replayIndex = 0;
     int64_t m_ticks = 0;

@@ -7,8 +7,13 @@
 #include "services/SettingParams.h"
 #include "sim/DeviceEmulator.h"
 
+#include "decode/CaptureFile.h"
+#include "services/AppSettings.h"
+
 #include <gtest/gtest.h>
 
+#include <QDir>
+#include <QFile>
 #include <QTemporaryDir>
 
 #include <chrono>
@@ -440,10 +445,19 @@ TEST_F(DeviceTest, StartAgainCountsTheSamplesFromItsOwnStart)
     o.speed = 2.0;
     Emulator emu(o);
     ASSERT_TRUE(emu.ok);
+    // Raw captures on: each acquisition gets files of its own, in the
+    // session folder that Connect makes (the settings file is read first, so
+    // that it does not overwrite them).
+    AppSettings::Instance();
+    SettingParams& s = SettingParams::Instance();
+    s.savePath = folders.path().toStdString();
+    s.m_ask_capture_data = 1;
+    s.m_fsk_capture_data = 1;
     NullView view;
     AcquisitionController c(view, emu.Pattern());
     c.Connect();
     ASSERT_TRUE(c.IsRunning());
+    const std::string captures = s.capturePath;
     for (int run = 0; run < 3; ++run) {
         if (run > 0) {
             c.Start();
@@ -461,4 +475,23 @@ TEST_F(DeviceTest, StartAgainCountsTheSamplesFromItsOwnStart)
         EXPECT_EQ(c.Manager().QueuedEvents(), 0u) << run;
     }
     c.Disconnect();
+    s.m_ask_capture_data = 0;
+    s.m_fsk_capture_data = 0;
+    // Three ASK and three FSK files; in each, the first whole frame is
+    // stamped near the start of its own acquisition.
+    for (const char* suffix : {"*.2k.bin", "*.fsk.bin"}) {
+        const QStringList names = QDir(QString::fromStdString(captures)).entryList({suffix}, QDir::Files);
+        ASSERT_EQ(names.size(), 3) << suffix << " " << names.join(", ").toStdString();
+        for (const QString& n : names) {
+            QFile f(QString::fromStdString(captures) + n);
+            ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+            QByteArray bytes = f.readAll();
+            const auto* b = reinterpret_cast<const unsigned char*>(bytes.constData());
+            size_t at = HasCaptureHeader(b, static_cast<size_t>(bytes.size())) ? kCaptureHeaderBytes : 0;
+            at += FirstChainedFrame(b + at, static_cast<size_t>(bytes.size()) - at);
+            ASSERT_LE(at + 8, static_cast<size_t>(bytes.size())) << n.toStdString();
+            const uint32_t stamp = b[at + 4] | b[at + 5] << 8 | b[at + 6] << 16 | static_cast<uint32_t>(b[at + 7]) << 24;
+            EXPECT_LT(stamp, 200u) << n.toStdString();
+        }
+    }
 }

@@ -9,7 +9,9 @@
 #include <QTemporaryDir>
 
 #include <fstream>
+#include <algorithm>
 #include <iterator>
+#include <set>
 
 namespace {
 
@@ -191,4 +193,60 @@ TEST(CaptureFile, FskCaptureFedBackGivesTheSameFrames)
     EXPECT_EQ(replayed, liveFrames);
     ASSERT_EQ(replayed.size(), 2u);
     EXPECT_EQ(replayed[0].substr(0, 9), "1F 64 7B ");
+}
+
+// Two captures opened within one second (a reconnect, the next acquisition):
+// the second gets a name of its own and the first keeps its bytes.
+TEST(CaptureFile, ASecondFileWithinTheSameSecondNeverEmptiesTheFirst)
+{
+    QTemporaryDir dir;
+    const std::string folder = dir.path().toStdString() + "/";
+    std::vector<std::FILE*> files;
+    for (int k = 0; k < 3; ++k) {
+        std::FILE* f = OpenCaptureFile(folder, ".2k.bin", false);
+        ASSERT_TRUE(f);
+        const uint8_t byte = static_cast<uint8_t>(k + 1);
+        std::fwrite(&byte, 1, 1, f);
+        files.push_back(f);
+    }
+    for (std::FILE* f : files)
+        std::fclose(f);
+    const auto names = FilesIn(dir.path());
+    // Three files, or, when the clock's second turned between them, still
+    // three: each holds its own byte.
+    ASSERT_EQ(names.size(), 3u);
+    std::set<uint8_t> held;
+    for (const auto& n : names) {
+        const auto bytes = ReadFile(n);
+        ASSERT_EQ(bytes.size(), 1u) << n;
+        held.insert(bytes[0]);
+    }
+    EXPECT_EQ(held, (std::set<uint8_t>{1, 2, 3}));
+}
+
+TEST(CaptureFile, RenewKeepsAFileWithoutStreamBytesAndReplacesOneWithThem)
+{
+    QTemporaryDir dir;
+    const std::string folder = dir.path().toStdString() + "/";
+    std::FILE* f = OpenCaptureFile(folder, ".fsk.bin", true);
+    ASSERT_TRUE(f);
+    std::FILE* before = f;
+    RenewCaptureFile(f, folder, ".fsk.bin", true);
+    EXPECT_EQ(f, before);  // the header alone: the same file goes on
+    EXPECT_EQ(FilesIn(dir.path()).size(), 1u);
+    const uint8_t bytes[4] = {1, 2, 3, 4};
+    std::fwrite(bytes, 1, 4, f);
+    RenewCaptureFile(f, folder, ".fsk.bin", true);
+    ASSERT_TRUE(f);
+    std::fclose(f);
+    const auto names = FilesIn(dir.path());
+    ASSERT_EQ(names.size(), 2u);
+    std::vector<size_t> sizes;
+    for (const auto& n : names)
+        sizes.push_back(ReadFile(n).size());
+    std::sort(sizes.begin(), sizes.end());
+    EXPECT_EQ(sizes, (std::vector<size_t>{40u, 44u}));
+    std::FILE* none = nullptr;
+    RenewCaptureFile(none, folder, ".fsk.bin", true);
+    EXPECT_EQ(none, nullptr);
 }
