@@ -1,6 +1,7 @@
 // coilscope-cli --filter and --format over a replayed emulator session: the
 // filtered output holds exactly the events that a count over the unfiltered
 // --json output finds.
+#include "ProcessFixtures.h"
 #include "sim/StreamSynth.h"
 
 #include <gtest/gtest.h>
@@ -17,38 +18,11 @@
 #include <string>
 #include <vector>
 
+using e2e::Lines;
+using e2e::Result;
+using e2e::RunCli;
+
 namespace {
-
-struct Result {
-    std::string out;
-    int status = -1;
-};
-
-Result RunCli(const std::string& args, bool withStderr = false)
-{
-    const std::string command = std::string(COILSCOPE_CLI) + " " + args + (withStderr ? " 2>&1" : " 2>/dev/null");
-    Result r;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe)
-        return r;
-    std::array<char, 4096> buffer;
-    size_t n;
-    while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
-        r.out.append(buffer.data(), n);
-    const int raw = pclose(pipe);
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    return r;
-}
-
-std::vector<std::string> Lines(const std::string& text)
-{
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line))
-        out.push_back(line);
-    return out;
-}
 
 std::vector<Json::Value> JsonLines(const std::string& text)
 {

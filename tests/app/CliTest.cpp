@@ -1,5 +1,7 @@
 // coilscope-cli as a user runs it: the program itself, its output and its
 // exit status.
+#include "ProcessFixtures.h"
+
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
@@ -11,43 +13,13 @@
 #include <cstdlib>
 #include <string>
 
+using e2e::Result;
+using e2e::RunCli;
+
 namespace {
 
-struct Result {
-    std::string out;
-    int status = -1;
-};
-
-Result RunCli(const std::string& args, bool withStderr = false)
-{
-    const std::string command = std::string(COILSCOPE_CLI) + " " + args + (withStderr ? " 2>&1" : " 2>/dev/null");
-    Result r;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe)
-        return r;
-    std::array<char, 4096> buffer;
-    size_t n;
-    while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
-        r.out.append(buffer.data(), n);
-    const int raw = pclose(pipe);
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    return r;
-}
-
 // The standard output of a shell command.
-std::string RunShell(const std::string& command)
-{
-    std::string out;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe)
-        return out;
-    std::array<char, 4096> buffer;
-    size_t n;
-    while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
-        out.append(buffer.data(), n);
-    pclose(pipe);
-    return out;
-}
+std::string RunShell(const std::string& command) { return e2e::Shell(command).out; }
 
 }  // namespace
 

@@ -50,6 +50,15 @@ inline Result Shell(const std::string& command)
     return r;
 }
 
+#ifdef COILSCOPE_CLI
+// Runs coilscope-cli with the arguments, its stderr after its stdout or
+// dropped.
+inline Result RunCli(const std::string& args, bool withStderr = false)
+{
+    return Shell(std::string(COILSCOPE_CLI) + " " + args + (withStderr ? " 2>&1" : " 2>/dev/null"));
+}
+#endif
+
 inline std::vector<std::string> Lines(const std::string& text)
 {
     std::vector<std::string> lines;
