@@ -288,15 +288,18 @@ private:
         return false;
     }
 
-    std::shared_ptr<const FilterNode> Expr()
+    // Operands of one binary operator, left to right: next() reads each
+    // operand (the level that binds tighter).
+    template <class Next>
+    std::shared_ptr<const FilterNode> Chain(Token::Kind op, FilterNode::Kind kind, Next next)
     {
-        auto left = AndExpr();
-        while (left && Peek().kind == Token::Or) {
+        auto left = next();
+        while (left && Peek().kind == op) {
             Take();
             auto n = std::make_shared<FilterNode>();
-            n->kind = FilterNode::Or;
+            n->kind = kind;
             n->a = left;
-            n->b = AndExpr();
+            n->b = next();
             if (!n->b)
                 return nullptr;
             left = n;
@@ -304,20 +307,11 @@ private:
         return left;
     }
 
+    std::shared_ptr<const FilterNode> Expr() { return Chain(Token::Or, FilterNode::Or, [this] { return AndExpr(); }); }
+
     std::shared_ptr<const FilterNode> AndExpr()
     {
-        auto left = Unary();
-        while (left && Peek().kind == Token::And) {
-            Take();
-            auto n = std::make_shared<FilterNode>();
-            n->kind = FilterNode::And;
-            n->a = left;
-            n->b = Unary();
-            if (!n->b)
-                return nullptr;
-            left = n;
-        }
-        return left;
+        return Chain(Token::And, FilterNode::And, [this] { return Unary(); });
     }
 
     std::shared_ptr<const FilterNode> Unary()

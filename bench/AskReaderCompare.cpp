@@ -12,6 +12,7 @@
 // Packets: every header the dispatcher knows, random message bytes, swings
 // 400..3000 of either sign, idle levels anywhere that fits, preambles 11..25,
 // 2 % noise, edges jittered by up to two samples; per bit rate.
+#include "MergedReplay.h"
 #include "AskChain.h"
 #include "AskRandomStream.h"
 #include "decode/AskWireReader.h"
@@ -233,10 +234,7 @@ Stream MakeStream(const std::vector<uint8_t>& headers, int packets, double spb, 
     return MakeAskRandomStream(headers, packets, spb, seed, g_harsh);
 }
 
-struct Found {
-    uint64_t start;
-    std::vector<uint8_t> bytes;
-};
+using Found = AskFoundFrame;
 
 struct Tally {
     int sent = 0, exact = 0, falseFrames = 0;
@@ -310,24 +308,7 @@ std::vector<Found> RunList(const std::vector<uint16_t>& samples)
 
 // The events of a replay of the stream through the data manager, where the
 // list decoder and the shipped reader (A) are merged: what the user sees.
-std::vector<Found> RunBoth(const std::vector<uint16_t>& samples)
-{
-    SettingParams settings;
-    settings.m_ask_second_reader = 1;
-    StreamReplay replay(qisim::AskStreamFrames(samples), {}, &settings);
-    std::vector<Found> out;
-    replay.Run([&](std::vector<MsgInfoPtr>& events) {
-        for (const auto& e : events) {
-            if (e->direction != 2 || e->packet.Status != "NoError" || e->packet.PacketData.empty())
-                continue;
-            std::vector<uint8_t> got;
-            for (size_t i = 0; i + 1 < e->packet.PacketData.size(); i += 3)
-                got.push_back(static_cast<uint8_t>(std::stoi(e->packet.PacketData.substr(i, 2), nullptr, 16)));
-            out.push_back({e->timing.startTime / 25, got});
-        }
-    });
-    return out;
-}
+std::vector<Found> RunBoth(const std::vector<uint16_t>& samples) { return MergedGoodFrames(samples); }
 
 void Row(const char* label, const Tally& a, const Tally& b, const Tally& l, const Tally& m)
 {

@@ -13,6 +13,7 @@
 // ("wire" runs the second reader alone, "both" the merged output too, which
 // runs the whole replay chain and takes much longer).
 #include "AskConditions.h"
+#include "MergedReplay.h"
 #include "decode/AskWireReader.h"
 #include "events/StreamReplay.h"
 #include "services/SettingParams.h"
@@ -50,30 +51,7 @@ std::vector<Found> RunWire(const std::vector<uint16_t>& samples)
 // The good receiver frames of a replay through the data manager, both readers on.
 CDataManager::MergeCounts g_counts;
 
-std::vector<Found> RunBoth(const std::vector<uint16_t>& samples)
-{
-    SettingParams settings;
-    settings.m_ask_second_reader = 1;
-    StreamReplay replay(qisim::AskStreamFrames(samples), {}, &settings);
-    std::vector<Found> out;
-    replay.Run([&](std::vector<MsgInfoPtr>& events) {
-        for (const auto& e : events) {
-            if (e->direction != 2 || e->packet.Status != "NoError" || e->packet.PacketData.empty())
-                continue;
-            std::vector<uint8_t> got;
-            for (size_t i = 0; i + 1 < e->packet.PacketData.size(); i += 3)
-                got.push_back(static_cast<uint8_t>(std::stoi(e->packet.PacketData.substr(i, 2), nullptr, 16)));
-            out.push_back({e->timing.startTime / 25, got});
-        }
-    });
-    const auto c = replay.Manager().Merges();
-    g_counts.recovered += c.recovered;
-    g_counts.corrected += c.corrected;
-    g_counts.agreed += c.agreed;
-    g_counts.disputed += c.disputed;
-    g_counts.refused += c.refused;
-    return out;
-}
+std::vector<Found> RunBoth(const std::vector<uint16_t>& samples) { return MergedGoodFrames(samples, &g_counts); }
 
 void Print(const char* label, const Tally& t)
 {
