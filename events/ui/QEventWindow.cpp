@@ -8,6 +8,8 @@
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QIdentityProxyModel>
+#include <QLabel>
+#include <QLineEdit>
 #include <QMenu>
 #include <QPlainTextEdit>
 #include <QPushButton>
@@ -53,6 +55,12 @@ public:
             const auto* item = static_cast<const QStandardItemEx*>(m_source.itemFromIndex(mapToSource(index)));
             return item ? QVariant(m_window.IconOf(*item)) : QVariant();
         }
+        if (role == Qt::DisplayRole) {
+            const QString note = m_window.FilterNote(m_source.itemFromIndex(mapToSource(index)));
+            if (!note.isEmpty())
+                return QIdentityProxyModel::data(index, role).toString() + QStringLiteral("  [") + note +
+                       QLatin1Char(']');
+        }
         return QIdentityProxyModel::data(index, role);
     }
 
@@ -76,10 +84,19 @@ QEventWindow::QEventWindow(QWidget* parent) : PanelDialog(parent)
     m_treeTimer->setSingleShot(true);
     m_treeTimer->setInterval(kTreeCatchUpMs);
     connect(m_treeTimer, &QTimer::timeout, this, &QEventWindow::CatchUpTree);
+    m_model.eventAdded = [this](const MsgInfo& e, int phase) { TakeEvent(e, phase); };
+    connect(&m_model.Model(), &QAbstractItemModel::rowsAboutToBeRemoved, this, &QEventWindow::ForgetRows);
+    connect(&m_model.Model(), &QAbstractItemModel::modelAboutToBeReset, this, [this] {
+        m_fields.clear();
+        m_groupCounts.clear();
+    });
 }
 
 QEventWindow::~QEventWindow()
 {
+    // The model outlives the fields kept beside it: it no longer tells them.
+    disconnect(&m_model.Model(), nullptr, this, nullptr);
+    m_model.eventAdded = nullptr;
     m_eventView->setModel(nullptr);
 }
 
@@ -116,6 +133,20 @@ void QEventWindow::BuildForm()
     }
     treeButtons->addStretch(1);
     treeLayout->addLayout(treeButtons);
+    auto* filterRow = new QHBoxLayout();
+    m_filterEdit = new QLineEdit(m_tab);
+    m_filterEdit->setObjectName(QStringLiteral("filterEdit"));
+    m_filterEdit->setPlaceholderText(QStringLiteral("Display filter, e.g. type == ControlError && ce.value < 0 (Enter applies)"));
+    m_filterEdit->setClearButtonEnabled(true);
+    m_filterEdit->setToolTip(QStringLiteral("Display filter: Enter applies it, an empty bar shows every event"));
+    filterRow->addWidget(m_filterEdit, 1);
+    m_filterError = new QLabel(m_tab);
+    m_filterError->setObjectName(QStringLiteral("filterError"));
+    m_filterError->setStyleSheet(QStringLiteral("color: #b00000;"));
+    m_filterError->hide();
+    filterRow->addWidget(m_filterError);
+    treeLayout->addLayout(filterRow);
+    connect(m_filterEdit, &QLineEdit::returnPressed, this, &QEventWindow::ApplyFilterText);
     m_eventView = new EventTreeView(m_tab);
     m_eventView->setObjectName(QStringLiteral("eventView"));
     m_eventView->setHeaderHidden(true);
@@ -228,6 +259,8 @@ void QEventWindow::ChangeTree(Change&& change)
     const int rootRows = m_model.Root()->rowCount();
     BeforeTreeChange();
     change();
+    if (!m_filter.IsEmpty())
+        ApplyFilter(rootRows - 1);
     AfterTreeChange(rootRows);
 }
 
@@ -238,7 +271,161 @@ void QEventWindow::AddEvents(const std::vector<MsgInfoPtr>& events)
 
 void QEventWindow::StartAcquisition(const std::string& text)
 {
+    m_builder.Reset();
     ChangeTree([&] { m_model.StartAcquisition(text); });
+}
+
+// The fields of each event as it is taken, kept by its item: filtering
+// never reads an event back from the session file. The item is the one the
+// model has just appended (a violation and a contract stand at the root, a
+// control error and a digital ping in the open sub-group).
+void QEventWindow::TakeEvent(const MsgInfo& e, int phase)
+{
+    QStandardItem* parent = nullptr;
+    if (e.type == kTypeViolation || e.type == kTypeContract)
+        parent = m_model.Root();
+    else if (m_model.SubGroup() && (e.type == 3 || e.type == kTypeDigitalPing))
+        parent = m_model.SubGroup();
+    else
+        parent = m_model.PhaseGroup();
+    if (!parent || parent->rowCount() == 0)
+        return;
+    const QStandardItem* item = parent->child(parent->rowCount() - 1);
+    m_fields.insert(item, m_builder.Next(e, e.common.eventNumber, phase));
+}
+
+void QEventWindow::ForgetRows(const QModelIndex& parent, int first, int last)
+{
+    QStandardItem* p = parent.isValid() ? m_model.Model().itemFromIndex(parent) : m_model.Model().invisibleRootItem();
+    if (!p)
+        return;
+    std::vector<const QStandardItem*> stack;
+    for (int r = first; r <= last; ++r)
+        if (QStandardItem* c = p->child(r))
+            stack.push_back(c);
+    while (!stack.empty()) {
+        const QStandardItem* item = stack.back();
+        stack.pop_back();
+        m_fields.remove(item);
+        m_groupCounts.remove(item);
+        for (int r = 0; r < item->rowCount(); ++r)
+            stack.push_back(item->child(r));
+    }
+}
+
+const analysis::EventFields* QEventWindow::FieldsOf(const QStandardItem* item) const
+{
+    const auto found = m_fields.constFind(item);
+    return found == m_fields.constEnd() ? nullptr : &found.value();
+}
+
+QString QEventWindow::FilterNote(const QStandardItem* item) const
+{
+    if (m_filter.IsEmpty() || !item)
+        return QString();
+    const auto found = m_groupCounts.constFind(item);
+    if (found == m_groupCounts.constEnd())
+        return QString();
+    return QStringLiteral("%1 of %2 shown").arg(found->first).arg(found->second);
+}
+
+void QEventWindow::ApplyFilterText()
+{
+    SetFilter(m_filterEdit->text());
+}
+
+bool QEventWindow::SetFilter(const QString& text)
+{
+    if (m_filterEdit->text() != text)
+        m_filterEdit->setText(text);
+    analysis::FilterError error;
+    if (!m_filter.Compile(text.toStdString(), error)) {
+        m_filterRefused = true;
+        const QString message = QString::fromStdString(error.message);
+        m_filterEdit->setStyleSheet(QStringLiteral("QLineEdit { background: #ffc8c8; }"));
+        m_filterEdit->setToolTip(message + QStringLiteral("\nStill shown: ") +
+                                 (m_filter.IsEmpty() ? QStringLiteral("every event")
+                                                     : QString::fromStdString(m_filter.Text())));
+        m_filterError->setText(message);
+        m_filterError->show();
+        m_filterEdit->setCursorPosition(static_cast<int>(error.position));
+        return false;
+    }
+    m_filterRefused = false;
+    m_filterEdit->setStyleSheet(QString());
+    m_filterEdit->setToolTip(QStringLiteral("Display filter: Enter applies it, an empty bar shows every event"));
+    m_filterError->clear();
+    m_filterError->hide();
+    ApplyFilter(0);
+    return true;
+}
+
+void QEventWindow::SetRowShown(int row, const QModelIndex& proxyParent, bool shown)
+{
+    if (m_eventView->isRowHidden(row, proxyParent) == shown)
+        m_eventView->setRowHidden(row, proxyParent, !shown);
+}
+
+std::pair<int, int> QEventWindow::FilterGroup(QStandardItem* group, const QModelIndex& proxyGroup)
+{
+    const bool all = m_filter.IsEmpty();
+    int shown = 0;
+    int total = 0;
+    for (int r = 0; r < group->rowCount(); ++r) {
+        QStandardItem* child = group->child(r);
+        if (const analysis::EventFields* f = FieldsOf(child)) {
+            const bool match = all || m_filter.Matches(*f);
+            SetRowShown(r, proxyGroup, match);
+            total += 1;
+            shown += match ? 1 : 0;
+        } else if (child->hasChildren()) {
+            const auto counts = FilterGroup(child, m_proxy->index(r, 0, proxyGroup));
+            SetRowShown(r, proxyGroup, all || counts.first > 0 || counts.second == 0);
+            shown += counts.first;
+            total += counts.second;
+        }
+    }
+    m_groupCounts.insert(group, {shown, total});
+    return {shown, total};
+}
+
+// Hiding rows leaves the model (and what it writes) as it is, and a new
+// batch only filters the groups it may have touched.
+void QEventWindow::ApplyFilter(int fromRootRow)
+{
+    QStandardItemEx* root = m_model.Root();
+    if (!root)
+        return;
+    const QModelIndex proxyRoot = m_proxy->index(0, 0);
+    const bool all = m_filter.IsEmpty();
+    for (int r = std::max(0, fromRootRow); r < root->rowCount(); ++r) {
+        QStandardItem* item = root->child(r);
+        if (const analysis::EventFields* f = FieldsOf(item))
+            SetRowShown(r, proxyRoot, all || m_filter.Matches(*f));
+        else if (item->hasChildren()) {
+            const auto counts = FilterGroup(item, m_proxy->index(r, 0, proxyRoot));
+            SetRowShown(r, proxyRoot, all || counts.first > 0 || counts.second == 0);
+        }
+    }
+    // The totals: the root's events and its groups' counts.
+    int shown = 0;
+    int total = 0;
+    for (int r = 0; r < root->rowCount(); ++r) {
+        QStandardItem* item = root->child(r);
+        if (FieldsOf(item)) {
+            total += 1;
+            shown += m_eventView->isRowHidden(r, proxyRoot) ? 0 : 1;
+        } else {
+            const auto found = m_groupCounts.constFind(item);
+            if (found != m_groupCounts.constEnd()) {
+                shown += found->first;
+                total += found->second;
+            }
+        }
+    }
+    m_groupCounts.insert(root, {shown, total});
+    m_shownEvents = shown;
+    m_eventView->viewport()->update();
 }
 
 void QEventWindow::StopAcquisition(const std::string& text)
@@ -253,6 +440,9 @@ void QEventWindow::ClearAll()
     m_eventView->viewport()->setUpdatesEnabled(true);
     m_eventView->ReleaseLayout();
     m_model.ClearAll();
+    m_fields.clear();
+    m_groupCounts.clear();
+    m_shownEvents = 0;
     m_expandedAll = false;
     m_eventView->expand(m_proxy->index(0, 0));
     RebuildLogText();

@@ -6,14 +6,19 @@
 // views, and the log's "Open Saved Dir".
 #pragma once
 
+#include "analysis/EventFields.h"
+#include "analysis/Filter.h"
 #include "events/EventLogModel.h"
 
 #include "events/ui/PanelDialog.h"
+#include <QHash>
 #include <QIcon>
 #include <QMap>
 #include <QTreeView>
 
 class QIdentityProxyModel;
+class QLabel;
+class QLineEdit;
 class QModelIndex;
 class QPlainTextEdit;
 class QPushButton;
@@ -89,6 +94,28 @@ public:
     // would otherwise show an empty view while its painting is held.
     void CatchUpNow();
 
+    // The display filter above the tree. Events that fail it are hidden (the
+    // model keeps them); a group whose events all fail is hidden, and a group
+    // with some shown says how many of how many. A bad expression leaves the
+    // last good filter in force and turns the bar red with the error as its
+    // tool tip and beside it.
+    QLineEdit* FilterEdit() const { return m_filterEdit; }
+    QLabel* FilterErrorLabel() const { return m_filterError; }
+    // Compiles and applies a filter as the bar does on Enter; false (and the
+    // bar red) for a bad expression.
+    bool SetFilter(const QString& text);
+    const analysis::Filter& CurrentFilter() const { return m_filter; }
+    // True when the bar shows an error.
+    bool FilterRefused() const { return m_filterRefused; }
+    // The fields the filter sees of an event item, or null for an item that
+    // is no event.
+    const analysis::EventFields* FieldsOf(const QStandardItem* item) const;
+    // What a group's title adds under a filter ("3 of 20 shown"), or empty.
+    QString FilterNote(const QStandardItem* item) const;
+    // Events the filter shows and events in the tree.
+    int ShownEvents() const { return m_filter.IsEmpty() ? m_fields.size() : m_shownEvents; }
+    int TotalEvents() const { return m_fields.size(); }
+
 signals:
     void EventWindowSelect_Signal(MsgInfo& info, StandardItemMode mode);
 
@@ -101,8 +128,18 @@ public slots:
     void slot_textmenu(const QPoint& at);
     void slot_openDir(bool checked = false);
 
+private slots:
+    void ApplyFilterText();
+
 private:
     void BuildForm();
+    void TakeEvent(const MsgInfo& event, int phase);
+    void ForgetRows(const QModelIndex& parent, int first, int last);
+    // Shows and hides the rows of the root from row `fromRootRow` on.
+    void ApplyFilter(int fromRootRow);
+    // Filters a group's rows; its shown and total events.
+    std::pair<int, int> FilterGroup(QStandardItem* group, const QModelIndex& proxyGroup);
+    void SetRowShown(int row, const QModelIndex& proxyParent, bool shown);
     // What a change of the tree shows; the root had rootRowsBefore rows before.
     template <class Change>
     void ChangeTree(Change&& change);
@@ -116,6 +153,14 @@ private:
 
     EventLogModel m_model;
     QIdentityProxyModel* m_proxy = nullptr;
+    analysis::Filter m_filter;
+    analysis::EventFieldsBuilder m_builder;
+    QHash<const QStandardItem*, analysis::EventFields> m_fields;
+    QHash<const QStandardItem*, std::pair<int, int>> m_groupCounts;
+    int m_shownEvents = 0;
+    bool m_filterRefused = false;
+    QLineEdit* m_filterEdit = nullptr;
+    QLabel* m_filterError = nullptr;
     QMap<QString, QIcon> m_icons;
     bool m_logScroll = true;
     bool m_eventScroll = true;
