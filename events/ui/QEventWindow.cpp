@@ -6,6 +6,7 @@
 
 #include <QFontDatabase>
 #include <QHBoxLayout>
+#include <QAction>
 #include <QHeaderView>
 #include <QIdentityProxyModel>
 #include <QLabel>
@@ -40,7 +41,10 @@ const char* const kIconFiles[][2] = {
     {"info", "info_24x24.ico"},
 };
 
-// The tree as the model holds it, with the icon of each item's kind.
+// The tree as the model holds it, with the icon of each item's kind, and
+// columns beside the text that the model does not hold: an event's number,
+// time, the time since the event shown before it, and direction. They are
+// worked out from the fields kept of each event, for the rows painted.
 class IconProxy : public QIdentityProxyModel {
 public:
     IconProxy(const QEventWindow& window, QStandardItemModel& source, QObject* parent)
@@ -49,14 +53,67 @@ public:
         setSourceModel(&source);
     }
 
+    int columnCount(const QModelIndex& parent) const override
+    {
+        return parent.column() > 0 ? 0 : QEventWindow::kColumns;
+    }
+    int rowCount(const QModelIndex& parent) const override
+    {
+        return parent.column() > 0 ? 0 : QIdentityProxyModel::rowCount(parent);
+    }
+    bool hasChildren(const QModelIndex& parent) const override
+    {
+        return parent.column() > 0 ? false : QIdentityProxyModel::hasChildren(parent);
+    }
+    QModelIndex index(int row, int column, const QModelIndex& parent) const override
+    {
+        if (column <= 0 || column >= QEventWindow::kColumns)
+            return QIdentityProxyModel::index(row, column, parent);
+        const QModelIndex first = QIdentityProxyModel::index(row, 0, parent);
+        return first.isValid() ? createIndex(row, column, first.internalPointer()) : QModelIndex();
+    }
+    QModelIndex parent(const QModelIndex& child) const override
+    {
+        return QIdentityProxyModel::parent(First(child));
+    }
+    QModelIndex sibling(int row, int column, const QModelIndex& idx) const override
+    {
+        return index(row, column, parent(idx));
+    }
+    QModelIndex mapToSource(const QModelIndex& proxy) const override
+    {
+        return QIdentityProxyModel::mapToSource(First(proxy));
+    }
+    Qt::ItemFlags flags(const QModelIndex& index) const override
+    {
+        return QIdentityProxyModel::flags(First(index)) & ~Qt::ItemIsEditable;
+    }
+    QVariant headerData(int section, Qt::Orientation orientation, int role) const override
+    {
+        if (orientation == Qt::Horizontal && role == Qt::DisplayRole)
+            return QEventWindow::ColumnTitle(section);
+        return QIdentityProxyModel::headerData(section, orientation, role);
+    }
+
     QVariant data(const QModelIndex& index, int role) const override
     {
+        const QStandardItem* item = m_source.itemFromIndex(mapToSource(index));
+        if (index.column() > 0) {
+            if (!item)
+                return QVariant();
+            if (role == Qt::TextAlignmentRole)
+                return index.column() == QEventWindow::kColumnDir ? int(Qt::AlignCenter)
+                                                                  : int(Qt::AlignRight | Qt::AlignVCenter);
+            if (role == Qt::DisplayRole)
+                return m_window.ColumnText(item, index.column());
+            return QVariant();
+        }
         if (role == Qt::DecorationRole) {
-            const auto* item = static_cast<const QStandardItemEx*>(m_source.itemFromIndex(mapToSource(index)));
-            return item ? QVariant(m_window.IconOf(*item)) : QVariant();
+            const auto* ex = static_cast<const QStandardItemEx*>(item);
+            return ex ? QVariant(m_window.IconOf(*ex)) : QVariant();
         }
         if (role == Qt::DisplayRole) {
-            const QString note = m_window.FilterNote(m_source.itemFromIndex(mapToSource(index)));
+            const QString note = m_window.FilterNote(item);
             if (!note.isEmpty())
                 return QIdentityProxyModel::data(index, role).toString() + QStringLiteral("  [") + note +
                        QLatin1Char(']');
@@ -65,6 +122,11 @@ public:
     }
 
 private:
+    QModelIndex First(const QModelIndex& index) const
+    {
+        return index.isValid() && index.column() > 0 ? createIndex(index.row(), 0, index.internalPointer()) : index;
+    }
+
     const QEventWindow& m_window;
     QStandardItemModel& m_source;
 };
@@ -78,6 +140,7 @@ QEventWindow::QEventWindow(QWidget* parent) : PanelDialog(parent)
     BuildForm();
     m_proxy = new IconProxy(*this, m_model.Model(), this);
     m_eventView->setModel(m_proxy);
+    BuildColumns();
     m_eventView->expand(m_proxy->index(0, 0));
     RebuildLogText();
     m_treeTimer = new QTimer(this);
@@ -88,6 +151,7 @@ QEventWindow::QEventWindow(QWidget* parent) : PanelDialog(parent)
     connect(&m_model.Model(), &QAbstractItemModel::rowsAboutToBeRemoved, this, &QEventWindow::ForgetRows);
     connect(&m_model.Model(), &QAbstractItemModel::modelAboutToBeReset, this, [this] {
         m_fields.clear();
+        m_hidden.clear();
         m_groupCounts.clear();
     });
 }
@@ -96,6 +160,7 @@ QEventWindow::~QEventWindow()
 {
     // The model outlives the fields kept beside it: it no longer tells them.
     disconnect(&m_model.Model(), nullptr, this, nullptr);
+    KeepColumns();
     m_model.eventAdded = nullptr;
     m_eventView->setModel(nullptr);
 }
@@ -149,7 +214,6 @@ void QEventWindow::BuildForm()
     connect(m_filterEdit, &QLineEdit::returnPressed, this, &QEventWindow::ApplyFilterText);
     m_eventView = new EventTreeView(m_tab);
     m_eventView->setObjectName(QStringLiteral("eventView"));
-    m_eventView->setHeaderHidden(true);
     m_eventView->setEditTriggers(QAbstractItemView::NoEditTriggers);
     m_eventView->setSelectionMode(QAbstractItemView::SingleSelection);
     m_eventView->setUniformRowHeights(true);
@@ -307,6 +371,7 @@ void QEventWindow::ForgetRows(const QModelIndex& parent, int first, int last)
         const QStandardItem* item = stack.back();
         stack.pop_back();
         m_fields.remove(item);
+        m_hidden.remove(item);
         m_groupCounts.remove(item);
         for (int r = 0; r < item->rowCount(); ++r)
             stack.push_back(item->child(r));
@@ -327,6 +392,119 @@ QString QEventWindow::FilterNote(const QStandardItem* item) const
     if (found == m_groupCounts.constEnd())
         return QString();
     return QStringLiteral("%1 of %2 shown").arg(found->first).arg(found->second);
+}
+
+namespace {
+
+// The columns as the user left them, for the windows made after.
+QByteArray& KeptColumns()
+{
+    static QByteArray state;
+    return state;
+}
+
+}  // namespace
+
+QString QEventWindow::ColumnTitle(int column)
+{
+    switch (column) {
+    case kColumnText:
+        return QStringLiteral("Event");
+    case kColumnNumber:
+        return QStringLiteral("No.");
+    case kColumnTime:
+        return QStringLiteral("Time (ms)");
+    case kColumnDelta:
+        return QStringLiteral("\u0394t (ms)");
+    case kColumnDir:
+        return QStringLiteral("Dir");
+    }
+    return QString();
+}
+
+void QEventWindow::BuildColumns()
+{
+    QHeaderView* header = m_eventView->header();
+    header->setObjectName(QStringLiteral("eventHeader"));
+    header->setSectionsMovable(true);
+    header->setStretchLastSection(false);
+    m_eventView->setTreePosition(kColumnText);
+    header->moveSection(kColumnText, kColumns - 1);
+    const int digits = m_eventView->fontMetrics().horizontalAdvance(QStringLiteral("0"));
+    header->resizeSection(kColumnNumber, digits * 7);
+    header->resizeSection(kColumnTime, digits * 11);
+    header->resizeSection(kColumnDelta, digits * 9);
+    header->resizeSection(kColumnDir, digits * 4 + 8);
+    header->resizeSection(kColumnText, 400);
+    if (!KeptColumns().isEmpty())
+        header->restoreState(KeptColumns());
+    header->setContextMenuPolicy(Qt::CustomContextMenu);
+    m_columnMenu = new QMenu(this);
+    m_columnMenu->setObjectName(QStringLiteral("columnMenu"));
+    for (int c = kColumnNumber; c < kColumns; ++c) {
+        QAction* a = m_columnMenu->addAction(ColumnTitle(c));
+        a->setObjectName(QStringLiteral("column%1").arg(c));
+        a->setCheckable(true);
+        a->setChecked(!header->isSectionHidden(c));
+        connect(a, &QAction::toggled, this, [this, c](bool on) {
+            m_eventView->header()->setSectionHidden(c, !on);
+            KeepColumns();
+        });
+    }
+    connect(header, &QHeaderView::customContextMenuRequested, this,
+            [this, header](const QPoint& at) { m_columnMenu->popup(header->mapToGlobal(at)); });
+    connect(header, &QHeaderView::sectionResized, this, [this] { KeepColumns(); });
+    connect(header, &QHeaderView::sectionMoved, this, [this] { KeepColumns(); });
+}
+
+void QEventWindow::KeepColumns()
+{
+    KeptColumns() = m_eventView->header()->saveState();
+}
+
+bool QEventWindow::EventShown(const QStandardItem* item) const
+{
+    return m_filter.IsEmpty() || !m_hidden.contains(item);
+}
+
+QString QEventWindow::ColumnText(const QStandardItem* item, int column) const
+{
+    const analysis::EventFields* f = FieldsOf(item);
+    if (!f)
+        return QString();
+    switch (column) {
+    case kColumnNumber:
+        return QString::number(f->number);
+    case kColumnTime:
+        return QString::number(f->timeMs, 'f', 3);
+    case kColumnDir:
+        return f->dir == analysis::kDirNone ? QString() : QString::fromLatin1(analysis::DirWord(f->dir));
+    case kColumnDelta: {
+        // The event shown before this one, walking the tree back: the
+        // previous sibling's last row (deepest first), else the parent. A
+        // long run of hidden events is not walked past.
+        const QStandardItem* at = item;
+        for (int steps = 0; steps < 20000; ++steps) {
+            const QStandardItem* parent = at->parent();
+            if (!parent)
+                return QString();
+            const int row = at->row();
+            if (row > 0) {
+                at = parent->child(row - 1);
+                while (at->hasChildren())
+                    at = at->child(at->rowCount() - 1);
+            } else {
+                at = parent;
+            }
+            if (const analysis::EventFields* before = FieldsOf(at)) {
+                if (EventShown(at))
+                    return QString::number(f->timeMs - before->timeMs, 'f', 3);
+            }
+        }
+        return QString();
+    }
+    }
+    return QString();
 }
 
 void QEventWindow::ApplyFilterText()
@@ -376,6 +554,10 @@ std::pair<int, int> QEventWindow::FilterGroup(QStandardItem* group, const QModel
         if (const analysis::EventFields* f = FieldsOf(child)) {
             const bool match = all || m_filter.Matches(*f);
             SetRowShown(r, proxyGroup, match);
+            if (match)
+                m_hidden.remove(child);
+            else
+                m_hidden.insert(child);
             total += 1;
             shown += match ? 1 : 0;
         } else if (child->hasChildren()) {
@@ -400,8 +582,14 @@ void QEventWindow::ApplyFilter(int fromRootRow)
     const bool all = m_filter.IsEmpty();
     for (int r = std::max(0, fromRootRow); r < root->rowCount(); ++r) {
         QStandardItem* item = root->child(r);
-        if (const analysis::EventFields* f = FieldsOf(item))
-            SetRowShown(r, proxyRoot, all || m_filter.Matches(*f));
+        if (const analysis::EventFields* f = FieldsOf(item)) {
+            const bool match = all || m_filter.Matches(*f);
+            SetRowShown(r, proxyRoot, match);
+            if (match)
+                m_hidden.remove(item);
+            else
+                m_hidden.insert(item);
+        }
         else if (item->hasChildren()) {
             const auto counts = FilterGroup(item, m_proxy->index(r, 0, proxyRoot));
             SetRowShown(r, proxyRoot, all || counts.first > 0 || counts.second == 0);
@@ -441,6 +629,7 @@ void QEventWindow::ClearAll()
     m_eventView->ReleaseLayout();
     m_model.ClearAll();
     m_fields.clear();
+    m_hidden.clear();
     m_groupCounts.clear();
     m_shownEvents = 0;
     m_expandedAll = false;
@@ -506,7 +695,7 @@ void QEventWindow::ShowTreeChange(int rootRowsBefore)
         m_expandedAll = false;
     if (m_eventScroll) {
         m_eventView->scrollToBottom();
-        m_eventView->resizeColumnToContents(0);
+        m_eventView->resizeColumnToContents(kColumnText);
     }
 }
 

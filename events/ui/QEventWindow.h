@@ -12,12 +12,14 @@
 
 #include "events/ui/PanelDialog.h"
 #include <QHash>
+#include <QSet>
 #include <QIcon>
 #include <QMap>
 #include <QTreeView>
 
 class QIdentityProxyModel;
 class QLabel;
+class QMenu;
 class QLineEdit;
 class QModelIndex;
 class QPlainTextEdit;
@@ -112,6 +114,17 @@ public:
     const analysis::EventFields* FieldsOf(const QStandardItem* item) const;
     // What a group's title adds under a filter ("3 of 20 shown"), or empty.
     QString FilterNote(const QStandardItem* item) const;
+    // The tree's columns: the text (with the tree) first in the model and
+    // last on the screen, after the number, the time in milliseconds since
+    // the session's start, the time since the event shown before it, and
+    // the direction. The header's context menu shows and hides all but the
+    // text; their widths and which are shown stay for the rest of the run
+    // (every event window made after takes them).
+    enum Column { kColumnText = 0, kColumnNumber, kColumnTime, kColumnDelta, kColumnDir, kColumns };
+    static QString ColumnTitle(int column);
+    QString ColumnText(const QStandardItem* item, int column) const;
+    // The header's menu of columns, as its context menu shows it.
+    QMenu* ColumnMenu() const { return m_columnMenu; }
     // Events the filter shows and events in the tree.
     int ShownEvents() const { return m_filter.IsEmpty() ? m_fields.size() : m_shownEvents; }
     int TotalEvents() const { return m_fields.size(); }
@@ -140,6 +153,9 @@ private:
     // Filters a group's rows; its shown and total events.
     std::pair<int, int> FilterGroup(QStandardItem* group, const QModelIndex& proxyGroup);
     void SetRowShown(int row, const QModelIndex& proxyParent, bool shown);
+    bool EventShown(const QStandardItem* item) const;
+    void BuildColumns();
+    void KeepColumns();
     // What a change of the tree shows; the root had rootRowsBefore rows before.
     template <class Change>
     void ChangeTree(Change&& change);
@@ -156,6 +172,9 @@ private:
     analysis::Filter m_filter;
     analysis::EventFieldsBuilder m_builder;
     QHash<const QStandardItem*, analysis::EventFields> m_fields;
+    // The events the filter hides.
+    QSet<const QStandardItem*> m_hidden;
+    QMenu* m_columnMenu = nullptr;
     QHash<const QStandardItem*, std::pair<int, int>> m_groupCounts;
     int m_shownEvents = 0;
     bool m_filterRefused = false;

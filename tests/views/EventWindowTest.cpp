@@ -82,7 +82,7 @@ TEST_F(EventWindowTest, FormHasItsTabsTreeButtonsAndText)
         EXPECT_TRUE(b->isChecked()) << name;
         EXPECT_FALSE(b->icon().isNull()) << name;
     }
-    EXPECT_TRUE(w.EventView()->isHeaderHidden());
+    EXPECT_FALSE(w.EventView()->isHeaderHidden());  // the columns' titles
     EXPECT_EQ(w.EventView()->editTriggers(), QAbstractItemView::NoEditTriggers);
     EXPECT_EQ(w.EventView()->selectionMode(), QAbstractItemView::SingleSelection);
     EXPECT_EQ(w.LogView()->lineWrapMode(), QPlainTextEdit::NoWrap);
