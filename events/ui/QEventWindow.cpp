@@ -8,6 +8,8 @@
 #include <QHBoxLayout>
 #include <QAction>
 #include <QHeaderView>
+#include <QIntValidator>
+#include <QKeyEvent>
 #include <QIdentityProxyModel>
 #include <QLabel>
 #include <QLineEdit>
@@ -25,6 +27,8 @@
 #include <QVBoxLayout>
 
 #include <algorithm>
+#include <cctype>
+#include <limits>
 
 namespace {
 
@@ -141,6 +145,7 @@ QEventWindow::QEventWindow(QWidget* parent) : PanelDialog(parent)
     m_proxy = new IconProxy(*this, m_model.Model(), this);
     m_eventView->setModel(m_proxy);
     BuildColumns();
+    BuildFinding();
     m_eventView->expand(m_proxy->index(0, 0));
     RebuildLogText();
     m_treeTimer = new QTimer(this);
@@ -153,6 +158,7 @@ QEventWindow::QEventWindow(QWidget* parent) : PanelDialog(parent)
         m_fields.clear();
         m_hidden.clear();
         m_groupCounts.clear();
+        m_errorCount = 0;
     });
 }
 
@@ -355,7 +361,9 @@ void QEventWindow::TakeEvent(const MsgInfo& e, int phase)
     if (!parent || parent->rowCount() == 0)
         return;
     const QStandardItem* item = parent->child(parent->rowCount() - 1);
-    m_fields.insert(item, m_builder.Next(e, e.common.eventNumber, phase));
+    auto f = m_fields.insert(item, m_builder.Next(e, e.common.eventNumber, phase));
+    if (IsError(*f))
+        m_errorCount += 1;
 }
 
 void QEventWindow::ForgetRows(const QModelIndex& parent, int first, int last)
@@ -370,6 +378,9 @@ void QEventWindow::ForgetRows(const QModelIndex& parent, int first, int last)
     while (!stack.empty()) {
         const QStandardItem* item = stack.back();
         stack.pop_back();
+        const auto f = m_fields.constFind(item);
+        if (f != m_fields.constEnd() && IsError(*f))
+            m_errorCount -= 1;
         m_fields.remove(item);
         m_hidden.remove(item);
         m_groupCounts.remove(item);
@@ -455,6 +466,211 @@ void QEventWindow::BuildColumns()
             [this, header](const QPoint& at) { m_columnMenu->popup(header->mapToGlobal(at)); });
     connect(header, &QHeaderView::sectionResized, this, [this] { KeepColumns(); });
     connect(header, &QHeaderView::sectionMoved, this, [this] { KeepColumns(); });
+}
+
+void QEventWindow::BuildFinding()
+{
+    analysis::FilterError error;
+    m_errorFilter.Compile("status == error || pattern == nak", error);
+
+    m_findRow = new QWidget(m_tab);
+    m_findRow->setObjectName(QStringLiteral("findRow"));
+    auto* row = new QHBoxLayout(m_findRow);
+    row->setContentsMargins(0, 0, 0, 0);
+    row->addWidget(new QLabel(QStringLiteral("Find:"), m_findRow));
+    m_findEdit = new QLineEdit(m_findRow);
+    m_findEdit->setObjectName(QStringLiteral("findEdit"));
+    m_findEdit->setPlaceholderText(QStringLiteral("text or hex bytes; Enter next, Shift+Enter previous"));
+    row->addWidget(m_findEdit, 2);
+    row->addWidget(new QLabel(QStringLiteral("Go to:"), m_findRow));
+    m_gotoEdit = new QLineEdit(m_findRow);
+    m_gotoEdit->setObjectName(QStringLiteral("gotoEdit"));
+    m_gotoEdit->setPlaceholderText(QStringLiteral("event number"));
+    m_gotoEdit->setValidator(new QIntValidator(0, std::numeric_limits<int>::max(), m_gotoEdit));
+    row->addWidget(m_gotoEdit, 1);
+    m_findStatus = new QLabel(m_findRow);
+    m_findStatus->setObjectName(QStringLiteral("findStatus"));
+    row->addWidget(m_findStatus);
+    m_findRow->hide();
+    // Below the filter bar, above the tree.
+    static_cast<QVBoxLayout*>(m_tab->layout())->insertWidget(2, m_findRow);
+
+    m_findEdit->installEventFilter(this);
+    connect(m_gotoEdit, &QLineEdit::returnPressed, this, [this] { GoTo(m_gotoEdit->text().toLongLong()); });
+
+    auto action = [this](const char* name, const QString& text, const QKeySequence& key) {
+        auto* a = new QAction(text, this);
+        a->setObjectName(QString::fromLatin1(name));
+        a->setShortcut(key);
+        a->setShortcutContext(Qt::WidgetWithChildrenShortcut);
+        addAction(a);
+        return a;
+    };
+    m_findAction = action("findAction", QStringLiteral("Find..."), QKeySequence::Find);
+    m_gotoAction = action("gotoAction", QStringLiteral("Go to Event..."), QKeySequence(Qt::CTRL + Qt::Key_G));
+    m_nextErrorAction = action("nextErrorAction", QStringLiteral("Next Error"), QKeySequence(Qt::Key_F8));
+    m_previousErrorAction =
+        action("previousErrorAction", QStringLiteral("Previous Error"), QKeySequence(Qt::SHIFT + Qt::Key_F8));
+    connect(m_findAction, &QAction::triggered, this, [this] {
+        m_findRow->show();
+        m_findEdit->setFocus();
+        m_findEdit->selectAll();
+    });
+    connect(m_gotoAction, &QAction::triggered, this, [this] {
+        m_findRow->show();
+        m_gotoEdit->setFocus();
+        m_gotoEdit->selectAll();
+    });
+    connect(m_nextErrorAction, &QAction::triggered, this, [this] { NextError(true); });
+    connect(m_previousErrorAction, &QAction::triggered, this, [this] { NextError(false); });
+}
+
+bool QEventWindow::eventFilter(QObject* watched, QEvent* event)
+{
+    if (watched == m_findEdit && event->type() == QEvent::KeyPress) {
+        auto* key = static_cast<QKeyEvent*>(event);
+        if (key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter) {
+            Find(m_findEdit->text(), !(key->modifiers() & Qt::ShiftModifier));
+            return true;
+        }
+        if (key->key() == Qt::Key_Escape) {
+            m_findRow->hide();
+            m_eventView->setFocus();
+            return true;
+        }
+    }
+    return PanelDialog::eventFilter(watched, event);
+}
+
+QStandardItem* QEventWindow::SelectedItem() const
+{
+    const QModelIndex current = m_eventView->currentIndex();
+    return current.isValid() ? const_cast<EventLogModel&>(m_model).Model().itemFromIndex(m_proxy->mapToSource(current)) : nullptr;
+}
+
+namespace {
+
+QStandardItem* Following(QStandardItem* item)
+{
+    if (item->hasChildren())
+        return item->child(0);
+    while (item) {
+        QStandardItem* parent = item->parent();
+        if (!parent)
+            return nullptr;
+        if (item->row() + 1 < parent->rowCount())
+            return parent->child(item->row() + 1);
+        item = parent;
+    }
+    return nullptr;
+}
+
+QStandardItem* Last(QStandardItem* item)
+{
+    while (item->hasChildren())
+        item = item->child(item->rowCount() - 1);
+    return item;
+}
+
+QStandardItem* Preceding(QStandardItem* item)
+{
+    QStandardItem* parent = item->parent();
+    if (!parent)
+        return nullptr;
+    return item->row() > 0 ? Last(parent->child(item->row() - 1)) : parent;
+}
+
+// The bytes of a hex query ("FF FC", "ff:fc", "fffc"), or none when it is not
+// hex.
+std::vector<uint8_t> HexQuery(const QString& text)
+{
+    QString digits;
+    for (QChar c : text) {
+        if (c.isSpace() || c == QLatin1Char(':'))
+            continue;
+        if (!isxdigit(c.toLatin1()))
+            return {};
+        digits += c;
+    }
+    if (digits.isEmpty() || digits.size() % 2)
+        return {};
+    std::vector<uint8_t> bytes;
+    for (int i = 0; i < digits.size(); i += 2)
+        bytes.push_back(static_cast<uint8_t>(digits.midRef(i, 2).toUInt(nullptr, 16)));
+    return bytes;
+}
+
+}  // namespace
+
+QStandardItem* QEventWindow::Walk(QStandardItem* from, bool forward,
+                                  const std::function<bool(const analysis::EventFields&)>& test) const
+{
+    QStandardItem* root = m_model.Root();
+    if (!root)
+        return nullptr;
+    QStandardItem* start = from ? from : root;
+    QStandardItem* at = start;
+    bool wrapped = false;
+    for (;;) {
+        at = forward ? Following(at) : Preceding(at);
+        if (!at) {
+            if (wrapped)
+                return nullptr;
+            wrapped = true;
+            at = forward ? root : Last(root);
+        }
+        if (const analysis::EventFields* f = FieldsOf(at))
+            if (EventShown(at) && test(*f))
+                return at;
+        if (at == start)
+            return nullptr;
+    }
+}
+
+void QEventWindow::SelectItem(QStandardItem* item)
+{
+    const QModelIndex index = m_proxy->mapFromSource(item->index());
+    for (QModelIndex p = index.parent(); p.isValid(); p = p.parent())
+        m_eventView->expand(p);
+    m_eventView->setCurrentIndex(index);
+    m_eventView->scrollTo(index);
+    eventClidked(index);
+}
+
+bool QEventWindow::Find(const QString& text, bool forward)
+{
+    if (text.isEmpty())
+        return false;
+    const std::vector<uint8_t> hex = HexQuery(text);
+    const std::string needle = text.toStdString();
+    QStandardItem* found = Walk(SelectedItem(), forward, [&](const analysis::EventFields& f) {
+        if (QString::fromStdString(f.text).contains(text, Qt::CaseInsensitive))
+            return true;
+        return !hex.empty() && std::search(f.bytes.begin(), f.bytes.end(), hex.begin(), hex.end()) != f.bytes.end();
+    });
+    m_findStatus->setText(found ? QString() : QStringLiteral("Not found"));
+    if (found)
+        SelectItem(found);
+    return found != nullptr;
+}
+
+bool QEventWindow::GoTo(int64_t number)
+{
+    QStandardItem* found = Walk(nullptr, true, [&](const analysis::EventFields& f) { return f.number == number; });
+    m_findStatus->setText(found ? QString() : QStringLiteral("No event %1 shown").arg(number));
+    if (found) {
+        SelectItem(found);
+        m_eventView->setFocus();
+    }
+    return found != nullptr;
+}
+
+bool QEventWindow::NextError(bool forward)
+{
+    QStandardItem* found = Walk(SelectedItem(), forward, [this](const analysis::EventFields& f) { return IsError(f); });
+    if (found)
+        SelectItem(found);
+    return found != nullptr;
 }
 
 void QEventWindow::KeepColumns()
@@ -628,6 +844,7 @@ void QEventWindow::ClearAll()
     m_eventView->viewport()->setUpdatesEnabled(true);
     m_eventView->ReleaseLayout();
     m_model.ClearAll();
+    m_errorCount = 0;
     m_fields.clear();
     m_hidden.clear();
     m_groupCounts.clear();

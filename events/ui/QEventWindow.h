@@ -17,8 +17,11 @@
 #include <QMap>
 #include <QTreeView>
 
+#include <functional>
+
 class QIdentityProxyModel;
 class QLabel;
+class QAction;
 class QMenu;
 class QLineEdit;
 class QModelIndex;
@@ -125,6 +128,27 @@ public:
     QString ColumnText(const QStandardItem* item, int column) const;
     // The header's menu of columns, as its context menu shows it.
     QMenu* ColumnMenu() const { return m_columnMenu; }
+    // Finding (Ctrl+F): the bar below the filter finds text of the tree or
+    // hex bytes ("FF FC", "ff:fc") forward with Enter and backward with
+    // Shift+Enter, among the events shown, from the selected one on, round
+    // the end. Going to an event (Ctrl+G) selects the event of a number.
+    // F8 and Shift+F8 select the next and previous error: a frame whose
+    // checksum failed, a checksum error, a violation or a NAK.
+    QLineEdit* FindEdit() const { return m_findEdit; }
+    QLineEdit* GoToEdit() const { return m_gotoEdit; }
+    QLabel* FindStatus() const { return m_findStatus; }
+    QAction* FindAction() const { return m_findAction; }
+    QAction* GoToAction() const { return m_gotoAction; }
+    QAction* NextErrorAction() const { return m_nextErrorAction; }
+    QAction* PreviousErrorAction() const { return m_previousErrorAction; }
+    bool Find(const QString& text, bool forward);
+    bool GoTo(int64_t number);
+    bool NextError(bool forward);
+    // The selected item of the tree, or null.
+    QStandardItem* SelectedItem() const;
+    // Errors among the events in the tree, as F8 walks them.
+    int ErrorCount() const { return m_errorCount; }
+    bool IsError(const analysis::EventFields& f) const { return m_errorFilter.Matches(f); }
     // Events the filter shows and events in the tree.
     int ShownEvents() const { return m_filter.IsEmpty() ? m_fields.size() : m_shownEvents; }
     int TotalEvents() const { return m_fields.size(); }
@@ -141,6 +165,9 @@ public slots:
     void slot_textmenu(const QPoint& at);
     void slot_openDir(bool checked = false);
 
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
 private slots:
     void ApplyFilterText();
 
@@ -155,6 +182,12 @@ private:
     void SetRowShown(int row, const QModelIndex& proxyParent, bool shown);
     bool EventShown(const QStandardItem* item) const;
     void BuildColumns();
+    void BuildFinding();
+    // The next event item shown after `from` (before it backward) that
+    // passes `test`, round the end once; null when there is none.
+    QStandardItem* Walk(QStandardItem* from, bool forward,
+                        const std::function<bool(const analysis::EventFields&)>& test) const;
+    void SelectItem(QStandardItem* item);
     void KeepColumns();
     // What a change of the tree shows; the root had rootRowsBefore rows before.
     template <class Change>
@@ -175,6 +208,16 @@ private:
     // The events the filter hides.
     QSet<const QStandardItem*> m_hidden;
     QMenu* m_columnMenu = nullptr;
+    analysis::Filter m_errorFilter;
+    int m_errorCount = 0;
+    QWidget* m_findRow = nullptr;
+    QLineEdit* m_findEdit = nullptr;
+    QLineEdit* m_gotoEdit = nullptr;
+    QLabel* m_findStatus = nullptr;
+    QAction* m_findAction = nullptr;
+    QAction* m_gotoAction = nullptr;
+    QAction* m_nextErrorAction = nullptr;
+    QAction* m_previousErrorAction = nullptr;
     QHash<const QStandardItem*, std::pair<int, int>> m_groupCounts;
     int m_shownEvents = 0;
     bool m_filterRefused = false;
