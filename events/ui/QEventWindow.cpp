@@ -1,12 +1,15 @@
 #include "events/ui/QEventWindow.h"
 
 #include "events/ui/UserSeams.h"
+#include "analysis/Export.h"
 #include "icons/Icons.h"
 #include "services/SettingParams.h"
 
 #include <QFontDatabase>
 #include <QHBoxLayout>
 #include <QAction>
+#include <QClipboard>
+#include <QGuiApplication>
 #include <QHeaderView>
 #include <QIntValidator>
 #include <QKeyEvent>
@@ -221,7 +224,7 @@ void QEventWindow::BuildForm()
     m_eventView = new EventTreeView(m_tab);
     m_eventView->setObjectName(QStringLiteral("eventView"));
     m_eventView->setEditTriggers(QAbstractItemView::NoEditTriggers);
-    m_eventView->setSelectionMode(QAbstractItemView::SingleSelection);
+    m_eventView->setSelectionMode(QAbstractItemView::ExtendedSelection);
     m_eventView->setUniformRowHeights(true);
     // Fitting the column to its contents measures the rows in view only: the
     // tree follows the newest event when it fits the column at all, so those
@@ -521,6 +524,16 @@ void QEventWindow::BuildFinding()
         m_gotoEdit->setFocus();
         m_gotoEdit->selectAll();
     });
+    m_copyAction = new QAction(QStringLiteral("Copy Events"), m_eventView);
+    m_copyAction->setObjectName(QStringLiteral("copyEventsAction"));
+    m_copyAction->setShortcut(QKeySequence::Copy);
+    m_copyAction->setShortcutContext(Qt::WidgetShortcut);
+    m_eventView->addAction(m_copyAction);
+    connect(m_copyAction, &QAction::triggered, this, [this] {
+        const QString lines = SelectedLines();
+        if (!lines.isEmpty())
+            QGuiApplication::clipboard()->setText(lines);
+    });
     connect(m_nextErrorAction, &QAction::triggered, this, [this] { NextError(true); });
     connect(m_previousErrorAction, &QAction::triggered, this, [this] { NextError(false); });
 }
@@ -635,6 +648,48 @@ void QEventWindow::SelectItem(QStandardItem* item)
     m_eventView->setCurrentIndex(index);
     m_eventView->scrollTo(index);
     eventClidked(index);
+}
+
+std::vector<QStandardItem*> QEventWindow::ShownEventItems() const
+{
+    std::vector<QStandardItem*> items;
+    QStandardItem* root = m_model.Root();
+    for (QStandardItem* at = root; at; at = Following(at))
+        if (FieldsOf(at) && EventShown(at))
+            items.push_back(at);
+    return items;
+}
+
+QString QEventWindow::LogLineOf(const QStandardItem* item) const
+{
+    const analysis::EventFields* f = FieldsOf(item);
+    if (!f)
+        return QString();
+    MsgInfo e;
+    e.type = f->type;
+    e.direction = f->dir;
+    e.str = QString::fromStdString(f->text);
+    return QString::fromStdString(analysis::EventLogText(e, f->number));
+}
+
+QString QEventWindow::SelectedLines() const
+{
+    const QModelIndexList rows = m_eventView->selectionModel()->selectedRows(0);
+    QSet<const QStandardItem*> selected;
+    for (const QModelIndex& i : rows)
+        selected.insert(const_cast<EventLogModel&>(m_model).Model().itemFromIndex(m_proxy->mapToSource(i)));
+    QString text;
+    for (QStandardItem* item : ShownEventItems()) {
+        bool in = false;
+        for (const QStandardItem* at = item; at && !in; at = at->parent())
+            in = selected.contains(at);
+        if (!in)
+            continue;
+        const QString line = LogLineOf(item);
+        if (!line.isEmpty())
+            text += line + QLatin1Char('\n');
+    }
+    return text;
 }
 
 bool QEventWindow::Find(const QString& text, bool forward)

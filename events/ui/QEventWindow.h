@@ -146,6 +146,14 @@ public:
     bool NextError(bool forward);
     // The selected item of the tree, or null.
     QStandardItem* SelectedItem() const;
+    // Ctrl+C in the tree: the selected events (a selected group gives its
+    // shown events) as the log's lines, one a line, in the tree's order.
+    QAction* CopyAction() const { return m_copyAction; }
+    QString SelectedLines() const;
+    // The events shown, in the tree's order.
+    std::vector<QStandardItem*> ShownEventItems() const;
+    // The log line of an event item, as the .log has it.
+    QString LogLineOf(const QStandardItem* item) const;
     // Errors among the events in the tree, as F8 walks them.
     int ErrorCount() const { return m_errorCount; }
     bool IsError(const analysis::EventFields& f) const { return m_errorFilter.Matches(f); }
@@ -218,6 +226,7 @@ private:
     QAction* m_gotoAction = nullptr;
     QAction* m_nextErrorAction = nullptr;
     QAction* m_previousErrorAction = nullptr;
+    QAction* m_copyAction = nullptr;
     QHash<const QStandardItem*, std::pair<int, int>> m_groupCounts;
     int m_shownEvents = 0;
     bool m_filterRefused = false;

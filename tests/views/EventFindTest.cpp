@@ -10,6 +10,7 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QClipboard>
 #include <QLabel>
 #include <QLineEdit>
 #include <QTemporaryDir>
@@ -167,4 +168,30 @@ TEST_F(EventFindTest, F8AndShiftF8WalkTheErrors)
     EXPECT_EQ(SelectedNumber(w), 10);
     QTest::keyClick(w.EventView(), Qt::Key_F8, Qt::ShiftModifier);
     EXPECT_EQ(SelectedNumber(w), 6);
+}
+
+TEST_F(EventFindTest, CtrlCCopiesTheSelectedEventsAsTheLogsLines)
+{
+    QEventWindow w;
+    w.show();
+    Activate(w);
+    w.StartAcquisition();
+    w.AddEvents(Session());
+    w.CatchUpNow();
+    // Events 3 and 4 selected as a user does: a click, then a Ctrl+click.
+    QTreeView* tree = w.EventView();
+    w.GoTo(3);
+    const QModelIndex third = tree->currentIndex();
+    w.GoTo(4);
+    const QModelIndex fourth = tree->currentIndex();
+    tree->scrollTo(third);
+    QTest::mouseClick(tree->viewport(), Qt::LeftButton, Qt::NoModifier, tree->visualRect(third).center());
+    QTest::mouseClick(tree->viewport(), Qt::LeftButton, Qt::ControlModifier, tree->visualRect(fourth).center());
+    QApplication::clipboard()->clear();
+    tree->setFocus();
+    QTest::keyClick(tree, Qt::Key_C, Qt::ControlModifier);
+    const QStringList log = w.Model().LogLines();
+    const QString expected = log.filter("[3] ").first() + "\n" + log.filter("[4] ").first() + "\n";
+    EXPECT_EQ(QApplication::clipboard()->text(), expected);
+    EXPECT_EQ(QApplication::clipboard()->text(), "Rx [3] Configuration\nRx [4] ControlError 1.000000\n");
 }

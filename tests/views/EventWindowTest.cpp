@@ -84,7 +84,7 @@ TEST_F(EventWindowTest, FormHasItsTabsTreeButtonsAndText)
     }
     EXPECT_FALSE(w.EventView()->isHeaderHidden());  // the columns' titles
     EXPECT_EQ(w.EventView()->editTriggers(), QAbstractItemView::NoEditTriggers);
-    EXPECT_EQ(w.EventView()->selectionMode(), QAbstractItemView::SingleSelection);
+    EXPECT_EQ(w.EventView()->selectionMode(), QAbstractItemView::ExtendedSelection);  // Ctrl+C copies several
     EXPECT_EQ(w.LogView()->lineWrapMode(), QPlainTextEdit::NoWrap);
     EXPECT_EQ(w.LogView()->objectName(), "plainTextEdit");
 }
