@@ -345,6 +345,7 @@ void QEventWindow::AddEvents(const std::vector<MsgInfoPtr>& events)
 void QEventWindow::StartAcquisition(const std::string& text)
 {
     m_builder.Reset();
+    m_lastTimeMs = 0.0;
     ChangeTree([&] { m_model.StartAcquisition(text); });
 }
 
@@ -367,6 +368,7 @@ void QEventWindow::TakeEvent(const MsgInfo& e, int phase)
     auto f = m_fields.insert(item, m_builder.Next(e, e.common.eventNumber, phase));
     if (IsError(*f))
         m_errorCount += 1;
+    m_lastTimeMs = std::max(m_lastTimeMs, f->timeMs);
 }
 
 void QEventWindow::ForgetRows(const QModelIndex& parent, int first, int last)
@@ -672,6 +674,22 @@ QString QEventWindow::LogLineOf(const QStandardItem* item) const
     return QString::fromStdString(analysis::EventLogText(e, f->number));
 }
 
+int QEventWindow::ExportShown(std::ostream& out, analysis::ExportFormat format)
+{
+    analysis::ExportWriter writer(out, format);
+    writer.Begin();
+    int written = 0;
+    for (QStandardItem* item : ShownEventItems()) {
+        auto* ex = static_cast<QStandardItemEx*>(item);
+        MsgInfoPtr e = ex->info ? std::make_shared<MsgInfo>(*ex->info) : m_model.LoadEvent(ex);
+        if (!e)
+            continue;
+        writer.Write(*e, *FieldsOf(item));
+        written += 1;
+    }
+    return written;
+}
+
 QString QEventWindow::SelectedLines() const
 {
     const QModelIndexList rows = m_eventView->selectionModel()->selectedRows(0);
@@ -806,6 +824,7 @@ bool QEventWindow::SetFilter(const QString& text)
     m_filterError->clear();
     m_filterError->hide();
     ApplyFilter(0);
+    emit filterApplied();
     return true;
 }
 
@@ -900,6 +919,7 @@ void QEventWindow::ClearAll()
     m_eventView->ReleaseLayout();
     m_model.ClearAll();
     m_errorCount = 0;
+    m_lastTimeMs = 0.0;
     m_fields.clear();
     m_hidden.clear();
     m_groupCounts.clear();

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "analysis/EventFields.h"
+#include "analysis/Export.h"
 #include "analysis/Filter.h"
 #include "events/EventLogModel.h"
 
@@ -18,6 +19,7 @@
 #include <QTreeView>
 
 #include <functional>
+#include <ostream>
 
 class QIdentityProxyModel;
 class QLabel;
@@ -154,6 +156,11 @@ public:
     std::vector<QStandardItem*> ShownEventItems() const;
     // The log line of an event item, as the .log has it.
     QString LogLineOf(const QStandardItem* item) const;
+    // The time of the newest event, milliseconds since the session's start.
+    double DurationMs() const { return m_lastTimeMs; }
+    // Writes the events shown (after the filter), in the tree's order; an
+    // event that left memory is read back from its session file.
+    int ExportShown(std::ostream& out, analysis::ExportFormat format);
     // Errors among the events in the tree, as F8 walks them.
     int ErrorCount() const { return m_errorCount; }
     bool IsError(const analysis::EventFields& f) const { return m_errorFilter.Matches(f); }
@@ -163,6 +170,8 @@ public:
 
 signals:
     void EventWindowSelect_Signal(MsgInfo& info, StandardItemMode mode);
+    // A filter was applied (what is shown changed).
+    void filterApplied();
 
 public slots:
     void logScroll();
@@ -218,6 +227,7 @@ private:
     QMenu* m_columnMenu = nullptr;
     analysis::Filter m_errorFilter;
     int m_errorCount = 0;
+    double m_lastTimeMs = 0.0;
     QWidget* m_findRow = nullptr;
     QLineEdit* m_findEdit = nullptr;
     QLineEdit* m_gotoEdit = nullptr;
