@@ -722,6 +722,17 @@ void MainWindow::PrintPreview()
 
 void MainWindow::plotPic(QPrinter* printer)
 {
+    // The event window prints its shown events as text pages; the other
+    // views as their picture.
+    QEventWindow* events = m_dock->EventWindow();
+    if (PrintedWidget() == events) {
+        QString file = m_openedFile;
+        if (file.isEmpty())
+            file = QString::fromStdString(events->Model().SidPath());
+        const QString name = file.isEmpty() ? QStringLiteral("Coilscope session") : QFileInfo(file).fileName();
+        PaintEventPages(printer, name, events->ShownColumnTitles(), events->ShownRows());
+        return;
+    }
     PaintWidgetPicture(PrintedWidget(), printer);
 }
 

@@ -674,6 +674,39 @@ QString QEventWindow::LogLineOf(const QStandardItem* item) const
     return QString::fromStdString(analysis::EventLogText(e, f->number));
 }
 
+QStringList QEventWindow::ShownColumnTitles() const
+{
+    QStringList titles;
+    QHeaderView* header = m_eventView->header();
+    for (int v = 0; v < header->count(); ++v) {
+        const int c = header->logicalIndex(v);
+        if (!header->isSectionHidden(c) && c != kColumnText)
+            titles << ColumnTitle(c);
+    }
+    titles << ColumnTitle(kColumnText);
+    return titles;
+}
+
+std::vector<QStringList> QEventWindow::ShownRows() const
+{
+    QHeaderView* header = m_eventView->header();
+    std::vector<int> columns;
+    for (int v = 0; v < header->count(); ++v) {
+        const int c = header->logicalIndex(v);
+        if (!header->isSectionHidden(c) && c != kColumnText)
+            columns.push_back(c);
+    }
+    std::vector<QStringList> rows;
+    for (QStandardItem* item : ShownEventItems()) {
+        QStringList row;
+        for (int c : columns)
+            row << ColumnText(item, c);
+        row << item->text();
+        rows.push_back(row);
+    }
+    return rows;
+}
+
 int QEventWindow::ExportShown(std::ostream& out, analysis::ExportFormat format)
 {
     analysis::ExportWriter writer(out, format);

@@ -156,6 +156,10 @@ public:
     std::vector<QStandardItem*> ShownEventItems() const;
     // The log line of an event item, as the .log has it.
     QString LogLineOf(const QStandardItem* item) const;
+    // The shown events' rows as the columns show them, in the screen's order
+    // of the columns shown (the text last); with their titles.
+    QStringList ShownColumnTitles() const;
+    std::vector<QStringList> ShownRows() const;
     // The time of the newest event, milliseconds since the session's start.
     double DurationMs() const { return m_lastTimeMs; }
     // Writes the events shown (after the filter), in the tree's order; an
