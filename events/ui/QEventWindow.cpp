@@ -644,9 +644,16 @@ QStandardItem* QEventWindow::Walk(QStandardItem* from, bool forward,
 
 void QEventWindow::SelectItem(QStandardItem* item)
 {
-    const QModelIndex index = m_proxy->mapFromSource(item->index());
-    for (QModelIndex p = index.parent(); p.isValid(); p = p.parent())
+    const QModelIndex text = m_proxy->mapFromSource(item->index());
+    for (QModelIndex p = text.parent(); p.isValid(); p = p.parent())
         m_eventView->expand(p);
+    // The row is made current by its first column on the screen: the text
+    // column is the last, and scrolling sideways to it would hide the
+    // number, time and direction before it.
+    const int first = m_eventView->header()->logicalIndexAt(0) >= 0
+                          ? m_eventView->header()->logicalIndex(m_eventView->header()->visualIndexAt(0))
+                          : kColumnText;
+    const QModelIndex index = text.sibling(text.row(), first);
     m_eventView->setCurrentIndex(index);
     m_eventView->scrollTo(index);
     eventClidked(index);
@@ -781,6 +788,8 @@ bool QEventWindow::NextError(bool forward)
 
 void QEventWindow::KeepColumns()
 {
+    if (m_columnsResetting)
+        return;
     KeptColumns() = m_eventView->header()->saveState();
 }
 
@@ -950,7 +959,13 @@ void QEventWindow::ClearAll()
     m_treeBehind = false;
     m_eventView->viewport()->setUpdatesEnabled(true);
     m_eventView->ReleaseLayout();
+    // Clearing resets the model, and a header forgets its moved, hidden and
+    // resized sections on a reset: they are put back.
+    KeepColumns();
+    m_columnsResetting = true;
     m_model.ClearAll();
+    m_eventView->header()->restoreState(KeptColumns());
+    m_columnsResetting = false;
     m_errorCount = 0;
     m_lastTimeMs = 0.0;
     m_fields.clear();
@@ -1019,8 +1034,10 @@ void QEventWindow::ShowTreeChange(int rootRowsBefore)
     else
         m_expandedAll = false;
     if (m_eventScroll) {
-        m_eventView->scrollToBottom();
+        // The column first: a horizontal scroll bar it brings would cover
+        // the newest row after scrolling to the bottom.
         m_eventView->resizeColumnToContents(kColumnText);
+        m_eventView->scrollToBottom();
     }
 }
 

@@ -229,6 +229,7 @@ private:
     // The events the filter hides.
     QSet<const QStandardItem*> m_hidden;
     QMenu* m_columnMenu = nullptr;
+    bool m_columnsResetting = false;
     analysis::Filter m_errorFilter;
     int m_errorCount = 0;
     double m_lastTimeMs = 0.0;

@@ -14,6 +14,7 @@
 #include <QHeaderView>
 #include <QLineEdit>
 #include <QMenu>
+#include <QScrollBar>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTreeView>
@@ -146,4 +147,29 @@ TEST_F(EventColumnsTest, HeaderMenuHidesAndShowsColumnsAndTheWindowAfterKeepsThe
     // Shown again, for the tests after.
     again.ColumnMenu()->actions().at(3)->setChecked(true);
     EXPECT_FALSE(header->isSectionHidden(QEventWindow::kColumnDir));
+}
+
+TEST_F(EventColumnsTest, ClearKeepsTheColumnsAndShowingARowDoesNotScrollSideways)
+{
+    QEventWindow w;
+    w.resize(300, 300);
+    w.show();
+    QHeaderView* header = w.EventView()->header();
+    header->resizeSection(QEventWindow::kColumnDelta, 77);
+    w.ClearAll();
+    EXPECT_EQ(header->visualIndex(QEventWindow::kColumnText), 4);
+    EXPECT_EQ(header->visualIndex(QEventWindow::kColumnNumber), 0);
+    EXPECT_EQ(header->sectionSize(QEventWindow::kColumnDelta), 77);
+    w.StartAcquisition();
+    std::vector<MsgInfoPtr> batch;
+    for (int i = 0; i < 30; ++i)
+        batch.push_back(MakeEvent(2, 2, "EndPower with a long text to scroll across " + std::to_string(i), "02 01 03 "));
+    w.AddEvents(batch);
+    w.CatchUpNow();
+    // The text column reaches past the window: selecting a row keeps the
+    // number column in view.
+    ASSERT_GT(w.EventView()->horizontalScrollBar()->maximum(), 0);
+    w.EventView()->horizontalScrollBar()->setValue(0);
+    ASSERT_TRUE(w.GoTo(20));
+    EXPECT_EQ(w.EventView()->horizontalScrollBar()->value(), 0);
 }

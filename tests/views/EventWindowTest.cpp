@@ -209,7 +209,7 @@ TEST_F(EventWindowTest, ShownTreeFollowsAndExpandsTheNewestEvent)
 TEST_F(EventWindowTest, BatchesSoonAfterAShownOneAreShownTogetherAtTheEndOfTheCatchUpTime)
 {
     QEventWindow w;
-    w.resize(300, 200);
+    w.resize(700, 320);  // room for the filter bar, the columns' header and a few rows
     w.show();
     w.StartAcquisition();  // shown at once, and opens the catch-up time
     ASSERT_TRUE(QTest::qWaitFor([&] { return !w.TreeBehind(); }, 5000));
@@ -248,7 +248,8 @@ TEST_F(EventWindowTest, BatchesSoonAfterAShownOneAreShownTogetherAtTheEndOfTheCa
         newest = m->index(m->rowCount(newest) - 1, 0, newest);
     EXPECT_FALSE(tree->visualRect(newest).isEmpty());
     EXPECT_TRUE(tree->viewport()->rect().intersects(tree->visualRect(newest)));
-    EXPECT_EQ(tree->indexAt(tree->visualRect(newest).center()), newest);
+    // (Its text column may reach past the viewport's right edge.)
+    EXPECT_EQ(tree->indexAt(tree->visualRect(newest).intersected(tree->viewport()->rect()).center()), newest);
     EXPECT_TRUE(tree->viewport()->updatesEnabled());
     EXPECT_GT(tree->verticalScrollBar()->value(), followed);
     EXPECT_EQ(tree->verticalScrollBar()->value(), tree->verticalScrollBar()->maximum());
