@@ -369,6 +369,10 @@ void QEventWindow::TakeEvent(const MsgInfo& e, int phase)
     if (IsError(*f))
         m_errorCount += 1;
     m_lastTimeMs = std::max(m_lastTimeMs, f->timeMs);
+    // The line the event wrote is the last one (a device status and a
+    // contract write none).
+    if (e.type != kTypeDeviceStatus && e.type != kTypeContract && m_model.LinesWritten() > 0)
+        m_lineTimes[m_model.LinesWritten() - 1] = f->timeMs;
 }
 
 void QEventWindow::ForgetRows(const QModelIndex& parent, int first, int last)
@@ -964,6 +968,7 @@ void QEventWindow::ClearAll()
     KeepColumns();
     m_columnsResetting = true;
     m_model.ClearAll();
+    m_lineTimes.clear();
     m_eventView->header()->restoreState(KeptColumns());
     m_columnsResetting = false;
     m_errorCount = 0;
@@ -1096,20 +1101,40 @@ void QEventWindow::SyncLogText()
     }
     if (added > 0) {
         QString text;
+        const int64_t firstIndex = m_model.LinesWritten() - lines.size();
         for (int i = lines.size() - static_cast<int>(added); i < lines.size(); ++i)
-            text += lines[i] + QLatin1Char('\n');
+            text += LogLinePrefix(firstIndex + i) + lines[i] + QLatin1Char('\n');
         cursor.movePosition(QTextCursor::End);
         cursor.insertText(text);
     }
     m_shownWritten = m_model.LinesWritten();
     m_shownLines = lines.size();
+    m_lineTimes.erase(m_lineTimes.begin(), m_lineTimes.lower_bound(m_model.LinesWritten() - lines.size()));
     if (m_logScroll)
         m_plainTextEdit->verticalScrollBar()->setValue(m_plainTextEdit->verticalScrollBar()->maximum());
 }
 
+QString QEventWindow::LogLinePrefix(int64_t lineIndex) const
+{
+    const auto found = m_lineTimes.find(lineIndex);
+    if (found == m_lineTimes.end())
+        return QString(12, QLatin1Char(' '));
+    return QStringLiteral("%1  ").arg(found->second, 10, 'f', 3);
+}
+
+QString QEventWindow::ShownLogText() const
+{
+    const QStringList& lines = m_model.LogLines();
+    const int64_t firstIndex = m_model.LinesWritten() - lines.size();
+    QString text;
+    for (int i = 0; i < lines.size(); ++i)
+        text += LogLinePrefix(firstIndex + i) + lines[i] + QLatin1Char('\n');
+    return text;
+}
+
 void QEventWindow::RebuildLogText()
 {
-    m_plainTextEdit->setPlainText(m_model.LogText());
+    m_plainTextEdit->setPlainText(ShownLogText());
     m_shownWritten = m_model.LinesWritten();
     m_shownLines = m_model.LogLines().size();
     ++m_logRebuilds;

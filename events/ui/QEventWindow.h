@@ -19,6 +19,7 @@
 #include <QTreeView>
 
 #include <functional>
+#include <map>
 #include <ostream>
 
 class QIdentityProxyModel;
@@ -160,6 +161,11 @@ public:
     // of the columns shown (the text last); with their titles.
     QStringList ShownColumnTitles() const;
     std::vector<QStringList> ShownRows() const;
+    // The log tab's text: the model's lines (as the .log has them), each
+    // after the time of its event in milliseconds since the session's start
+    // (blanks for a marker's line).
+    QString ShownLogText() const;
+    QString LogLinePrefix(int64_t lineIndex) const;
     // The time of the newest event, milliseconds since the session's start.
     double DurationMs() const { return m_lastTimeMs; }
     // Writes the events shown (after the filter), in the tree's order; an
@@ -233,6 +239,9 @@ private:
     analysis::Filter m_errorFilter;
     int m_errorCount = 0;
     double m_lastTimeMs = 0.0;
+    // The time of each log line an event wrote, by the line's place among
+    // all the lines written.
+    std::map<int64_t, double> m_lineTimes;
     QWidget* m_findRow = nullptr;
     QLineEdit* m_findEdit = nullptr;
     QLineEdit* m_gotoEdit = nullptr;

@@ -13,7 +13,9 @@
 #include <QContextMenuEvent>
 #include <QHeaderView>
 #include <QLineEdit>
+#include <QFile>
 #include <QMenu>
+#include <QPlainTextEdit>
 #include <QScrollBar>
 #include <QTemporaryDir>
 #include <QTest>
@@ -172,4 +174,26 @@ TEST_F(EventColumnsTest, ClearKeepsTheColumnsAndShowingARowDoesNotScrollSideways
     w.EventView()->horizontalScrollBar()->setValue(0);
     ASSERT_TRUE(w.GoTo(20));
     EXPECT_EQ(w.EventView()->horizontalScrollBar()->value(), 0);
+}
+
+TEST_F(EventColumnsTest, LogWindowLinesHaveTheirTimeAndTheLogFileStaysAsItWas)
+{
+    QEventWindow w;
+    w.show();
+    w.StartAcquisition();
+    w.AddEvents(Timed());
+    const QStringList shown = w.LogView()->toPlainText().split('\n', QString::SkipEmptyParts);
+    ASSERT_EQ(shown.size(), 5);
+    EXPECT_TRUE(shown[0].startsWith(QString(12, ' ') + "   [1] Start Acquisition")) << shown[0].toStdString();
+    EXPECT_EQ(shown[1], "     1.000  Rx [2] SignalStrength 50");
+    EXPECT_EQ(shown[2], "     3.500  Rx [3] Configuration");
+    EXPECT_EQ(shown[4], "     8.000  Rx [5] EndPower 2");
+    // The model's lines, and so the .log, have no time.
+    EXPECT_EQ(w.Model().LogLines().at(1), "Rx [2] SignalStrength 50");
+    w.Model().CloseStreams();
+    QFile log(QString::fromStdString(w.Model().LogPath()));
+    ASSERT_TRUE(log.open(QIODevice::ReadOnly));
+    const QString written = QString::fromUtf8(log.readAll());
+    EXPECT_TRUE(written.contains("Rx [2] SignalStrength 50"));
+    EXPECT_FALSE(written.contains("1.000"));
 }

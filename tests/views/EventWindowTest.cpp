@@ -148,7 +148,7 @@ TEST_F(EventWindowTest, LogTextIsTheModelsLinesAndFollowsTheEnd)
     w.StartAcquisition();
     for (int k = 0; k < 20; ++k)
         w.AddEvents(Batch(30));
-    EXPECT_EQ(w.LogView()->toPlainText(), w.Model().LogText());
+    EXPECT_EQ(w.LogView()->toPlainText(), w.ShownLogText());
     QScrollBar* bar = w.LogView()->verticalScrollBar();
     w.Tabs()->setCurrentIndex(1);
     w.AddEvents(Batch(3));
@@ -169,20 +169,20 @@ TEST_F(EventWindowTest, LogTextKeptInPlaceEqualsTheRebuildThroughTrimmingAndClea
     QEventWindow w;
     for (int k = 0; k < 5; ++k) {
         w.AddEvents(Batch(13));
-        ASSERT_EQ(w.LogView()->toPlainText(), w.Model().LogText()) << k;
+        ASSERT_EQ(w.LogView()->toPlainText(), w.ShownLogText()) << k;
     }
     EXPECT_EQ(w.Model().LogLines().size(), 50);
     w.StartAcquisition();
     for (int k = 0; k < 60; ++k) {
         w.AddEvents(Batch(k % 17));
-        ASSERT_EQ(w.LogView()->toPlainText(), w.Model().LogText()) << k;
+        ASSERT_EQ(w.LogView()->toPlainText(), w.ShownLogText()) << k;
     }
     EXPECT_EQ(w.Model().LogLines().size(), 500);
     const int rebuilds = w.LogRebuilds();
     w.ClearAll();
     EXPECT_EQ(w.LogView()->toPlainText(), QString());
     w.AddEvents(Batch(4));
-    EXPECT_EQ(w.LogView()->toPlainText(), w.Model().LogText());
+    EXPECT_EQ(w.LogView()->toPlainText(), w.ShownLogText());
     // Batches append in place: only the construction and Clear rebuilt it.
     EXPECT_EQ(rebuilds, 1);
 }
@@ -255,7 +255,7 @@ TEST_F(EventWindowTest, BatchesSoonAfterAShownOneAreShownTogetherAtTheEndOfTheCa
     EXPECT_EQ(tree->verticalScrollBar()->value(), tree->verticalScrollBar()->maximum());
     EXPECT_TRUE(tree->isExpanded(m->index(m->rowCount(root) - 1, 0, root)));
     // The log is never held back.
-    EXPECT_EQ(w.LogView()->toPlainText(), w.Model().LogText());
+    EXPECT_EQ(w.LogView()->toPlainText(), w.ShownLogText());
     // A picture of the tree taken while it is behind catches up first.
     w.AddEvents(Batch(20));
     ASSERT_TRUE(w.TreeBehind());
@@ -492,7 +492,7 @@ TEST_F(EventWindowTest, EventsWithEmptyOrUnknownFieldsAreShownNotFatal)
     auto negative = MakeEvent(-5, -1, "?");
     w.AddEvents({empty, unknown, negative});
     EXPECT_EQ(w.Model().NextEventNumber(), 5);
-    EXPECT_EQ(w.LogView()->toPlainText(), w.Model().LogText());
+    EXPECT_EQ(w.LogView()->toPlainText(), w.ShownLogText());
 }
 
 TEST_F(EventWindowTest, FollowingTreeIsExpandedAsExpandAllLeavesIt)

@@ -503,7 +503,7 @@ TEST_F(MainWindowTest, LiveSessionIsRefreshedThenPlayedBackTheSame)
         EXPECT_TRUE(played[k].startsWith("   ")) << k;
     }
     EXPECT_EQ(again.Dock()->EventWindow()->LogView()->toPlainText(),
-              again.Dock()->EventWindow()->Model().LogText());
+              again.Dock()->EventWindow()->ShownLogText());
 }
 
 TEST_F(MainWindowTest, BlockedInterfaceThreadGetsNoSecondTick)
