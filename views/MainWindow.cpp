@@ -21,6 +21,7 @@
 #include <QCheckBox>
 #include <QCloseEvent>
 #include <QDir>
+#include <QFileInfo>
 #include <QGridLayout>
 #include <QLabel>
 #include <QMenu>
@@ -36,6 +37,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <list>
 
 namespace {
@@ -105,6 +107,9 @@ MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(p
     resize(817, 524);
     BuildActions();
     BuildMenus();
+    m_statusLabel = new QLabel(this);
+    m_statusLabel->setObjectName(QStringLiteral("statusSession"));
+    statusBar()->addPermanentWidget(m_statusLabel, 1);
 
     auto* central = new QWidget(this);
     auto* grid = new QGridLayout(central);
@@ -119,6 +124,7 @@ MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(p
     m_tabWidget->addTab(m_dock, QStringLiteral("Real Window"));
     m_dock->setAutoFillBackground(true);
     connect(m_tabWidget, &QTabWidget::currentChanged, this, &MainWindow::tabChanged);
+    connect(m_dock->EventWindow(), &QEventWindow::filterApplied, this, &MainWindow::UpdateStatus);
     // The five view toggles say what the dock shows, whatever showed or hid a
     // view.
     connect(m_dock, &QWindowReal::signals_viewShown, this, [this](QWidget* view, bool shown) {
@@ -241,6 +247,8 @@ void MainWindow::BuildActions()
         {"actionPrintFreview", "Print Preview", nullptr, nullptr, nullptr, "icons/print_preview.ico", false, false,
          false},
         {"actionAbout", "About", "About Coilscope", nullptr, nullptr, "icons/about_24x24.ico", false, false, false},
+        {"actionExport", "Export", "Export...", "Export the shown events as CSV, JSON lines or text", "Ctrl+E",
+         nullptr, false, false, false},
         {"actionSaveExecl", "SaveExecl", "Save to Excel", nullptr, nullptr, "icons/excel_48x48.ico", false, false,
          false},
         {"actionLoadCfg", "LoadCfg", "Load Configuration", nullptr, nullptr, nullptr, false, false, false},
@@ -279,7 +287,7 @@ void MainWindow::BuildMenus()
     };
     QMenu* file = menuBar()->addMenu(QStringLiteral("File"));
     file->setObjectName(QStringLiteral("menuFile"));
-    add(file, {"actionOpen", "actionSave", "actionSetSavePath", "-", "actionPrint", "actionPrintFreview", "actionExit"});
+    add(file, {"actionOpen", "actionSave", "actionSetSavePath", "actionExport", "-", "actionPrint", "actionPrintFreview", "actionExit"});
     QMenu* sniffer = menuBar()->addMenu(QStringLiteral("Sniffer"));
     sniffer->setObjectName(QStringLiteral("menuSniffer"));
     add(sniffer, {"actionConnect", "actionDisconnect", "-", "actionStart", "actionStop", "-", "actionEventWindow",
@@ -405,7 +413,10 @@ void MainWindow::actionBtns(QAction* action)
         m_controller->Connect();
     } else if (name == QLatin1String("Disconnect")) {
         StopAndDisconnect();
+    } else if (name == QLatin1String("Export")) {
+        ExportEvents();
     } else if (name == QLatin1String("Start")) {
+        m_openedFile.clear();
         m_controller->DevStart();
     } else if (name == QLatin1String("Stop")) {
         m_controller->DevStop();
@@ -501,6 +512,7 @@ void MainWindow::TimeOut_slot()
     sample.packets = static_cast<int64_t>(m.FilterCounters());
     sample.time = static_cast<float>(static_cast<double>(m_eventClock.elapsed()) / 1000.0);
     m_dock->PushSample(sample);
+    UpdateStatus();
     m_dock->Redraw();
     if (m_refreshUs.size() >= 4096)
         m_refreshUs.erase(m_refreshUs.begin(), m_refreshUs.begin() + 2048);
@@ -568,6 +580,8 @@ void MainWindow::OpenSession()
     m_dock->PushSample(sample);
     m_dock->Redraw();
     m_dock->EndMark();
+    m_openedFile = path;
+    UpdateStatus();
 }
 
 void MainWindow::SaveSession()
@@ -615,6 +629,50 @@ void MainWindow::ClearAll()
     m_dock->Redraw();
     m_controller->Ask().ClearDisplaySamples();
     m_controller->Fsk().TakeDisplayWords();
+    UpdateStatus();
+}
+
+void MainWindow::UpdateStatus()
+{
+    QEventWindow* events = m_dock->EventWindow();
+    QString file = m_openedFile;
+    if (file.isEmpty())
+        file = QString::fromStdString(events->Model().SidPath());
+    const QString name = QFileInfo(file).fileName();
+    const QString text = QStringLiteral("Events %1 / %2 shown   Errors %3   %4   %5 s")
+                             .arg(events->ShownEvents())
+                             .arg(events->TotalEvents())
+                             .arg(events->ErrorCount())
+                             .arg(name.isEmpty() ? QStringLiteral("no session file") : name)
+                             .arg(events->DurationMs() / 1000.0, 0, 'f', 3);
+    if (m_statusLabel->text() != text)
+        m_statusLabel->setText(text);
+    const QString title = name.isEmpty() ? QStringLiteral("Coilscope") : QStringLiteral("Coilscope - ") + name;
+    if (windowTitle() != title)
+        setWindowTitle(title);
+}
+
+void MainWindow::ExportEvents()
+{
+    const QString path = AskSaveFileName(this, QStringLiteral("Export Events"),
+                                         QString::fromStdString(SettingParams::Instance().savePath),
+                                         QStringLiteral("CSV (*.csv);;JSON lines (*.jsonl *.json);;Text (*.txt)"));
+    if (path.isEmpty())
+        return;
+    const QString suffix = QFileInfo(path).suffix().toLower();
+    const analysis::ExportFormat format = suffix == QLatin1String("csv") ? analysis::ExportFormat::Csv
+                                          : suffix == QLatin1String("json") || suffix == QLatin1String("jsonl")
+                                              ? analysis::ExportFormat::Json
+                                              : analysis::ExportFormat::Text;
+    std::ofstream out(path.toLocal8Bit().constData(), std::ios::binary);
+    if (!out) {
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Export"), QStringLiteral("Can't write ") + path);
+        return;
+    }
+    m_dock->EventWindow()->ExportShown(out, format);
+    out.flush();
+    if (!out)
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Export"), QStringLiteral("Can't write ") + path);
 }
 
 void MainWindow::Exit()
@@ -664,6 +722,17 @@ void MainWindow::PrintPreview()
 
 void MainWindow::plotPic(QPrinter* printer)
 {
+    // The event window prints its shown events as text pages; the other
+    // views as their picture.
+    QEventWindow* events = m_dock->EventWindow();
+    if (PrintedWidget() == events) {
+        QString file = m_openedFile;
+        if (file.isEmpty())
+            file = QString::fromStdString(events->Model().SidPath());
+        const QString name = file.isEmpty() ? QStringLiteral("Coilscope session") : QFileInfo(file).fileName();
+        PaintEventPages(printer, name, events->ShownColumnTitles(), events->ShownRows());
+        return;
+    }
     PaintWidgetPicture(PrintedWidget(), printer);
 }
 

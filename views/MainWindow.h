@@ -66,6 +66,13 @@ public:
     void SaveSession();
     void SetSavePath();
     void ClearAll();
+    // The status bar: events shown of the total, errors, the session file's
+    // name and the session's duration; the window title names the file.
+    void UpdateStatus();
+    QLabel* StatusLabel() const { return m_statusLabel; }
+    // File > Export: the events shown as CSV, JSON lines or the text of the
+    // log, by the chosen file's ending (.csv, .json or .jsonl, other: text).
+    void ExportEvents();
     void Exit();
     // "Print" and "Print Preview" of the focused view.
     void Print();
@@ -139,6 +146,9 @@ private:
     QToolBar* m_mainToolBar = nullptr;
     QToolBar* m_toolBar = nullptr;
     QLabel* m_snifferLabel = nullptr;
+    QLabel* m_statusLabel = nullptr;
+    // The session file opened last; empty while a capture is shown.
+    QString m_openedFile;
     MainWindowPanels m_panels;
     QProductTest* m_productTest = nullptr;
     ABout* m_about = nullptr;

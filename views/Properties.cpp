@@ -2,8 +2,17 @@
 
 #include "views/PropertyTree.h"
 
+#include "analysis/EventFields.h"
+
+#include <algorithm>
+
+#include <QFontDatabase>
 #include <QGridLayout>
+#include <QHeaderView>
+#include <QSplitter>
+#include <QTableWidget>
 #include <QTreeView>
+#include <QTreeWidget>
 
 namespace {
 
@@ -110,8 +119,168 @@ Properties::Properties(QWidget* parent) : QWidget(parent)
     setWindowTitle(QStringLiteral("Event Properties"));
     auto* layout = new QGridLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
-    m_tree = new PropertyTree(this);
-    layout->addWidget(m_tree, 0, 0);
+    m_splitter = new QSplitter(Qt::Vertical, this);
+    m_splitter->setObjectName(QStringLiteral("propertiesSplitter"));
+    m_tree = new PropertyTree(m_splitter);
+    m_splitter->addWidget(m_tree);
+
+    m_fields = new QTreeWidget(m_splitter);
+    m_fields->setObjectName(QStringLiteral("fieldsView"));
+    m_fields->setColumnCount(4);
+    m_fields->setHeaderLabels({QStringLiteral("Field"), QStringLiteral("Value"), QStringLiteral("Unit"),
+                               QStringLiteral("Bits")});
+    m_fields->setSelectionMode(QAbstractItemView::SingleSelection);
+    m_fields->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    m_splitter->addWidget(m_fields);
+
+    m_bytes = new QTableWidget(m_splitter);
+    m_bytes->setObjectName(QStringLiteral("bytesView"));
+    m_bytes->setColumnCount(kBytesPerRow);
+    m_bytes->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    m_bytes->setSelectionMode(QAbstractItemView::ExtendedSelection);
+    m_bytes->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
+    m_bytes->horizontalHeader()->setSectionResizeMode(QHeaderView::ResizeToContents);
+    m_bytes->horizontalHeader()->setMinimumSectionSize(10);
+    m_bytes->verticalHeader()->setSectionResizeMode(QHeaderView::ResizeToContents);
+    QStringList columns;
+    for (int c = 0; c < kBytesPerRow; ++c)
+        columns << QString::number(c, 16).toUpper();
+    m_bytes->setHorizontalHeaderLabels(columns);
+    m_splitter->addWidget(m_bytes);
+    m_splitter->setStretchFactor(0, 3);
+    m_splitter->setStretchFactor(1, 3);
+    m_splitter->setStretchFactor(2, 1);
+    m_fields->hide();
+    m_bytes->hide();
+    layout->addWidget(m_splitter, 0, 0);
+
+    connect(m_fields, &QTreeWidget::itemSelectionChanged, this, &Properties::FieldSelected);
+    connect(m_bytes, &QTableWidget::itemSelectionChanged, this, &Properties::BytesSelected);
+}
+
+namespace {
+
+void AddFields(QTreeWidgetItem* parent, QTreeWidget* tree, const std::vector<analysis::DissectedField>& fields)
+{
+    for (size_t i = 0; i < fields.size(); ++i) {
+        const analysis::DissectedField& f = fields[i];
+        const QStringList texts{QString::fromStdString(f.name), QString::fromStdString(f.value),
+                                QString::fromStdString(f.unit), QString::fromStdString(f.BitsText())};
+        auto* item = parent ? new QTreeWidgetItem(parent, texts) : new QTreeWidgetItem(tree, texts);
+        if (!f.filterName.empty())
+            item->setToolTip(0, QStringLiteral("Display filter: ") + QString::fromStdString(f.filterName));
+        AddFields(item, tree, f.children);
+    }
+}
+
+// The index path of an item from the top level.
+std::vector<int> PathOf(const QTreeWidgetItem* item)
+{
+    std::vector<int> path;
+    while (item) {
+        const QTreeWidgetItem* parent = item->parent();
+        path.insert(path.begin(), parent ? parent->indexOfChild(const_cast<QTreeWidgetItem*>(item))
+                                         : item->treeWidget()->indexOfTopLevelItem(const_cast<QTreeWidgetItem*>(item)));
+        item = parent;
+    }
+    return path;
+}
+
+}  // namespace
+
+void Properties::FillDissection(const MsgInfo& info, int mode)
+{
+    m_syncing = true;
+    m_fields->clear();
+    m_bytes->clearContents();
+    m_bytes->setRowCount(0);
+    m_dissected.clear();
+    if (mode == kItemEvent)
+        m_dissected = analysis::Dissect(info);
+    const std::vector<uint8_t> bytes = analysis::ParseSpacedHex(info.packet.PacketData);
+    AddFields(nullptr, m_fields, m_dissected);
+    m_fields->expandAll();
+    for (int c = 0; c < 4; ++c)
+        m_fields->resizeColumnToContents(c);
+    const bool withBytes = mode == kItemEvent && !bytes.empty();
+    m_bytes->setRowCount(static_cast<int>((bytes.size() + kBytesPerRow - 1) / kBytesPerRow));
+    QStringList rows;
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        auto* cell = new QTableWidgetItem(QStringLiteral("%1").arg(bytes[i], 2, 16, QLatin1Char('0')).toUpper());
+        cell->setTextAlignment(Qt::AlignCenter);
+        m_bytes->setItem(static_cast<int>(i) / kBytesPerRow, static_cast<int>(i) % kBytesPerRow, cell);
+        if (i % kBytesPerRow == 0)
+            rows << QStringLiteral("%1").arg(i, 4, 16, QLatin1Char('0'));
+    }
+    m_bytes->setVerticalHeaderLabels(rows);
+    m_fields->setVisible(!m_dissected.empty());
+    m_bytes->setVisible(withBytes);
+    m_syncing = false;
+}
+
+const analysis::DissectedField* Properties::FieldOf(const QTreeWidgetItem* item) const
+{
+    if (!item)
+        return nullptr;
+    const std::vector<analysis::DissectedField>* level = &m_dissected;
+    const analysis::DissectedField* field = nullptr;
+    for (int i : PathOf(item)) {
+        if (i < 0 || static_cast<size_t>(i) >= level->size())
+            return nullptr;
+        field = &(*level)[i];
+        level = &field->children;
+    }
+    return field;
+}
+
+void Properties::FieldSelected()
+{
+    if (m_syncing)
+        return;
+    m_syncing = true;
+    m_bytes->clearSelection();
+    const QList<QTreeWidgetItem*> selected = m_fields->selectedItems();
+    if (const analysis::DissectedField* f = selected.isEmpty() ? nullptr : FieldOf(selected.first())) {
+        for (int b = f->byteOffset; f->byteOffset >= 0 && b < f->byteOffset + f->byteCount; ++b)
+            if (QTableWidgetItem* cell = m_bytes->item(b / kBytesPerRow, b % kBytesPerRow))
+                cell->setSelected(true);
+    }
+    m_syncing = false;
+}
+
+void Properties::BytesSelected()
+{
+    if (m_syncing)
+        return;
+    const QList<QTableWidgetItem*> cells = m_bytes->selectedItems();
+    if (cells.isEmpty())
+        return;
+    QTableWidgetItem* cell = m_bytes->currentItem() && m_bytes->currentItem()->isSelected() ? m_bytes->currentItem()
+                                                                                          : cells.first();
+    const int index = cell->row() * kBytesPerRow + cell->column();
+    const std::vector<int> path = analysis::FieldPathAtByte(m_dissected, index);
+    if (path.empty())
+        return;
+    QTreeWidgetItem* item = m_fields->topLevelItem(path[0]);
+    for (size_t i = 1; item && i < path.size(); ++i)
+        item = item->child(path[i]);
+    if (!item)
+        return;
+    m_syncing = true;
+    m_fields->setCurrentItem(item);
+    m_fields->scrollToItem(item);
+    m_syncing = false;
+    // The byte selection grows to the whole field.
+    FieldSelected();
+}
+
+std::vector<int> Properties::SelectedBytes() const
+{
+    std::vector<int> out;
+    for (QTableWidgetItem* cell : m_bytes->selectedItems())
+        out.push_back(cell->row() * kBytesPerRow + cell->column());
+    std::sort(out.begin(), out.end());
+    return out;
 }
 
 void Properties::Fill(const MsgInfo& info, int mode)
@@ -135,6 +304,7 @@ void Properties::Fill(const MsgInfo& info, int mode)
     for (Group g : groups)
         AddGroup(*m_tree, g, info);
     m_tree->ResizeToContents();
+    FillDissection(info, mode);
 }
 
 bool Properties::FocusTest() const

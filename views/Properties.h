@@ -2,11 +2,18 @@
 // tree. Which groups appear depends on the kind of item selected.
 #pragma once
 
+#include "analysis/Dissect.h"
 #include "events/EventLogModel.h"
 
 #include <QWidget>
 
+#include <vector>
+
 class PropertyTree;
+class QSplitter;
+class QTableWidget;
+class QTreeWidget;
+class QTreeWidgetItem;
 
 class Properties : public QWidget {
     Q_OBJECT
@@ -21,9 +28,29 @@ public:
     void Fill(const MsgInfo& info, int mode);
 
     PropertyTree* Tree() const { return m_tree; }
+    // A packet's decoded fields (name, value, unit, bits) and its bytes in
+    // hex, sixteen a row, below the properties; shown for an event with
+    // fields. Selecting a field highlights its bytes; selecting a byte
+    // selects the deepest field that takes it.
+    QTreeWidget* FieldsView() const { return m_fields; }
+    QTableWidget* BytesView() const { return m_bytes; }
+    const std::vector<analysis::DissectedField>& Fields() const { return m_dissected; }
+    // The frame bytes highlighted (selected in the bytes pane), in order.
+    std::vector<int> SelectedBytes() const;
+    static constexpr int kBytesPerRow = 16;
     // Whether the tree or the widget has the focus.
     bool FocusTest() const;
 
 private:
+    void FillDissection(const MsgInfo& info, int mode);
+    void FieldSelected();
+    void BytesSelected();
+    const analysis::DissectedField* FieldOf(const QTreeWidgetItem* item) const;
+
     PropertyTree* m_tree = nullptr;
+    QSplitter* m_splitter = nullptr;
+    QTreeWidget* m_fields = nullptr;
+    QTableWidget* m_bytes = nullptr;
+    std::vector<analysis::DissectedField> m_dissected;
+    bool m_syncing = false;
 };

@@ -6,14 +6,27 @@
 // views, and the log's "Open Saved Dir".
 #pragma once
 
+#include "analysis/EventFields.h"
+#include "analysis/Export.h"
+#include "analysis/Filter.h"
 #include "events/EventLogModel.h"
 
 #include "events/ui/PanelDialog.h"
+#include <QHash>
+#include <QSet>
 #include <QIcon>
 #include <QMap>
 #include <QTreeView>
 
+#include <functional>
+#include <map>
+#include <ostream>
+
 class QIdentityProxyModel;
+class QLabel;
+class QAction;
+class QMenu;
+class QLineEdit;
 class QModelIndex;
 class QPlainTextEdit;
 class QPushButton;
@@ -89,8 +102,86 @@ public:
     // would otherwise show an empty view while its painting is held.
     void CatchUpNow();
 
+    // The display filter above the tree. Events that fail it are hidden (the
+    // model keeps them); a group whose events all fail is hidden, and a group
+    // with some shown says how many of how many. A bad expression leaves the
+    // last good filter in force and turns the bar red with the error as its
+    // tool tip and beside it.
+    QLineEdit* FilterEdit() const { return m_filterEdit; }
+    QLabel* FilterErrorLabel() const { return m_filterError; }
+    // Compiles and applies a filter as the bar does on Enter; false (and the
+    // bar red) for a bad expression.
+    bool SetFilter(const QString& text);
+    const analysis::Filter& CurrentFilter() const { return m_filter; }
+    // True when the bar shows an error.
+    bool FilterRefused() const { return m_filterRefused; }
+    // The fields the filter sees of an event item, or null for an item that
+    // is no event.
+    const analysis::EventFields* FieldsOf(const QStandardItem* item) const;
+    // What a group's title adds under a filter ("3 of 20 shown"), or empty.
+    QString FilterNote(const QStandardItem* item) const;
+    // The tree's columns: the text (with the tree) first in the model and
+    // last on the screen, after the number, the time in milliseconds since
+    // the session's start, the time since the event shown before it, and
+    // the direction. The header's context menu shows and hides all but the
+    // text; their widths and which are shown stay for the rest of the run
+    // (every event window made after takes them).
+    enum Column { kColumnText = 0, kColumnNumber, kColumnTime, kColumnDelta, kColumnDir, kColumns };
+    static QString ColumnTitle(int column);
+    QString ColumnText(const QStandardItem* item, int column) const;
+    // The header's menu of columns, as its context menu shows it.
+    QMenu* ColumnMenu() const { return m_columnMenu; }
+    // Finding (Ctrl+F): the bar below the filter finds text of the tree or
+    // hex bytes ("FF FC", "ff:fc") forward with Enter and backward with
+    // Shift+Enter, among the events shown, from the selected one on, round
+    // the end. Going to an event (Ctrl+G) selects the event of a number.
+    // F8 and Shift+F8 select the next and previous error: a frame whose
+    // checksum failed, a checksum error, a violation or a NAK.
+    QLineEdit* FindEdit() const { return m_findEdit; }
+    QLineEdit* GoToEdit() const { return m_gotoEdit; }
+    QLabel* FindStatus() const { return m_findStatus; }
+    QAction* FindAction() const { return m_findAction; }
+    QAction* GoToAction() const { return m_gotoAction; }
+    QAction* NextErrorAction() const { return m_nextErrorAction; }
+    QAction* PreviousErrorAction() const { return m_previousErrorAction; }
+    bool Find(const QString& text, bool forward);
+    bool GoTo(int64_t number);
+    bool NextError(bool forward);
+    // The selected item of the tree, or null.
+    QStandardItem* SelectedItem() const;
+    // Ctrl+C in the tree: the selected events (a selected group gives its
+    // shown events) as the log's lines, one a line, in the tree's order.
+    QAction* CopyAction() const { return m_copyAction; }
+    QString SelectedLines() const;
+    // The events shown, in the tree's order.
+    std::vector<QStandardItem*> ShownEventItems() const;
+    // The log line of an event item, as the .log has it.
+    QString LogLineOf(const QStandardItem* item) const;
+    // The shown events' rows as the columns show them, in the screen's order
+    // of the columns shown (the text last); with their titles.
+    QStringList ShownColumnTitles() const;
+    std::vector<QStringList> ShownRows() const;
+    // The log tab's text: the model's lines (as the .log has them), each
+    // after the time of its event in milliseconds since the session's start
+    // (blanks for a marker's line).
+    QString ShownLogText() const;
+    QString LogLinePrefix(int64_t lineIndex) const;
+    // The time of the newest event, milliseconds since the session's start.
+    double DurationMs() const { return m_lastTimeMs; }
+    // Writes the events shown (after the filter), in the tree's order; an
+    // event that left memory is read back from its session file.
+    int ExportShown(std::ostream& out, analysis::ExportFormat format);
+    // Errors among the events in the tree, as F8 walks them.
+    int ErrorCount() const { return m_errorCount; }
+    bool IsError(const analysis::EventFields& f) const { return m_errorFilter.Matches(f); }
+    // Events the filter shows and events in the tree.
+    int ShownEvents() const { return m_filter.IsEmpty() ? m_fields.size() : m_shownEvents; }
+    int TotalEvents() const { return m_fields.size(); }
+
 signals:
     void EventWindowSelect_Signal(MsgInfo& info, StandardItemMode mode);
+    // A filter was applied (what is shown changed).
+    void filterApplied();
 
 public slots:
     void logScroll();
@@ -101,8 +192,30 @@ public slots:
     void slot_textmenu(const QPoint& at);
     void slot_openDir(bool checked = false);
 
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
+private slots:
+    void ApplyFilterText();
+
 private:
     void BuildForm();
+    void TakeEvent(const MsgInfo& event, int phase);
+    void ForgetRows(const QModelIndex& parent, int first, int last);
+    // Shows and hides the rows of the root from row `fromRootRow` on.
+    void ApplyFilter(int fromRootRow);
+    // Filters a group's rows; its shown and total events.
+    std::pair<int, int> FilterGroup(QStandardItem* group, const QModelIndex& proxyGroup);
+    void SetRowShown(int row, const QModelIndex& proxyParent, bool shown);
+    bool EventShown(const QStandardItem* item) const;
+    void BuildColumns();
+    void BuildFinding();
+    // The next event item shown after `from` (before it backward) that
+    // passes `test`, round the end once; null when there is none.
+    QStandardItem* Walk(QStandardItem* from, bool forward,
+                        const std::function<bool(const analysis::EventFields&)>& test) const;
+    void SelectItem(QStandardItem* item);
+    void KeepColumns();
     // What a change of the tree shows; the root had rootRowsBefore rows before.
     template <class Change>
     void ChangeTree(Change&& change);
@@ -116,6 +229,33 @@ private:
 
     EventLogModel m_model;
     QIdentityProxyModel* m_proxy = nullptr;
+    analysis::Filter m_filter;
+    analysis::EventFieldsBuilder m_builder;
+    QHash<const QStandardItem*, analysis::EventFields> m_fields;
+    // The events the filter hides.
+    QSet<const QStandardItem*> m_hidden;
+    QMenu* m_columnMenu = nullptr;
+    bool m_columnsResetting = false;
+    analysis::Filter m_errorFilter;
+    int m_errorCount = 0;
+    double m_lastTimeMs = 0.0;
+    // The time of each log line an event wrote, by the line's place among
+    // all the lines written.
+    std::map<int64_t, double> m_lineTimes;
+    QWidget* m_findRow = nullptr;
+    QLineEdit* m_findEdit = nullptr;
+    QLineEdit* m_gotoEdit = nullptr;
+    QLabel* m_findStatus = nullptr;
+    QAction* m_findAction = nullptr;
+    QAction* m_gotoAction = nullptr;
+    QAction* m_nextErrorAction = nullptr;
+    QAction* m_previousErrorAction = nullptr;
+    QAction* m_copyAction = nullptr;
+    QHash<const QStandardItem*, std::pair<int, int>> m_groupCounts;
+    int m_shownEvents = 0;
+    bool m_filterRefused = false;
+    QLineEdit* m_filterEdit = nullptr;
+    QLabel* m_filterError = nullptr;
     QMap<QString, QIcon> m_icons;
     bool m_logScroll = true;
     bool m_eventScroll = true;

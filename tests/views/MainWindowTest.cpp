@@ -21,7 +21,9 @@
 #include <QApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QLabel>
+#include <QLineEdit>
 #include <QMenu>
 #include <QMenuBar>
 #include <QPlainTextEdit>
@@ -121,8 +123,8 @@ TEST_F(MainWindowTest, WindowMenusAndToolBarsAsTheFormHasThem)
         titles << a->text();
     EXPECT_EQ(titles, (QStringList{"File", "Sniffer", "Scope", "Options", "Help"}));
     EXPECT_EQ(Entries(w.findChild<QMenu*>("menuFile")),
-              (QStringList{"actionOpen", "actionSave", "actionSetSavePath", "-", "actionPrint", "actionPrintFreview",
-                           "actionExit"}));
+              (QStringList{"actionOpen", "actionSave", "actionSetSavePath", "actionExport", "-", "actionPrint",
+                           "actionPrintFreview", "actionExit"}));
     EXPECT_EQ(Entries(w.findChild<QMenu*>("menuSniffer")),
               (QStringList{"actionConnect", "actionDisconnect", "-", "actionStart", "actionStop", "-",
                            "actionEventWindow", "actionEventInfo", "actionEventPropertyChart", "actionFrequencyChart",
@@ -501,7 +503,7 @@ TEST_F(MainWindowTest, LiveSessionIsRefreshedThenPlayedBackTheSame)
         EXPECT_TRUE(played[k].startsWith("   ")) << k;
     }
     EXPECT_EQ(again.Dock()->EventWindow()->LogView()->toPlainText(),
-              again.Dock()->EventWindow()->Model().LogText());
+              again.Dock()->EventWindow()->ShownLogText());
 }
 
 TEST_F(MainWindowTest, BlockedInterfaceThreadGetsNoSecondTick)
@@ -741,4 +743,86 @@ TEST_F(MainWindowTest, OpeningAFileThatIsNotASessionKeepsTheViewAndTheFolders)
         EXPECT_TRUE(w.FileOpen());
         EXPECT_EQ(QDir(sessions).entryList(QDir::Dirs | QDir::NoDotAndDotDot), folders) << file.first;
     }
+}
+
+// A session of a ping at 1 ms, a configuration whose checksum failed at
+// 3.5 ms and a control error at 6 ms, written as a capture writes it.
+static std::string WrittenSession(const std::string& folder)
+{
+    EXPECT_TRUE(QDir().mkpath(QString::fromStdString(folder)));
+    SettingParams::Instance().eventPath = SettingParams::Instance().logPath = folder;
+    EventLogModel m;
+    m.StartAcquisition();
+    auto bad = MakeEvent(81, 2, "Configuration", "51 0A 00 00 0A 00 00 ");
+    bad->common.typeString = "ChecksumError";
+    std::vector<MsgInfoPtr> events{MakeEvent(1, 2, "SignalStrength 50", "01 80 81 "), bad, ControlError(1)};
+    int64_t us = 1000;
+    for (const MsgInfoPtr& e : events) {
+        e->timing.startTime = us;
+        us += 2500;
+    }
+    m.AddEvents(events);
+    return m.SidPath();
+}
+
+TEST_F(MainWindowTest, StatusBarAndTitleTellTheShownEventsErrorsFileAndDuration)
+{
+    const std::string sid = WrittenSession(dir.path().toStdString() + "/written/");
+    MainWindow w(Empty());
+    EXPECT_EQ(w.windowTitle(), "Coilscope");
+    answer = QString::fromStdString(sid);
+    w.actionBtns(w.Action("actionOpen"));
+    ASSERT_TRUE(w.FileOpen());
+    const QString name = QFileInfo(answer).fileName();
+    EXPECT_EQ(w.windowTitle(), "Coilscope - " + name);
+    EXPECT_EQ(w.StatusLabel()->text(), "Events 3 / 3 shown   Errors 1   " + name + "   0.006 s");
+    QEventWindow* events = w.Dock()->EventWindow();
+    events->show();
+    events->FilterEdit()->setFocus();
+    QTest::keyClicks(events->FilterEdit(), "type != 3");
+    QTest::keyClick(events->FilterEdit(), Qt::Key_Return);
+    EXPECT_EQ(w.StatusLabel()->text(), "Events 2 / 3 shown   Errors 1   " + name + "   0.006 s");
+}
+
+TEST_F(MainWindowTest, ExportWritesTheShownEventsInTheFormatOfTheFilesEnding)
+{
+    const std::string sid = WrittenSession(dir.path().toStdString() + "/written/");
+    MainWindow w(Empty());
+    answer = QString::fromStdString(sid);
+    w.actionBtns(w.Action("actionOpen"));
+    ASSERT_TRUE(w.FileOpen());
+    QEventWindow* events = w.Dock()->EventWindow();
+    events->SetFilter("type != 81");
+    auto read = [](const QString& path) {
+        QFile f(path);
+        EXPECT_TRUE(f.open(QIODevice::ReadOnly)) << path.toStdString();
+        return QString::fromUtf8(f.readAll());
+    };
+    answer = dir.path() + "/shown.csv";
+    asked.clear();
+    w.Action("actionExport")->trigger();
+    EXPECT_EQ(asked, (std::vector<QString>{"Export Events"}));
+    const QStringList rows = read(answer).split("\r\n", QString::SkipEmptyParts);
+    ASSERT_EQ(rows.size(), 3) << read(answer).toStdString();
+    EXPECT_EQ(rows[0], "number,time_ms,dir,phase,type,bytes,text,status,reading");
+    EXPECT_TRUE(rows[1].startsWith("2,1.000,")) << rows[1].toStdString();
+    EXPECT_TRUE(rows[1].contains(",01 80 81,SignalStrength 50,ok")) << rows[1].toStdString();
+    EXPECT_TRUE(rows[2].startsWith("4,6.000,")) << rows[2].toStdString();
+
+    answer = dir.path() + "/shown.jsonl";
+    w.Action("actionExport")->trigger();
+    const QStringList json = read(answer).split("\n", QString::SkipEmptyParts);
+    ASSERT_EQ(json.size(), 2);
+    EXPECT_TRUE(json[0].startsWith("{")) << json[0].toStdString();
+    EXPECT_TRUE(json[0].contains("SignalStrength 50"));
+
+    answer = dir.path() + "/shown.txt";
+    w.Action("actionExport")->trigger();
+    const QStringList lines = events->Model().LogLines();
+    EXPECT_EQ(read(answer), lines.filter("[2] ").first() + "\n" + lines.filter("[4] ").first() + "\n");
+
+    // Cancelled: nothing is written.
+    answer.clear();
+    w.Action("actionExport")->trigger();
+    EXPECT_TRUE(messages.empty());
 }

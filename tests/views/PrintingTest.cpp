@@ -8,6 +8,7 @@
 #include "services/AppSettings.h"
 #include "services/Log.h"
 #include "services/SettingParams.h"
+#include "events/ui/QEventWindow.h"
 #include "views/MainWindow.h"
 #include "views/Printing.h"
 #include "views/Properties.h"
@@ -19,6 +20,9 @@
 #include <QApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QStandardPaths>
 #include <QImage>
 #include <QPrintPreviewDialog>
 #include <QPrinter>
@@ -216,4 +220,53 @@ TEST_F(PrintingTest, NoWidgetOrNoPrinterPaintsNothing)
     QWidget widget;
     PaintWidgetPicture(&widget, nullptr);
     EXPECT_FALSE(QFile::exists(PdfPath()));
+}
+
+// The event window focused: its shown events as text pages (the columns, the
+// session's name and page numbers), not its picture.
+TEST_F(PrintingTest, FocusedEventWindowPrintsTheShownEventsAsTextPages)
+{
+    const QString pdftotext = QStandardPaths::findExecutable(QStringLiteral("pdftotext"));
+    if (pdftotext.isEmpty())
+        GTEST_SKIP() << "no pdftotext";
+    MainWindow w(Empty());
+    Fill(w);
+    QEventWindow* events = w.Dock()->EventWindow();
+    SettingParams::Instance().eventPath = SettingParams::Instance().logPath = dir.path().toStdString() + "/";
+    events->StartAcquisition();
+    std::vector<MsgInfoPtr> batch;
+    for (int i = 0; i < 200; ++i) {
+        MsgInfoPtr e = i % 2 ? ControlError(i) : MakeEvent(4, 2, "ReceivedPower " + std::to_string(i), "04 10 14 ");
+        e->timing.startTime = 1000 * (i + 1);
+        batch.push_back(e);
+    }
+    events->AddEvents(batch);
+    events->SetFilter("type == 4");
+    events->CatchUpNow();
+    events->EventView()->setFocus();
+    ASSERT_EQ(w.Dock()->FocusedView(), events);
+    SetPrintPreviewHook([&](QPrintPreviewDialog* dialog) {
+        dialog->printer()->setOutputFileName(PdfPath());
+        emit dialog->paintRequested(dialog->printer());
+    });
+    w.actionBtns(w.Action("actionPrintFreview"));
+    ASSERT_TRUE(QFile::exists(PdfPath()));
+    QProcess p;
+    p.start(pdftotext, {QStringLiteral("-layout"), PdfPath(), QStringLiteral("-")});
+    ASSERT_TRUE(p.waitForFinished(10000));
+    const QString text = QString::fromUtf8(p.readAllStandardOutput());
+    const QString name = QFileInfo(QString::fromStdString(events->Model().SidPath())).fileName();
+    const int pages = text.count(QChar('\f')) + (text.endsWith('\f') ? 0 : 1);
+    ASSERT_GE(pages, 2) << text.toStdString();
+    EXPECT_TRUE(text.contains(name)) << text.toStdString();
+    EXPECT_TRUE(text.contains(QString("Page 1 of %1").arg(pages)));
+    EXPECT_TRUE(text.contains(QString("Page %1 of %1").arg(pages)));
+    EXPECT_TRUE(text.contains(QRegularExpression("No\\.\\s+Time \\(ms\\)\\s+\\S+ \\(ms\\)\\s+Dir\\s+Event")))
+        << text.left(400).toStdString();
+    // The first shown event: number 2 (the Start marker is 1) at 1 ms; the
+    // next shown one 2 ms later; the control errors are filtered out.
+    EXPECT_TRUE(text.contains(QRegularExpression("\\b2\\s+1\\.000\\s+rx\\s+Rx ReceivedPower 0\\b"))) << text.left(600).toStdString();
+    EXPECT_TRUE(text.contains(QRegularExpression("\\b4\\s+3\\.000\\s+2\\.000\\s+rx\\s+Rx ReceivedPower 2\\b")));
+    EXPECT_TRUE(text.contains("ReceivedPower 198"));
+    EXPECT_FALSE(text.contains("ControlError"));
 }
