@@ -125,11 +125,8 @@ int RunCapture(int argc, char** argv)
         if (a == "--json") {
             json = true;
         } else if (a == "--filter") {
-            if (i + 1 >= argc) {
-                std::fprintf(stderr, "coilscope-cli capture: --filter needs an expression\n");
+            if (!TakeCliFilter("capture", argc, argv, i, filterText))
                 return 2;
-            }
-            filterText = argv[++i];
             filtered = true;
         } else if (a == "--stats") {
             stats = true;

@@ -106,11 +106,8 @@ int RunReplay(int argc, char** argv)
         else if (a == "--sid" && i + 1 < argc)
             sidOut = argv[++i];
         else if (a == "--filter") {
-            if (i + 1 >= argc) {
-                std::fprintf(stderr, "coilscope-cli replay: --filter needs an expression\n");
+            if (!TakeCliFilter("replay", argc, argv, i, filterText))
                 return 2;
-            }
-            filterText = argv[++i];
             filtered = true;
         }
         else if (a == "--ask-reader" && i + 1 < argc) {

@@ -49,6 +49,16 @@ bool CompileCliFilter(const char* command, const std::string& text, analysis::Fi
     return false;
 }
 
+bool TakeCliFilter(const char* command, int argc, char** argv, int& i, std::string& text)
+{
+    if (i + 1 >= argc) {
+        std::fprintf(stderr, "coilscope-cli %s: --filter needs an expression\n", command);
+        return false;
+    }
+    text = argv[++i];
+    return true;
+}
+
 int RunShow(int argc, char** argv)
 {
     bool formatted = false;
@@ -73,11 +83,8 @@ int RunShow(int argc, char** argv)
             formatted = true;
             ++i;
         } else if (a == "--filter") {
-            if (i + 1 >= argc) {
-                std::fprintf(stderr, "coilscope-cli show: --filter needs an expression\n");
+            if (!TakeCliFilter("show", argc, argv, i, filterText))
                 return 2;
-            }
-            filterText = argv[++i];
             filtered = true;
         } else if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
             std::fprintf(stderr, "coilscope-cli show: unknown option %s (try --help)\n", a.c_str());

@@ -18,3 +18,7 @@ using analysis::EventJson;
 // "coilscope-cli COMMAND: bad filter: column N: expected ..." with the filter
 // and a caret under the column, and false is returned.
 bool CompileCliFilter(const char* command, const std::string& text, analysis::Filter& filter);
+
+// Takes the expression that follows --filter at argv[i] into `text` and moves
+// i past it; when there is none, says so on stderr and returns false.
+bool TakeCliFilter(const char* command, int argc, char** argv, int& i, std::string& text);

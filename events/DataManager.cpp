@@ -1,5 +1,6 @@
 #include "events/DataManager.h"
 
+#include "common/AskFrameBits.h"
 #include "common/Clock.h"
 #include "common/TimeText.h"
 #include "decode/MessageLength.h"
@@ -359,30 +360,6 @@ std::shared_ptr<CMsgData> CDataManager::WireFrame(const AskWireFrame& w)
     return frame;
 }
 
-namespace {
-
-// The bits of a frame as sent from its header's start bit on: for each byte a
-// start bit 0, eight data bits least significant first, odd parity, stop bit 1.
-std::vector<uint8_t> AskFrameBits(const std::vector<uint8_t>& bytes)
-{
-    std::vector<uint8_t> bits;
-    bits.reserve(bytes.size() * 11);
-    for (uint8_t b : bytes) {
-        bits.push_back(0);
-        int ones = 0;
-        for (int i = 0; i < 8; ++i) {
-            const uint8_t bit = (b >> i) & 1;
-            ones += bit;
-            bits.push_back(bit);
-        }
-        bits.push_back(ones % 2 == 0 ? 1 : 0);
-        bits.push_back(1);
-    }
-    return bits;
-}
-
-}  // namespace
-
 void CDataManager::ReadWire(const int32_t* samples, size_t n, uint64_t first)
 {
     if (n == 0 || !samples)
@@ -651,7 +628,8 @@ void CDataManager::ResolveCluster(MergeLane& lane, std::vector<Held>& cluster,
                 lane.counts.refused += 1;
                 continue;
             }
-            const std::vector<uint8_t> sent = AskFrameBits(bytes);
+            std::vector<uint8_t> sent;
+            AppendAskByteBits(sent, bytes);
             for (const Held* x : failed) {
                 if (!Overlap(x->first, x->last, list[j]->first, list[j]->last))
                     continue;

@@ -1,5 +1,7 @@
 #include "sim/AskSynth.h"
 
+#include "common/AskFrameBits.h"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -39,18 +41,7 @@ std::vector<uint8_t> WithChecksum(std::vector<uint8_t> headerAndMessage) {
 
 std::vector<uint8_t> AskPacketBits(const std::vector<uint8_t>& frame, int preambleOnes) {
     std::vector<uint8_t> bits(static_cast<size_t>(std::max(preambleOnes, 0)), 1);
-    bits.reserve(bits.size() + 11 * frame.size());
-    for (uint8_t byte : frame) {
-        bits.push_back(0);
-        int ones = 0;
-        for (int i = 0; i < 8; ++i) {
-            const uint8_t bit = (byte >> i) & 1;
-            ones += bit;
-            bits.push_back(bit);
-        }
-        bits.push_back(ones % 2 == 0 ? 1 : 0);  // odd parity over data plus parity
-        bits.push_back(1);
-    }
+    AppendAskByteBits(bits, frame);
     return bits;
 }
 
