@@ -41,6 +41,28 @@ MsgInfoPtr EventOf(const std::string& text, int64_t number, bool* parsed = nullp
 
 }  // namespace
 
+namespace {
+
+// Appends every record of an open session file to `events`, numbered from 1;
+// returns how many of them are event records (parse as a JSON object).
+size_t ReadRecords(std::FILE* file, std::vector<MsgInfoPtr>& events)
+{
+    std::string text;
+    int64_t counter = 1;
+    size_t readable = 0;
+    while (NextRecord([file] {
+        const int c = getc_unlocked(file);
+        return c == EOF ? -1 : c;
+    }, text)) {
+        bool parsed = false;
+        events.push_back(EventOf(text, counter++, &parsed));
+        readable += parsed ? 1 : 0;
+    }
+    return readable;
+}
+
+}  // namespace
+
 bool ReadSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events)
 {
     struct stat st {};
@@ -49,13 +71,7 @@ bool ReadSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events)
     std::FILE* file = std::fopen(path.c_str(), "rb");
     if (!file)
         return false;
-    std::string text;
-    int64_t counter = 1;
-    while (NextRecord([file] {
-        const int c = getc_unlocked(file);
-        return c == EOF ? -1 : c;
-    }, text))
-        events.push_back(EventOf(text, counter++));
+    ReadRecords(file, events);
     std::fclose(file);
     return true;
 }
@@ -75,17 +91,7 @@ bool OpenSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events, s
         error = "Can't open \"" + path + "\": " + why + ". Expected a session file (.sid).";
         return false;
     }
-    std::string text;
-    int64_t counter = 1;
-    size_t readable = 0;
-    while (NextRecord([file] {
-        const int c = getc_unlocked(file);
-        return c == EOF ? -1 : c;
-    }, text)) {
-        bool parsed = false;
-        events.push_back(EventOf(text, counter++, &parsed));
-        readable += parsed ? 1 : 0;
-    }
+    const size_t readable = ReadRecords(file, events);
     std::fclose(file);
     if (readable > 0)
         return true;
