@@ -211,6 +211,21 @@ int RunReplay(int argc, char** argv)
         });
     if (showProgress)
         std::fputs("\rreplay 100 %\n", stderr);
+    // What the second readers changed, as the session's statistics tell it.
+    CDataManager& manager = replay.Manager();
+    if (manager.SecondAskReader()) {
+        const CDataManager::MergeCounts c = manager.Merges();
+        std::fprintf(stderr,
+                     "readers: ASK agreed %lld, recovered %lld, corrected %lld, disputed %lld, refused %lld, "
+                     "unconfirmed %lld\n",
+                     (long long)c.agreed, (long long)c.recovered, (long long)c.corrected, (long long)c.disputed,
+                     (long long)c.refused, (long long)c.unconfirmed);
+    }
+    if (manager.SecondFskReader()) {
+        const CDataManager::MergeCounts c = manager.FskMerges();
+        std::fprintf(stderr, "readers: FSK agreed %lld, recovered %lld, corrected %lld, disputed %lld\n",
+                     (long long)c.agreed, (long long)c.recovered, (long long)c.corrected, (long long)c.disputed);
+    }
     if (sid)
         std::fclose(sid);
     std::cout << std::flush;

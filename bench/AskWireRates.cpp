@@ -152,15 +152,17 @@ int main(int argc, char** argv)
         counts.corrected += rows[ci].counts.corrected;
         counts.disputed += rows[ci].counts.disputed;
         counts.refused += rows[ci].counts.refused;
+        counts.unconfirmed += rows[ci].counts.unconfirmed;
     }
     std::printf("%-26s", "all well-formed packets");
     Print("wire", totalWire);
     if (both)
         Print("both", totalBoth);
     if (both)
-        std::printf("\nmerge: agreed %lld, recovered %lld, corrected %lld, disputed %lld, refused %lld",
+        std::printf("\nmerge: agreed %lld, recovered %lld, corrected %lld, disputed %lld, refused %lld, "
+                    "unconfirmed %lld",
                     (long long)counts.agreed, (long long)counts.recovered, (long long)counts.corrected,
-                    (long long)counts.disputed, (long long)counts.refused);
+                    (long long)counts.disputed, (long long)counts.refused, (long long)counts.unconfirmed);
     std::printf("\n%.1f s\n", std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count());
     return 0;
 }

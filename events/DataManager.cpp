@@ -179,7 +179,11 @@ void CDataManager::BeginAcquisition()
     }
     m_settleAll.store(false, std::memory_order_relaxed);
     m_wireReader.Reset();
-    m_wireRingNext = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_wireRingMutex);
+        m_wireRingNext = 0;
+        m_wireRingOldest = 0;
+    }
     m_fskWireReader = FskWireReader(m_fskReaderMin, m_fskReaderMax);
     m_fskRingNext = 0;
 }
@@ -305,7 +309,12 @@ void CDataManager::Clear()
 //  - a good ASK frame of the list decoder over the span of a packet that the
 //    second reader began (start bit found) but could not finish, whose bits
 //    contradict the bits the second reader read there, goes out as an error
-//    frame, marked "disputed", with the bytes the second reader read whole.
+//    frame, marked "disputed", with the bytes the second reader read whole;
+//  - a good ASK frame of the list decoder over a span where the second reader
+//    read nothing at all is read again by a fresh second reader from the
+//    newest samples: the same bytes confirm it, other good bytes correct it
+//    as above, and no packet at all leaves the reading unsupported by the
+//    signal: it goes out as an error frame, marked "unconfirmed".
 // A false frame misleads more than a missed one: where the readers contradict
 // each other and the signal cannot tell, the user sees an error.
 // Everything goes on in capture order, as any frame: ASK frames to the
@@ -344,11 +353,7 @@ std::shared_ptr<CMsgData> CDataManager::WireFrame(const AskWireFrame& w)
     capture->startTime = w.firstSample * 25;
     capture->endTime = w.endSample * 25;
     // The samples of the packet, when the ring still holds them all.
-    if (w.endSample >= w.firstSample && w.endSample < m_wireRingNext && m_wireRingNext - w.firstSample <= kWireRing &&
-        m_wireRing.size() == kWireRing) {
-        capture->samples.reserve(static_cast<size_t>(w.endSample - w.firstSample + 1));
-        for (uint64_t k = w.firstSample; k <= w.endSample; ++k)
-            capture->samples.push_back(m_wireRing[static_cast<size_t>(k & (kWireRing - 1))]);
+    if (CopyWireSamples(w.firstSample, w.endSample, capture->samples)) {
         capture->rawSamples = capture->samples;
         const auto range = std::minmax_element(capture->samples.begin(), capture->samples.end());
         capture->amplitude = *range.second - *range.first;
@@ -360,24 +365,72 @@ std::shared_ptr<CMsgData> CDataManager::WireFrame(const AskWireFrame& w)
     return frame;
 }
 
+bool CDataManager::CopyWireSamples(uint64_t first, uint64_t last, std::vector<int32_t>& out)
+{
+    std::lock_guard<std::mutex> lock(m_wireRingMutex);
+    if (last < first || first < m_wireRingOldest || last >= m_wireRingNext || m_wireRingNext - first > kWireRing ||
+        m_wireRing.size() != kWireRing)
+        return false;
+    out.resize(static_cast<size_t>(last - first + 1));
+    for (uint64_t k = first; k <= last; ++k)
+        out[static_cast<size_t>(k - first)] = m_wireRing[static_cast<size_t>(k & (kWireRing - 1))];
+    return true;
+}
+
+bool CDataManager::ReadAgain(uint64_t first, uint64_t last, std::vector<AskWireFrame>& frames)
+{
+    // 240 samples (6 ms) before the span: the fresh reader measures the idle
+    // level and its noise before the packet's first transition, even where
+    // the list decoder's burst began a little late. 240 after: its quiet end.
+    // Without 64 samples of the stream before the span (a capture that
+    // begins inside the packet) the idle level can't be measured: no look.
+    constexpr uint64_t kMargin = 240;
+    constexpr uint64_t kLeast = 64;
+    uint64_t from = first > kMargin ? first - kMargin : 0;
+    std::vector<int32_t> samples;
+    {
+        std::lock_guard<std::mutex> lock(m_wireRingMutex);
+        if (m_wireRingNext == 0 || first < m_wireRingOldest + kLeast)
+            return false;
+        from = std::max(from, m_wireRingOldest);
+        last = std::min(last + kMargin, m_wireRingNext - 1);
+    }
+    if (!CopyWireSamples(from, last, samples))
+        return false;
+    AskWireReader reader;
+    reader.Feed(samples.data(), samples.size(), from);
+    // The end of the samples ends the packet under way: quiet after it.
+    const std::vector<int32_t> quiet(kMargin, samples.empty() ? 0 : samples.back());
+    reader.Feed(quiet.data(), quiet.size(), last + 1);
+    frames = reader.Take();
+    return true;
+}
+
 void CDataManager::ReadWire(const int32_t* samples, size_t n, uint64_t first)
 {
     if (n == 0 || !samples)
         return;
-    if (m_wireRing.size() != kWireRing)
-        m_wireRing.assign(kWireRing, 0);
-    // Numbers that go back are a new capture: the reader starts over.
-    if (first < m_wireRingNext)
-        m_wireReader.Reset();
-    // Into the ring in at most two runs (the newest kWireRing samples).
-    size_t skip = n > kWireRing ? n - kWireRing : 0;
-    while (skip < n) {
-        const size_t at = static_cast<size_t>((first + skip) & (kWireRing - 1));
-        const size_t run = std::min(n - skip, kWireRing - at);
-        std::copy(samples + skip, samples + skip + run, m_wireRing.begin() + static_cast<std::ptrdiff_t>(at));
-        skip += run;
+    {
+        std::lock_guard<std::mutex> lock(m_wireRingMutex);
+        if (m_wireRing.size() != kWireRing)
+            m_wireRing.assign(kWireRing, 0);
+        // Numbers that go back are a new capture: the reader starts over.
+        if (first < m_wireRingNext)
+            m_wireReader.Reset();
+        // What the ring holds from before a new capture or a gap is not this
+        // stream's.
+        if (m_wireRingNext == 0 || first != m_wireRingNext)
+            m_wireRingOldest = first;
+        // Into the ring in at most two runs (the newest kWireRing samples).
+        size_t skip = n > kWireRing ? n - kWireRing : 0;
+        while (skip < n) {
+            const size_t at = static_cast<size_t>((first + skip) & (kWireRing - 1));
+            const size_t run = std::min(n - skip, kWireRing - at);
+            std::copy(samples + skip, samples + skip + run, m_wireRing.begin() + static_cast<std::ptrdiff_t>(at));
+            skip += run;
+        }
+        m_wireRingNext = first + n;
     }
-    m_wireRingNext = first + n;
     m_wireReader.Feed(samples, n, first);
     std::vector<AskWireFrame> frames = m_wireReader.Take();
     std::vector<AskWireFrame> failed = m_wireReader.TakeFailed();
@@ -570,6 +623,7 @@ void CDataManager::ResolveCluster(MergeLane& lane, std::vector<Held>& cluster,
         (h.failed ? failed : h.wire ? wire : list).push_back(&h);
     std::vector<bool> listMatched(list.size(), false), listDropped(list.size(), false);
     std::vector<bool> wireDropped(wire.size(), false);
+    std::deque<Held> reread;  // frames the second reader found reading a span again
 
     // Both read the same bytes: the first reader's frame stands.
     for (size_t i = 0; i < wire.size(); ++i) {
@@ -630,9 +684,11 @@ void CDataManager::ResolveCluster(MergeLane& lane, std::vector<Held>& cluster,
             }
             std::vector<uint8_t> sent;
             AppendAskByteBits(sent, bytes);
+            bool looked = false;  // the second reader began a packet here
             for (const Held* x : failed) {
                 if (!Overlap(x->first, x->last, list[j]->first, list[j]->last))
                     continue;
+                looked = true;
                 // Contradicted where a bit differs, or where the envelope
                 // carried bits on past the end of this reading.
                 const size_t n = std::min(sent.size(), x->bits.size());
@@ -645,10 +701,60 @@ void CDataManager::ResolveCluster(MergeLane& lane, std::vector<Held>& cluster,
                 lane.counts.disputed += 1;
                 break;
             }
+            if (looked)
+                continue;
+            // The second reader read nothing of this span in the stream (a
+            // look at noise or at a step of the idle level can hold its
+            // front end past a packet's start). It reads the span again on
+            // its own: the same bytes confirm the list decoder's reading,
+            // other good bytes correct it as above, and where it finds no
+            // packet at all nothing in the signal supports the reading: the
+            // list decoder's quirks can read a packet shifted by a bit with
+            // a checksum that still holds.
+            std::vector<AskWireFrame> again;
+            if (!ReadAgain(list[j]->first, list[j]->last, again))
+                continue;
+            const AskWireFrame* other = nullptr;
+            bool same = false;
+            for (const AskWireFrame& w : again) {
+                if (!Overlap(w.firstSample, std::max(w.firstSample, w.endSample), list[j]->first, list[j]->last))
+                    continue;
+                if (w.bytes == bytes)
+                    same = true;
+                else if (!other)
+                    other = &w;
+            }
+            if (same) {
+                lane.counts.agreed += 1;
+            } else if (other) {
+                Held h;
+                h.frame = WireFrame(*other);
+                h.first = other->firstSample;
+                h.last = std::max(other->firstSample, other->endSample);
+                h.wire = true;
+                h.drift = other->drift;
+                h.frame->packet.otherReading = f.packet.PacketData;
+                if (other->drift > kFirmDrift) {
+                    h.frame->packet.reading = "disputed";
+                    h.frame->packet.Status = "Error";
+                    lane.counts.disputed += 1;
+                } else {
+                    h.frame->packet.reading = "corrected";
+                    lane.counts.corrected += 1;
+                }
+                reread.push_back(std::move(h));
+                listDropped[j] = true;
+            } else {
+                f.packet.Status = "Error";
+                f.packet.reading = "unconfirmed";
+                lane.counts.unconfirmed += 1;
+            }
         }
     }
 
     std::vector<Held*> out;
+    for (Held& h : reread)
+        out.push_back(&h);
     for (size_t i = 0; i < wire.size(); ++i)
         if (!wireDropped[i])
             out.push_back(wire[i]);

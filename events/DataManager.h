@@ -64,6 +64,10 @@ public:
         // Good frames of the first reader against the Qi length rule (ASK):
         // shown as an error frame.
         int64_t refused = 0;
+        // Good ASK frames of the list decoder where the second reader, even
+        // reading the span afresh, finds no packet: nothing in the signal
+        // confirms the reading, so it is shown as an error frame.
+        int64_t unconfirmed = 0;
     };
     MergeCounts Merges() const { return m_ask.counts; }
 
@@ -238,11 +242,24 @@ private:
     std::atomic<bool> m_resetPending{false};
 
     // The second ASK reader, on the ASK decoding thread, with the newest
-    // samples it was given (the recovered frames' capture records).
+    // samples it was given (the recovered frames' capture records, and a
+    // second look at a span where the list decoder alone read a packet).
+    // The ASK thread writes the ring under m_wireRingMutex; the merge copies
+    // from it under the same lock.
     std::atomic<bool> m_secondReader{true};
     AskWireReader m_wireReader;
+    std::mutex m_wireRingMutex;
     std::vector<int32_t> m_wireRing;
     uint64_t m_wireRingNext = 0;  // number of the sample after the newest in the ring
+    uint64_t m_wireRingOldest = 0; // number of the first sample since the stream began or broke off
+    // The ring's samples `first` through `last` into `out`; false when the
+    // ring does not hold them all (any more, or yet).
+    bool CopyWireSamples(uint64_t first, uint64_t last, std::vector<int32_t>& out);
+    // The second reader's frames over samples `first` through `last` read
+    // afresh, with a margin of idle before and after: what the signal says
+    // of a span where the list decoder alone read a packet. False when the
+    // samples are no longer at hand.
+    bool ReadAgain(uint64_t first, uint64_t last, std::vector<AskWireFrame>& frames);
     // The second FSK reader, on the FSK decoding threads in turn, with the
     // newest words it was given.
     std::atomic<bool> m_secondFskReader{true};

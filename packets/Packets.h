@@ -35,9 +35,11 @@ struct PacketRecord {
     // (then otherReading holds the list decoder's bytes as spaced hex);
     // "disputed" when the two readings contradict each other and the signal
     // does not settle it, and "refused" when the list decoder's good frame
-    // breaks the Qi length rule: both then go out as "Error" frames, a
-    // disputed one with the other reader's bytes in otherReading (for a
-    // packet the second reader could not finish, the bytes it read whole).
+    // breaks the Qi length rule, "unconfirmed" when the second reader finds
+    // no packet where the list decoder read one, even reading the span
+    // again: these go out as "Error" frames, a disputed one with the other
+    // reader's bytes in otherReading (for a packet the second reader could
+    // not finish, the bytes it read whole).
     std::string reading;
     std::string otherReading;
 };

@@ -639,10 +639,20 @@ void MainWindow::UpdateStatus()
     if (file.isEmpty())
         file = QString::fromStdString(events->Model().SidPath());
     const QString name = QFileInfo(file).fileName();
-    const QString text = QStringLiteral("Events %1 / %2 shown   Errors %3   %4   %5 s")
+    // What the second readers changed of the first readers' frames, where
+    // they changed anything.
+    QString readers;
+    for (const char* mark : {"recovered", "corrected", "disputed", "refused", "unconfirmed"}) {
+        const int n = events->ReadingCount(mark);
+        if (n > 0)
+            readers += (readers.isEmpty() ? QStringLiteral("   Second readers: ") : QStringLiteral(", ")) +
+                       QString::number(n) + QLatin1Char(' ') + QLatin1String(mark);
+    }
+    const QString text = QStringLiteral("Events %1 / %2 shown   Errors %3%4   %5   %6 s")
                              .arg(events->ShownEvents())
                              .arg(events->TotalEvents())
                              .arg(events->ErrorCount())
+                             .arg(readers)
                              .arg(name.isEmpty() ? QStringLiteral("no session file") : name)
                              .arg(events->DurationMs() / 1000.0, 0, 'f', 3);
     if (m_statusLabel->text() != text)

@@ -162,6 +162,7 @@ QEventWindow::QEventWindow(QWidget* parent) : PanelDialog(parent)
         m_hidden.clear();
         m_groupCounts.clear();
         m_errorCount = 0;
+        m_readingCounts.clear();
     });
 }
 
@@ -368,6 +369,8 @@ void QEventWindow::TakeEvent(const MsgInfo& e, int phase)
     auto f = m_fields.insert(item, m_builder.Next(e, e.common.eventNumber, phase));
     if (IsError(*f))
         m_errorCount += 1;
+    if (!f->reading.empty())
+        m_readingCounts[f->reading] += 1;
     m_lastTimeMs = std::max(m_lastTimeMs, f->timeMs);
     // The line the event wrote is the last one (a device status and a
     // contract write none).
@@ -390,6 +393,8 @@ void QEventWindow::ForgetRows(const QModelIndex& parent, int first, int last)
         const auto f = m_fields.constFind(item);
         if (f != m_fields.constEnd() && IsError(*f))
             m_errorCount -= 1;
+        if (f != m_fields.constEnd() && !f->reading.empty())
+            m_readingCounts[f->reading] -= 1;
         m_fields.remove(item);
         m_hidden.remove(item);
         m_groupCounts.remove(item);
@@ -972,6 +977,7 @@ void QEventWindow::ClearAll()
     m_eventView->header()->restoreState(KeptColumns());
     m_columnsResetting = false;
     m_errorCount = 0;
+    m_readingCounts.clear();
     m_lastTimeMs = 0.0;
     m_fields.clear();
     m_hidden.clear();

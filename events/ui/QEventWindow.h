@@ -173,6 +173,13 @@ public:
     int ExportShown(std::ostream& out, analysis::ExportFormat format);
     // Errors among the events in the tree, as F8 walks them.
     int ErrorCount() const { return m_errorCount; }
+    // Events in the tree that a second reader marked ("recovered",
+    // "corrected", "disputed", "refused", "unconfirmed"), by mark.
+    int ReadingCount(const std::string& reading) const
+    {
+        const auto it = m_readingCounts.find(reading);
+        return it == m_readingCounts.end() ? 0 : it->second;
+    }
     bool IsError(const analysis::EventFields& f) const { return m_errorFilter.Matches(f); }
     // Events the filter shows and events in the tree.
     int ShownEvents() const { return m_filter.IsEmpty() ? m_fields.size() : m_shownEvents; }
@@ -238,6 +245,7 @@ private:
     bool m_columnsResetting = false;
     analysis::Filter m_errorFilter;
     int m_errorCount = 0;
+    std::map<std::string, int> m_readingCounts;
     double m_lastTimeMs = 0.0;
     // The time of each log line an event wrote, by the line's place among
     // all the lines written.

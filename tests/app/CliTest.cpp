@@ -382,6 +382,22 @@ TEST(CliReplayRecorded, WithBothReadersEveryReceiverPacketSentComesBack)
     EXPECT_EQ(got, sent);
 }
 
+// The end of a replay tells on stderr what each second reader changed; with
+// the list decoders alone there is nothing to tell.
+TEST(CliReplayRecorded, TheSecondReadersTallyEndsTheReplayOnStderr)
+{
+    const std::string cli = std::string(COILSCOPE_CLI) + " replay " + kRecorded;
+    const Result both = e2e::Shell(cli + " 2>&1 >/dev/null");
+    ASSERT_EQ(both.status, 0);
+    EXPECT_NE(both.out.find("readers: ASK agreed "), std::string::npos) << both.out;
+    EXPECT_NE(both.out.find(", recovered 2, corrected 1, disputed 0, refused 0, unconfirmed 0\n"), std::string::npos)
+        << both.out;
+    EXPECT_NE(both.out.find("readers: FSK agreed "), std::string::npos) << both.out;
+    const Result list = e2e::Shell(cli + " --ask-reader list --fsk-reader list 2>&1 >/dev/null");
+    ASSERT_EQ(list.status, 0);
+    EXPECT_EQ(list.out.find("readers:"), std::string::npos) << list.out;
+}
+
 TEST(CliReplayRecorded, WithBothFskReadersEveryTransmitterPacketAndPatternSentComesBack)
 {
     // The frame decoder reads every one of this recording's transmitter

@@ -112,6 +112,8 @@ TEST_F(AskMergeTest, AListDecoderFrameWithABadChecksumIsCorrectedToo)
     EXPECT_EQ(events[0]->packet.otherReading, "03 20 13 ");
 }
 
+// No samples at hand to read the span again (none were given): nothing
+// tells against the list decoder's reading.
 TEST_F(AskMergeTest, AListDecoderFrameWhereTheSecondReaderFoundNothingStands)
 {
     dm.AskFilter().PutFrame(ListFrame({0x03, 0x05, 0x06}, 980, 1910));
@@ -404,4 +406,40 @@ TEST_F(AskMergeTest, AnErrorFrameOfTheListDecoderIsCorrectedEvenByALooseReading)
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events[0]->packet.Status, "NoError");
     EXPECT_EQ(events[0]->packet.reading, "corrected");
+}
+
+// The samples under a good list frame hold no packet at all (idle with a
+// little noise): the second reader, reading the span again, finds nothing,
+// and nothing in the signal supports the reading. It goes out as an error.
+TEST_F(AskMergeTest, AListFrameOverSamplesWithNoPacketIsShownAsUnconfirmed)
+{
+    std::vector<int32_t> idle(4000);
+    for (size_t i = 0; i < idle.size(); ++i)
+        idle[i] = 1000 + static_cast<int32_t>((i * 7919u) % 21u) - 10;
+    dm.ReadWire(idle.data(), idle.size(), 0);
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x05, 0x06}, 980, 1910));
+    dm.ListDecoderPassed(4000);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.Status, "Error");
+    EXPECT_EQ(events[0]->packet.reading, "unconfirmed");
+    EXPECT_EQ(events[0]->packet.PacketData, "03 05 06 ");
+    EXPECT_EQ(events[0]->str.toStdString(), "ChecksumError 03 05 06 ");
+    EXPECT_EQ(dm.Merges().unconfirmed, 1);
+    EXPECT_EQ(dm.Merges().agreed + dm.Merges().corrected + dm.Merges().disputed, 0);
+}
+
+// A list frame at the very start of the stream: fewer than 64 samples before
+// it, no idle level to measure, so no second look; the frame stands.
+TEST_F(AskMergeTest, AListFrameTooNearTheStreamsStartToReadAgainStands)
+{
+    std::vector<int32_t> idle(4000, 1000);
+    dm.ReadWire(idle.data(), idle.size(), 500);
+    dm.AskFilter().PutFrame(ListFrame({0x03, 0x05, 0x06}, 540, 1500));
+    dm.ListDecoderPassed(4500);
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.Status, "NoError");
+    EXPECT_EQ(events[0]->packet.reading, "");
+    EXPECT_EQ(dm.Merges().unconfirmed, 0);
 }

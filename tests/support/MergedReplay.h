@@ -43,6 +43,7 @@ inline std::vector<AskFoundFrame> MergedGoodFrames(const std::vector<uint16_t>& 
         counts->agreed += c.agreed;
         counts->disputed += c.disputed;
         counts->refused += c.refused;
+        counts->unconfirmed += c.unconfirmed;
     }
     return out;
 }

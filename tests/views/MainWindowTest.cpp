@@ -784,6 +784,42 @@ TEST_F(MainWindowTest, StatusBarAndTitleTellTheShownEventsErrorsFileAndDuration)
     EXPECT_EQ(w.StatusLabel()->text(), "Events 2 / 3 shown   Errors 1   " + name + "   0.006 s");
 }
 
+// Frames that a second reader recovered, corrected or could not confirm are
+// counted in the status bar, by mark, from the session's own records.
+TEST_F(MainWindowTest, StatusBarCountsWhatTheSecondReadersChanged)
+{
+    const std::string folder = dir.path().toStdString() + "/readers/";
+    ASSERT_TRUE(QDir().mkpath(QString::fromStdString(folder)));
+    SettingParams::Instance().eventPath = SettingParams::Instance().logPath = folder;
+    EventLogModel m;
+    m.StartAcquisition();
+    auto corrected = ControlError(1);
+    corrected->packet.reading = "corrected";
+    corrected->packet.otherReading = "03 02 01 ";
+    auto unconfirmed = MakeEvent(3, 2, "ControlError", "03 04 07 ");
+    unconfirmed->common.typeString = "ChecksumError";
+    unconfirmed->packet.Status = "Error";
+    unconfirmed->packet.reading = "unconfirmed";
+    auto recovered = ControlError(2);
+    recovered->packet.reading = "recovered";
+    auto recoveredToo = ControlError(3);
+    recoveredToo->packet.reading = "recovered";
+    std::vector<MsgInfoPtr> events{corrected, unconfirmed, recovered, recoveredToo};
+    int64_t us = 1000;
+    for (const MsgInfoPtr& e : events) {
+        e->timing.startTime = us;
+        us += 250000;
+    }
+    m.AddEvents(events);
+    MainWindow w(Empty());
+    answer = QString::fromStdString(m.SidPath());
+    w.actionBtns(w.Action("actionOpen"));
+    ASSERT_TRUE(w.FileOpen());
+    EXPECT_TRUE(w.StatusLabel()->text().contains(
+        "   Second readers: 2 recovered, 1 corrected, 1 unconfirmed   " + QFileInfo(answer).fileName()))
+        << w.StatusLabel()->text().toStdString();
+}
+
 TEST_F(MainWindowTest, ExportWritesTheShownEventsInTheFormatOfTheFilesEnding)
 {
     const std::string sid = WrittenSession(dir.path().toStdString() + "/written/");
