@@ -125,6 +125,22 @@ MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(p
     m_dock->setAutoFillBackground(true);
     connect(m_tabWidget, &QTabWidget::currentChanged, this, &MainWindow::tabChanged);
     connect(m_dock->EventWindow(), &QEventWindow::filterApplied, this, &MainWindow::UpdateStatus);
+    // The Go menu: the event window's find, go-to and error walking, where a
+    // packet analyser's user looks for them, with their shortcuts shown.
+    {
+        QEventWindow* events = m_dock->EventWindow();
+        auto* go = new QMenu(QStringLiteral("Go"), this);
+        go->setObjectName(QStringLiteral("menuGo"));
+        go->addAction(events->FindAction());
+        go->addAction(events->GoToAction());
+        go->addSeparator();
+        go->addAction(events->NextErrorAction());
+        go->addAction(events->PreviousErrorAction());
+        if (auto* options = menuBar()->findChild<QMenu*>(QStringLiteral("menuOptions")))
+            menuBar()->insertMenu(options->menuAction(), go);
+        else
+            menuBar()->addMenu(go);
+    }
     // The five view toggles say what the dock shows, whatever showed or hid a
     // view.
     connect(m_dock, &QWindowReal::signals_viewShown, this, [this](QWidget* view, bool shown) {

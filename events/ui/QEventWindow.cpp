@@ -20,6 +20,8 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QScrollBar>
+#include <QSettings>
+#include <QStandardPaths>
 #include <QTabBar>
 #include <QTabWidget>
 #include <QTextBlock>
@@ -171,6 +173,7 @@ QEventWindow::~QEventWindow()
     // The model outlives the fields kept beside it: it no longer tells them.
     disconnect(&m_model.Model(), nullptr, this, nullptr);
     KeepColumns();
+    SaveColumns();
     m_model.eventAdded = nullptr;
     m_eventView->setModel(nullptr);
 }
@@ -421,10 +424,21 @@ QString QEventWindow::FilterNote(const QStandardItem* item) const
 
 namespace {
 
-// The columns as the user left them, for the windows made after.
+// Where the columns as the user left them are kept between runs: beside the
+// settings file, in a file of the window's own (the settings file's format
+// is shared with other programs and stays as it is).
+QString ColumnStateFile()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
+           QStringLiteral("/Coilscope/window-state.ini");
+}
+
+// The columns as the user left them, for the windows made after: read from
+// the last run's file when the first window is made.
 QByteArray& KeptColumns()
 {
-    static QByteArray state;
+    static QByteArray state =
+        QSettings(ColumnStateFile(), QSettings::IniFormat).value(QStringLiteral("eventColumns")).toByteArray();
     return state;
 }
 
@@ -793,6 +807,18 @@ bool QEventWindow::NextError(bool forward)
     if (found)
         SelectItem(found);
     return found != nullptr;
+}
+
+void QEventWindow::SaveColumns()
+{
+    QSettings file(ColumnStateFile(), QSettings::IniFormat);
+    file.setValue(QStringLiteral("eventColumns"), KeptColumns());
+}
+
+void QEventWindow::LoadColumns()
+{
+    KeptColumns() =
+        QSettings(ColumnStateFile(), QSettings::IniFormat).value(QStringLiteral("eventColumns")).toByteArray();
 }
 
 void QEventWindow::KeepColumns()

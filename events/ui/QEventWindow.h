@@ -140,6 +140,12 @@ public:
     QLineEdit* FindEdit() const { return m_findEdit; }
     QLineEdit* GoToEdit() const { return m_gotoEdit; }
     QLabel* FindStatus() const { return m_findStatus; }
+    // The columns' order, visibility and widths as the user left them go
+    // to a file beside the settings when a window closes (SaveColumns), and
+    // the first window of the next run starts from them. LoadColumns reads
+    // that file again (a new run, as the windows made after it see it).
+    static void SaveColumns();
+    static void LoadColumns();
     QAction* FindAction() const { return m_findAction; }
     QAction* GoToAction() const { return m_gotoAction; }
     QAction* NextErrorAction() const { return m_nextErrorAction; }

@@ -17,6 +17,7 @@
 #include <QMenu>
 #include <QPlainTextEdit>
 #include <QScrollBar>
+#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTreeView>
@@ -149,6 +150,42 @@ TEST_F(EventColumnsTest, HeaderMenuHidesAndShowsColumnsAndTheWindowAfterKeepsThe
     // Shown again, for the tests after.
     again.ColumnMenu()->actions().at(3)->setChecked(true);
     EXPECT_FALSE(header->isSectionHidden(QEventWindow::kColumnDir));
+}
+
+// A window that closes writes its columns to a file beside the settings; the
+// next run's first window starts from that file, not from built-in widths.
+TEST_F(EventColumnsTest, ColumnWidthsAndHiddenColumnsComeBackInTheNextRun)
+{
+    const QString file = QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
+                         "/Coilscope/window-state.ini";
+    {
+        QEventWindow w;
+        w.EventView()->header()->resizeSection(QEventWindow::kColumnTime, 131);
+        w.EventView()->header()->setSectionHidden(QEventWindow::kColumnDelta, true);
+    }
+    ASSERT_TRUE(QFile::exists(file));
+    {
+        // Other widths in memory, as a run that never saw that file would have.
+        QEventWindow other;
+        other.EventView()->header()->resizeSection(QEventWindow::kColumnTime, 88);
+        other.EventView()->header()->setSectionHidden(QEventWindow::kColumnDelta, false);
+        QEventWindow::LoadColumns();  // a new run reads the file
+        QEventWindow next;
+        QHeaderView* header = next.EventView()->header();
+        EXPECT_EQ(header->sectionSize(QEventWindow::kColumnTime), 131);
+        EXPECT_TRUE(header->isSectionHidden(QEventWindow::kColumnDelta));
+        header->setSectionHidden(QEventWindow::kColumnDelta, false);
+    }
+    // A file that is not a header's state gives the built-in columns.
+    QFile garbage(file);
+    ASSERT_TRUE(garbage.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    garbage.write("[General]\neventColumns=@ByteArray(not a header state)\n");
+    garbage.close();
+    QEventWindow::LoadColumns();
+    QEventWindow fresh;
+    EXPECT_FALSE(fresh.EventView()->header()->isSectionHidden(QEventWindow::kColumnDelta));
+    EXPECT_GT(fresh.EventView()->header()->sectionSize(QEventWindow::kColumnTime), 0);
+    EXPECT_EQ(fresh.EventView()->header()->visualIndex(QEventWindow::kColumnText), 4);
 }
 
 TEST_F(EventColumnsTest, ClearKeepsTheColumnsAndShowingARowDoesNotScrollSideways)

@@ -121,7 +121,8 @@ TEST_F(MainWindowTest, WindowMenusAndToolBarsAsTheFormHasThem)
     QStringList titles;
     for (QAction* a : w.menuBar()->actions())
         titles << a->text();
-    EXPECT_EQ(titles, (QStringList{"File", "Sniffer", "Scope", "Options", "Help"}));
+    // The form's menus, and the Go menu of the event window's find actions.
+    EXPECT_EQ(titles, (QStringList{"File", "Sniffer", "Scope", "Go", "Options", "Help"}));
     EXPECT_EQ(Entries(w.findChild<QMenu*>("menuFile")),
               (QStringList{"actionOpen", "actionSave", "actionSetSavePath", "actionExport", "-", "actionPrint",
                            "actionPrintFreview", "actionExit"}));
@@ -818,6 +819,39 @@ TEST_F(MainWindowTest, StatusBarCountsWhatTheSecondReadersChanged)
     EXPECT_TRUE(w.StatusLabel()->text().contains(
         "   Second readers: 2 recovered, 1 corrected, 1 unconfirmed   " + QFileInfo(answer).fileName()))
         << w.StatusLabel()->text().toStdString();
+}
+
+// The Go menu holds the event window's find, go-to and error walking with
+// their shortcuts; its Next Error walks the tree's errors.
+TEST_F(MainWindowTest, GoMenuFindsGoesToAndWalksErrors)
+{
+    const std::string sid = WrittenSession(dir.path().toStdString() + "/go/");
+    MainWindow w(Empty());
+    answer = QString::fromStdString(sid);
+    w.actionBtns(w.Action("actionOpen"));
+    ASSERT_TRUE(w.FileOpen());
+    auto* go = w.findChild<QMenu*>("menuGo");
+    ASSERT_NE(go, nullptr);
+    QStringList titles;
+    QStringList keys;
+    for (QAction* a : go->actions()) {
+        if (a->isSeparator())
+            continue;
+        titles << a->text();
+        keys << a->shortcut().toString();
+    }
+    EXPECT_EQ(titles, (QStringList{"Find...", "Go to Event...", "Next Error", "Previous Error"}));
+    EXPECT_EQ(keys, (QStringList{"Ctrl+F", "Ctrl+G", "F8", "Shift+F8"}));
+    QStringList menus;
+    for (QAction* a : w.menuBar()->actions())
+        menus << a->text();
+    EXPECT_EQ(menus.indexOf("Go") + 1, menus.indexOf("Options"));
+    QEventWindow* events = w.Dock()->EventWindow();
+    events->CatchUpNow();
+    go->actions().at(3)->trigger();  // Next Error: the configuration whose checksum failed
+    const QStandardItem* selected = events->SelectedItem();
+    ASSERT_NE(selected, nullptr);
+    EXPECT_EQ(selected->text().toStdString(), "Configuration");
 }
 
 TEST_F(MainWindowTest, ExportWritesTheShownEventsInTheFormatOfTheFilesEnding)
