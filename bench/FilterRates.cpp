@@ -6,12 +6,9 @@
 // each filter over the gathered fields and over the events themselves
 // (gathering included), and the cost per event against a live session's
 // rate. `make bench` prints them.
+#include "TenMinuteSession.h"
 #include "analysis/EventFields.h"
 #include "analysis/Filter.h"
-#include "events/EventLogModel.h"
-#include "events/StreamReplay.h"
-#include "services/SettingParams.h"
-#include "sim/StreamSynth.h"
 
 #include <chrono>
 #include <cstdio>
@@ -25,63 +22,20 @@ double Seconds(std::chrono::steady_clock::time_point since)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
 }
 
-struct Placed {
-    MsgInfoPtr event;
-    int phase = 0;
-};
-
 }  // namespace
 
 int main(int argc, char** argv)
 {
     const size_t target = argc > 1 ? static_cast<size_t>(std::atol(argv[1])) : 440000;
-    coilsim::SynthOptions o;
-    o.seed = 3;
-    o.noise = true;
-    coilsim::StreamSynth synth(coilsim::SessionScript::Default(3), o);
-    std::vector<uint8_t> ask, fsk, a, f;
-    const uint64_t sessionUs = 600ULL * 1000000ULL;
-    while (synth.StreamUs() < sessionUs) {
-        synth.NextFrames(a, f);
-        ask.insert(ask.end(), a.begin(), a.end());
-        fsk.insert(fsk.end(), f.begin(), f.end());
-    }
-    SettingParams band;
-    band.m_min_freq = 110000;
-    band.m_max_freq = 210000;
-    StreamReplay replay(ask.data(), ask.size(), fsk.data(), fsk.size(), &band);
-    EventLogModel model;
-    std::vector<Placed> session;
-    model.eventAdded = [&](const MsgInfo& e, int phase) { session.push_back(Placed{nullptr, phase}); (void)e; };
-    replay.Run([&](std::vector<MsgInfoPtr>& batch) {
-        const size_t first = session.size();
-        model.AddEvents(batch);
-        for (size_t k = 0; k < batch.size() && first + k < session.size(); ++k)
-            session[first + k].event = batch[k];
-    });
-    if (session.empty()) {
+    LongSession longSession = MakeLongSession(target);
+    if (longSession.events.empty()) {
         std::fprintf(stderr, "filter_rates: the replay gave no events\n");
         return 1;
     }
-    std::printf("ten minutes of the emulator's session: %zu events, repeated to %zu\n", session.size(), target);
-
-    // The long session: copies of the ten minutes, numbered on and shifted
-    // by ten minutes each time.
-    std::vector<MsgInfo> events;
-    std::vector<int> phases;
-    events.reserve(target);
-    phases.reserve(target);
-    for (size_t k = 0; events.size() < target; ++k) {
-        const Placed& p = session[k % session.size()];
-        MsgInfo e = *p.event;
-        e.capture.reset();
-        const uint64_t round = k / session.size();
-        e.id = static_cast<int32_t>(k + 1);
-        if (e.timing.startTime)
-            e.timing.startTime += round * sessionUs;
-        events.push_back(std::move(e));
-        phases.push_back(p.phase);
-    }
+    std::printf("ten minutes of the emulator's session: %zu events, repeated to %zu\n", longSession.tenMinutes,
+                target);
+    const std::vector<MsgInfo>& events = longSession.events;
+    const std::vector<int>& phases = longSession.phases;
 
     auto t0 = std::chrono::steady_clock::now();
     std::vector<analysis::EventFields> fields;

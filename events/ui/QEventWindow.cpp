@@ -911,6 +911,20 @@ void QEventWindow::SetRowShown(int row, const QModelIndex& proxyParent, bool sho
         m_eventView->setRowHidden(row, proxyParent, !shown);
 }
 
+// The set of hidden events says whether an event's row is hidden: the view
+// is asked (through the proxy, an index a row) only where that changes.
+void QEventWindow::ShowEventRow(const QStandardItem* item, int row, const QModelIndex& proxyParent, bool shown)
+{
+    const bool hidden = m_hidden.contains(item);
+    if (hidden != shown)
+        return;
+    if (shown)
+        m_hidden.remove(item);
+    else
+        m_hidden.insert(item);
+    m_eventView->setRowHidden(row, proxyParent, !shown);
+}
+
 std::pair<int, int> QEventWindow::FilterGroup(QStandardItem* group, const QModelIndex& proxyGroup)
 {
     const bool all = m_filter.IsEmpty();
@@ -920,11 +934,7 @@ std::pair<int, int> QEventWindow::FilterGroup(QStandardItem* group, const QModel
         QStandardItem* child = group->child(r);
         if (const analysis::EventFields* f = FieldsOf(child)) {
             const bool match = all || m_filter.Matches(*f);
-            SetRowShown(r, proxyGroup, match);
-            if (match)
-                m_hidden.remove(child);
-            else
-                m_hidden.insert(child);
+            ShowEventRow(child, r, proxyGroup, match);
             total += 1;
             shown += match ? 1 : 0;
         } else if (child->hasChildren()) {
@@ -951,11 +961,7 @@ void QEventWindow::ApplyFilter(int fromRootRow)
         QStandardItem* item = root->child(r);
         if (const analysis::EventFields* f = FieldsOf(item)) {
             const bool match = all || m_filter.Matches(*f);
-            SetRowShown(r, proxyRoot, match);
-            if (match)
-                m_hidden.remove(item);
-            else
-                m_hidden.insert(item);
+            ShowEventRow(item, r, proxyRoot, match);
         }
         else if (item->hasChildren()) {
             const auto counts = FilterGroup(item, m_proxy->index(r, 0, proxyRoot));
@@ -969,7 +975,7 @@ void QEventWindow::ApplyFilter(int fromRootRow)
         QStandardItem* item = root->child(r);
         if (FieldsOf(item)) {
             total += 1;
-            shown += m_eventView->isRowHidden(r, proxyRoot) ? 0 : 1;
+            shown += m_hidden.contains(item) ? 0 : 1;
         } else {
             const auto found = m_groupCounts.constFind(item);
             if (found != m_groupCounts.constEnd()) {

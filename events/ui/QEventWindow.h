@@ -219,6 +219,7 @@ private:
     void ApplyFilter(int fromRootRow);
     // Filters a group's rows; its shown and total events.
     std::pair<int, int> FilterGroup(QStandardItem* group, const QModelIndex& proxyGroup);
+    void ShowEventRow(const QStandardItem* item, int row, const QModelIndex& proxyParent, bool shown);
     void SetRowShown(int row, const QModelIndex& proxyParent, bool shown);
     bool EventShown(const QStandardItem* item) const;
     void BuildColumns();
