@@ -1001,6 +1001,15 @@ void RecordStore::MarkDamaged(uint64_t number) const
                     static_cast<unsigned long long>(number), m_path.c_str());
 }
 
+bool RecordStore::Tag(uint64_t number, uint32_t* tag) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const Entry* found = Find(number);
+    if (found && tag)
+        *tag = found->tag;
+    return found != nullptr;
+}
+
 bool RecordStore::Damaged(uint64_t number) const
 {
     std::lock_guard<std::mutex> lock(m_mutex);

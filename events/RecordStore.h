@@ -76,6 +76,9 @@ public:
     // none or its bytes no longer check.
     TriggerDataPtr Load(uint64_t number, uint32_t* tag = nullptr) const;
     bool Has(uint64_t number) const;
+    // The tag stored with a record, without reading the record; false if
+    // there is no record of that number.
+    bool Tag(uint64_t number, uint32_t* tag) const;
     // True when a record of this number was in the file but its bytes do not
     // check (found when the file was opened, or by a load since): its event
     // shows no wave.
