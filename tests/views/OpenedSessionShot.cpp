@@ -12,8 +12,11 @@
 #include "services/AppSettings.h"
 #include "services/SettingParams.h"
 #include "views/MainWindow.h"
+#include "views/Properties.h"
+#include "views/PropertyTree.h"
 #include "views/QWindowReal.h"
 
+#include <QAction>
 #include <QApplication>
 #include <QDir>
 #include <QPixmap>
@@ -106,7 +109,10 @@ int main(int argc, char** argv)
     }
     const QModelIndex index = item->index();
     events->eventClidked(index);
-    QTest::qWait(500);
+    QTest::qWait(300);
+    // The note stands after the event's groups: scrolled into view.
+    w.Dock()->PropertyView()->Tree()->View()->scrollToBottom();
+    QTest::qWait(300);
     const bool saved = w.grab().save(QString::fromLocal8Bit(argv[1]));
     std::printf("%s: %s opened in place, record %llu damaged, note \"%s\"\n", saved ? "saved" : "not saved",
                 sid.c_str(), static_cast<unsigned long long>(damaged),
