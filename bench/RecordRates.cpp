@@ -139,6 +139,10 @@ int main(int argc, char** argv)
         return 1;
     }
     std::mt19937 rng(7);
+    // The first load also makes this thread's decompression context.
+    const auto first = Clock::now();
+    store.Load(1);
+    const double firstMs = Us(Clock::now() - first) / 1000.0;
     std::vector<double> loads;
     size_t wrong = 0;
     for (int i = 0; i < 2000; ++i) {
@@ -151,7 +155,8 @@ int main(int argc, char** argv)
             back->pulses.size() != want.pulses.size())
             ++wrong;
     }
-    std::printf("loading one old record: median %.3f ms, p99 %.3f ms, max %.3f ms (%zu of 2000 not identical)\n",
-                Percentile(loads, 0.5), Percentile(loads, 0.99), Percentile(loads, 1.0), wrong);
+    std::printf("loading one old record: median %.3f ms, p99 %.3f ms, max %.3f ms over 2000 records (%zu not "
+                "identical); the first load of the thread %.3f ms\n",
+                Percentile(loads, 0.5), Percentile(loads, 0.99), Percentile(loads, 1.0), wrong, firstMs);
     return wrong ? 1 : 0;
 }
