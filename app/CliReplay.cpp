@@ -5,7 +5,6 @@
 #include "events/EventLogModel.h"
 #include "events/SessionFile.h"
 #include "events/StreamReplay.h"
-#include "services/AppSettings.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -20,7 +19,7 @@ namespace {
 const char* kReplayHelp =
     "usage: coilscope-cli replay ASKFILE [FSKFILE] [--sid OUT] [--json] [--filter EXPR]\n"
     "                            [--ask-reader list|both] [--fsk-reader list|both]\n"
-    "       coilscope-cli replay SESSION.sid [--json] [--filter EXPR]\n"
+    "       coilscope-cli replay SESSION.sid [--sid OUT] [--json] [--filter EXPR]\n"
     "\n"
     "Raw capture files (.2k.bin, .fsk.bin; a capture header is skipped, and so\n"
     "is a frame cut by the start of the file, told on stderr) go\n"
@@ -37,8 +36,10 @@ const char* kReplayHelp =
     "and a second reader of the period words, merged the same way; list keeps\n"
     "the frame decoder alone.\n"
     "A session file (.sid) is played through the event log between a Start\n"
-    "and a Stop marker, as opening it in the window does; the Start marker\n"
-    "saves the replayed session anew in a session folder (told on stderr).\n"
+    "and a Stop marker, as opening it in the window does, and nothing is\n"
+    "written: the session stays where it is. --sid OUT saves the replayed\n"
+    "session anew: OUT, its capture records beside it (OUT's name with .rec)\n"
+    "and its log (with .log), told on stderr.\n"
     "--filter EXPR prints only the events the display filter matches (as\n"
     "show --filter; the session files still get every event). A bad\n"
     "expression is refused with the column and what was expected, status 2,\n"
@@ -47,6 +48,7 @@ const char* kReplayHelp =
     "examples:\n"
     "  coilscope-cli replay ask.2k.bin fsk.fsk.bin --sid again.sid\n"
     "  coilscope-cli replay EventWindow_2026_11_22\\ 10_00_00.sid\n"
+    "  coilscope-cli replay EventWindow_2026_11_22\\ 10_00_00.sid --sid copy.sid\n"
     "  coilscope-cli replay ask.2k.bin fsk.fsk.bin --filter 'type == \"ControlError\" && ce.value < 0'\n";
 
 bool ReadAll(const std::string& path, std::vector<uint8_t>& bytes)
@@ -141,24 +143,41 @@ int RunReplay(int argc, char** argv)
 
     if (files.size() == 1 && EndsWith(files[0], ".sid")) {
         std::vector<MsgInfoPtr> events;
+        std::vector<uint64_t> offsets;
         std::string error;
-        if (!OpenSessionFile(files[0], events, error)) {
+        if (!OpenSessionFile(files[0], events, error, &offsets)) {
             std::fprintf(stderr, "coilscope-cli replay: %s\n", error.c_str());
             return 2;
         }
-        // The Start marker opens new autosave files, as opening a session in
-        // the window does: in a session folder of their own, never here.
-        const std::string folder = AppSettings::Instance().MakeSessionFolders();
-        std::fprintf(stderr, "replayed session saved in %s\n", folder.c_str());
+        std::string logOut;
+        if (sidOut.empty()) {
+            // Shown where it lies: the Start marker writes nothing.
+            model.ShowInPlace(files[0], std::move(offsets));
+        } else {
+            // Saved anew only when asked: OUT, and beside it its records and log.
+            if (std::FILE* probe = std::fopen(sidOut.c_str(), "ab"))
+                std::fclose(probe);
+            else {
+                std::fprintf(stderr, "coilscope-cli replay: cannot write %s\n", sidOut.c_str());
+                return 2;
+            }
+            const std::string rec = RecordStore::PathBeside(sidOut);
+            logOut = rec.substr(0, rec.size() - 4) + ".log";
+            model.SetSessionFiles(sidOut, logOut);
+            // The capture records beside the .sid, if any, go with the events
+            // into the replayed session's own record file.
+            model.SetRecordSource(files[0]);
+        }
         printer.Before();
-        // The capture records beside the .sid, if any, go with the events
-        // into the replayed session's own record file.
-        model.SetRecordSource(files[0]);
         model.StartAcquisition();
         model.AddEvents(events);
         model.StopAcquisition();
         printer.After(events);
         model.CloseStreams();
+        std::cout << std::flush;
+        if (!sidOut.empty())
+            std::fprintf(stderr, "replayed session saved in %s (capture records in %s, log in %s)\n", sidOut.c_str(),
+                         RecordStore::PathBeside(sidOut).c_str(), logOut.c_str());
         return 0;
     }
 

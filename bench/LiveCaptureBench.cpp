@@ -23,6 +23,7 @@
 // Both print the emulator's own account of the frames it sent and of those it
 // had to drop because the host did not read them in time.
 #include "events/EventLogModel.h"
+#include "events/RecordStore.h"
 #include "events/StreamReplay.h"
 #include "services/AppSettings.h"
 #include "services/SettingParams.h"
@@ -278,6 +279,8 @@ std::string FindSession(const std::string& home)
 // folder of the session file found under home.
 struct SessionDisk {
     uint64_t sid = 0, log = 0, rec = 0;
+    uint64_t folder = 0;      // every file of the session's folder
+    uint32_t recVersion = 0;  // the record file's format version
     uint64_t Total() const { return sid + log + rec; }
 };
 
@@ -294,12 +297,18 @@ SessionDisk DiskOfSession(const std::string& home)
             continue;
         const std::string ext = entry.path().extension().string();
         const uint64_t size = entry.file_size(error);
+        d.folder += size;
         if (ext == ".sid")
             d.sid += size;
         else if (ext == ".log")
             d.log += size;
-        else if (ext == ".rec")
+        else if (ext == ".rec") {
             d.rec += size;
+            uint8_t header[RecordStore::kHeaderSize] = {};
+            std::ifstream in(entry.path(), std::ios::binary);
+            in.read(reinterpret_cast<char*>(header), sizeof header);
+            d.recVersion = RecordStore::VersionOf(header, static_cast<size_t>(in.gcount()));
+        }
     }
     // The .log of the session lies in its own folder when logPath differs.
     if (d.log == 0)
@@ -354,6 +363,7 @@ void TreeOfSession(const std::string& askFile, const std::string& fskFile, const
     model.StopAcquisition();
     const uint64_t recordBytes = model.Records() ? model.Records()->Size() : 0;
     const size_t recordsStored = model.Records() ? model.Records()->Count() : 0;
+    const uint32_t recordVersion = model.Records() ? model.Records()->Version() : 0;
     // What a click on an old event costs: its record read back and decoded,
     // spread over the whole file (the file is in the page cache, as it is
     // for a session written in this run).
@@ -402,9 +412,13 @@ void TreeOfSession(const std::string& askFile, const std::string& fskFile, const
                 events, f.items, f.records, static_cast<double>(after - before) * mb,
                 events ? static_cast<double>(after - before) / static_cast<double>(events) : 0.0,
                 static_cast<double>(f.recordBytes) * mb);
-    std::printf("    its record file beside the .sid holds %zu capture records in %.1f MB (%.0f bytes a record)\n",
-                recordsStored, static_cast<double>(recordBytes) * mb,
-                recordsStored ? static_cast<double>(recordBytes) / static_cast<double>(recordsStored) : 0.0);
+    const double streamHours = replay.DurationMs() / 3.6e6;
+    std::printf("    its record file beside the .sid (format version %u) holds %zu capture records in %.1f MB (%.0f "
+                "bytes a record, %.1f MiB an hour of stream at real speed)\n",
+                recordVersion, recordsStored,
+                static_cast<double>(recordBytes) * mb,
+                recordsStored ? static_cast<double>(recordBytes) / static_cast<double>(recordsStored) : 0.0,
+                streamHours > 0 ? static_cast<double>(recordBytes) * mb / streamHours : 0.0);
     std::printf("    loading a record back: %.0f us on average, %.0f us at most, over %zu records\n", load.MeanUs(),
                 load.maxUs, load.n);
     std::printf("    selecting an old event (its event read back from the .sid, its record from the record file): "
@@ -483,9 +497,13 @@ int main(int argc, char** argv)
             std::printf("    capture's %s\n", rig.Stats().c_str());
             const SessionDisk disk = DiskOfSession(rig.home);
             const double mb = 1.0 / (1024.0 * 1024.0);
-            std::printf("    session files: .sid %.1f MB, .log %.1f MB, .rec %.1f MB; %.1f MB an hour of stream\n",
+            std::printf("    session files: .sid %.1f MB, .log %.1f MB, .rec %.1f MB (record format version %u); "
+                        "%.1f MB an hour of stream\n",
                         static_cast<double>(disk.sid) * mb, static_cast<double>(disk.log) * mb,
-                        static_cast<double>(disk.rec) * mb, static_cast<double>(disk.Total()) * mb * 60.0 / m);
+                        static_cast<double>(disk.rec) * mb, disk.recVersion,
+                        static_cast<double>(disk.Total()) * mb * 60.0 / m);
+            std::printf("    session folder: %.1f MiB, %.1f MiB an hour of stream\n",
+                        static_cast<double>(disk.folder) * mb, static_cast<double>(disk.folder) * mb * 60.0 / m);
             std::fflush(stdout);
         }
         rig.Stop();

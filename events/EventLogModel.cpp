@@ -6,6 +6,7 @@
 #include "services/SettingParams.h"
 
 #include <QDir>
+#include <QFileInfo>
 
 #include <chrono>
 #include <cstring>
@@ -177,6 +178,12 @@ void EventLogModel::OpenStreams()
     const std::string stamp = LocalTime("%Y_%m_%d %H_%M_%S");
     m_sidPath = s.eventPath + "EventWindow_" + stamp + ".sid";
     m_logPath = s.logPath + "LogWindow_" + stamp + ".log";
+    if (!m_nextSid.empty()) {
+        m_sidPath = m_nextSid;
+        m_logPath = m_nextLog;
+        m_nextSid.clear();
+        m_nextLog.clear();
+    }
     // A stream that does not open stays null: nothing is written, nothing said.
     m_sid = std::fopen(m_sidPath.c_str(), "wb");
     m_log = std::fopen(m_logPath.c_str(), "wb");
@@ -198,6 +205,90 @@ void EventLogModel::OpenStreams()
         m_records->Create(RecordStore::PathBeside(m_sidPath));
         m_recordFiles.push_back(m_records);
     }
+}
+
+void EventLogModel::SetSessionFiles(const std::string& sidPath, const std::string& logPath)
+{
+    m_nextSid = sidPath;
+    m_nextLog = logPath;
+}
+
+void EventLogModel::ShowInPlace(const std::string& sidPath, std::vector<uint64_t> offsets)
+{
+    m_inPlacePending = true;
+    m_inPlaceSid = sidPath;
+    m_inPlaceOffsets = std::move(offsets);
+}
+
+void EventLogModel::OpenInPlace()
+{
+    CloseStreams();
+    m_inPlacePending = false;
+    m_inPlace = true;
+    m_sidPath = m_inPlaceSid;
+    // The session's log is the one written beside it, when there is one.
+    m_logPath.clear();
+    const size_t slash = m_sidPath.find_last_of('/');
+    const std::string folder = slash == std::string::npos ? std::string() : m_sidPath.substr(0, slash + 1);
+    std::string name = slash == std::string::npos ? m_sidPath : m_sidPath.substr(slash + 1);
+    static const std::string kSidPrefix = "EventWindow_";
+    if (name.compare(0, kSidPrefix.size(), kSidPrefix) == 0) {
+        name = "LogWindow_" + name.substr(kSidPrefix.size());
+        const size_t dot = name.find_last_of('.');
+        const std::string log = folder + (dot == std::string::npos ? name : name.substr(0, dot)) + ".log";
+        if (QFileInfo::exists(QString::fromStdString(log)))
+            m_logPath = log;
+    }
+    m_recordNumber = 0;
+    m_sidBytes = 0;
+    m_sidBroken = false;
+    // The opened files take a session's place: the .sid its events are read
+    // back from, the record file (if any) their waves come from.
+    auto records = std::make_shared<RecordStore>();
+    if (!records->Open(RecordStore::PathBeside(m_sidPath)))
+        records.reset();
+    m_sidFiles.push_back(m_sidPath);
+    m_recordFiles.push_back(records);
+    m_records = records;
+}
+
+void EventLogModel::PlaceInSession(const MsgInfo& e)
+{
+    m_pendingOffset = -1;
+    m_pendingNumber = 0;
+    if (e.id <= 0)
+        return;
+    const auto place = static_cast<uint64_t>(e.id);
+    if (place <= m_inPlaceOffsets.size())
+        m_pendingOffset = static_cast<int64_t>(m_inPlaceOffsets[place - 1]);
+    // The record stored under the event's place, if it is the event's own
+    // (a record file that no longer lines up with its .sid gives none); a
+    // damaged one is kept too, so that the event can say why it has no wave.
+    uint32_t tag = 0;
+    if (m_records && (m_records->Tag(place, &tag) ? tag == EventTag(e) : m_records->Damaged(place)))
+        m_pendingNumber = place;
+}
+
+QString EventLogModel::RecordNote(const QStandardItemEx* item) const
+{
+    if (!item || item->mode != kItemEvent || item->isGroup || !item->recordNumber || item->session < 0 ||
+        static_cast<size_t>(item->session) >= m_recordFiles.size())
+        return QString();
+    if (item->info && item->info->capture)
+        return QString();
+    const std::shared_ptr<RecordStore>& store = m_recordFiles[static_cast<size_t>(item->session)];
+    if (store && store->Damaged(item->recordNumber))
+        return QStringLiteral("Damaged in the record file: no wave");
+    if (!store || !store->Has(item->recordNumber))
+        return QStringLiteral("Not stored (the record file could not be written): no wave");
+    return QString();
+}
+
+QString EventLogModel::SelectedRecordNote() const
+{
+    if (!m_selected.isValid())
+        return QString();
+    return RecordNote(static_cast<const QStandardItemEx*>(m_model.itemFromIndex(m_selected)));
 }
 
 void EventLogModel::StoreRecord(const MsgInfoPtr& e)
@@ -256,7 +347,7 @@ void EventLogModel::MarkRecord(QStandardItemEx* item, const MsgInfo& e)
         item->sidOffset = static_cast<uint64_t>(m_pendingOffset);
     else
         item->sidOffset = kNotInSid;
-    if (m_pendingNumber && m_pendingNumber <= UINT32_MAX && e.capture)
+    if (m_pendingNumber && m_pendingNumber <= UINT32_MAX && (e.capture || m_inPlace))
         item->recordNumber = static_cast<uint32_t>(m_pendingNumber);
 }
 
@@ -696,14 +787,18 @@ void EventLogModel::AddEvents(const std::vector<MsgInfoPtr>& events)
         if (!e)
             continue;
         // An opened session's events get their records from its record file.
-        if (m_source && !e->capture && e->id > 0) {
+        if (m_source && !m_inPlace && !e->capture && e->id > 0) {
             uint32_t tag = 0;
             TriggerDataPtr record = m_source->Load(static_cast<uint64_t>(e->id), &tag);
             if (record && tag == EventTag(*e))
                 e->capture = std::move(record);
         }
-        WriteSid(*e);
-        StoreRecord(e);
+        if (m_inPlace) {
+            PlaceInSession(*e);
+        } else {
+            WriteSid(*e);
+            StoreRecord(e);
+        }
         const int32_t number = m_nextNumber++;
         e->common.eventNumber = number;
         e->id = number;
@@ -783,8 +878,15 @@ void EventLogModel::Marker(StandardItemMode mode, bool start)
 void EventLogModel::StartAcquisition(const std::string&)
 {
     if (m_root) {
+        // A session shown in place writes nothing, not even its Start line
+        // into the log of the session before it: its files are the opened ones.
+        if (m_inPlacePending)
+            CloseStreams();
         Marker(kItemStart, true);
-        OpenStreams();
+        if (m_inPlacePending)
+            OpenInPlace();
+        else
+            OpenStreams();
         m_phase = 1;
         m_calibration = 0;
     }
@@ -794,6 +896,10 @@ void EventLogModel::StartAcquisition(const std::string&)
 void EventLogModel::StopAcquisition(const std::string&)
 {
     m_source.reset();
+    m_inPlace = false;
+    m_inPlacePending = false;
+    m_inPlaceOffsets.clear();
+    m_inPlaceOffsets.shrink_to_fit();
     if (!m_root)
         return;
     Marker(kItemStop, false);

@@ -186,6 +186,28 @@ public:
     void SetRecordSource(const std::string& sidPath);
     bool HasRecordSource() const { return m_source != nullptr; }
 
+    // Shows a saved session where it lies instead of saving it again: the
+    // next Start marker opens no autosave files, and the session's files are
+    // then the opened ones. The events that follow (as OpenSessionFile read
+    // them, numbered from 1; offsets[i] is where event i + 1 begins in the
+    // .sid) are read back from that .sid when they left memory and get their
+    // capture records from the record file beside it when selected. Nothing
+    // is written. Ends with the Stop marker.
+    void ShowInPlace(const std::string& sidPath, std::vector<uint64_t> offsets);
+    // Between the Start and the Stop marker of a session shown in place.
+    bool ShowingInPlace() const { return m_inPlace; }
+    // The next Start marker opens its autosave under these names (the .sid,
+    // the .log, and the record file beside the .sid) instead of names made of
+    // the settings' folders and the time. Once.
+    void SetSessionFiles(const std::string& sidPath, const std::string& logPath);
+
+    // Why an event item shows no wave though its event had a capture record:
+    // the record is damaged in the record file, or could not be written to
+    // it. Empty when the item has its record or never had one.
+    QString RecordNote(const QStandardItemEx* item) const;
+    // The same for the item selected last.
+    QString SelectedRecordNote() const;
+
     // The device's record as the markers copy it; empty fields until set.
     std::function<DeviceGroup()> deviceGroup;
     // Told when an event opens a phase group: the phase's name and the event
@@ -199,6 +221,10 @@ public:
 
 private:
     void OpenStreams();
+    void OpenInPlace();
+    // An event of a session shown in place: where its record lies in the
+    // opened .sid and the number of its capture record in the record file.
+    void PlaceInSession(const MsgInfo& e);
     void LogLine(int32_t number, const QString& text, int direction);
     // Writes the .log lines made since the last push, whole, in one write.
     // At the end of every batch and marker and before the streams close.
@@ -278,4 +304,12 @@ private:
     using CacheKey = std::pair<int, uint64_t>;
     std::list<std::pair<CacheKey, TriggerDataPtr>> m_cache;
     std::unique_ptr<RecordStore> m_source;
+    // A session shown in place: asked for (until its Start marker), shown
+    // (until its Stop marker), its .sid and where each of its records begins.
+    bool m_inPlacePending = false;
+    bool m_inPlace = false;
+    std::string m_inPlaceSid;
+    std::vector<uint64_t> m_inPlaceOffsets;
+    // Autosave names for the next Start marker (empty: from the settings).
+    std::string m_nextSid, m_nextLog;
 };

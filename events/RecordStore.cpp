@@ -1,5 +1,6 @@
 #include "events/RecordStore.h"
 
+#include "decode/AskStream.h"
 #include "services/Log.h"
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <limits>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <zstd.h>
 
 // Payload of one record:
 //   u64 startTime, u64 endTime, i64 amplitude, i64 highPeriod, i64 lowPeriod,
@@ -20,11 +22,39 @@
 //     i64 duration, u8 level, u32 mark, i64 spare,
 //     u8 kind: 0 = own samples (u32 count, count x i32),
 //              1 = a run of the record's samples (u32 offset, u32 count)
+//
+// Version 2 payload: one zstd frame of the following, where u is an unsigned
+// LEB128 number and z a signed one (zigzag, then LEB128), every difference
+// taken with wrap-around on 64 bits so that it comes back exact:
+//   u startTime, z endTime - startTime, z amplitude, z highPeriod,
+//   z lowPeriod, z polarity
+//   u raw count, u8 raw kind: 0 = own, 1 = equal to the samples
+//     own: a series (below)
+//   u sample count, u8 sample kind:
+//     0 = a series
+//     1 = z each sample minus its prediction: the five-point smoothing of the
+//         raw samples where there is one, else the sample before it (the ASK
+//         chain smooths its raw samples into its samples, so these are
+//         mostly 0)
+//   u pulse count, then per pulse, differences taken from the pulse before:
+//     z duration, u8 level, z mark, z spare,
+//     u8 kind: 0 = own samples (u count, then a series),
+//              1 = a run of the record's samples (z offset minus the end of
+//                  the previous such run, u count)
+//              2 = a run of the raw samples, likewise
+// A series: u8 order k (1 to 4), then z for each of the samples' differences
+// taken k times over (the sample before the first counting as 0); the order
+// is the one whose differences take the fewest bits.
 
 namespace {
 
 constexpr char kMagic[8] = {'C', 'S', 'R', 'E', 'C', 'O', 'R', 'D'};
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kVersionPlain = RecordStore::kVersionPlain;
+constexpr uint32_t kVersionCompressed = RecordStore::kVersionCompressed;
+// Compression level of the payloads: an ASK record (about 13 kB plain) costs
+// under a tenth of a millisecond to code at this level, on the thread that
+// adds events (record_rates measures it).
+constexpr int kZstdLevel = 6;
 constexpr uint32_t kFrameMark = 0x46525343u;  // "CSRF" read little-endian
 constexpr size_t kPulseMinBytes = 8 + 1 + 4 + 8 + 1 + 4;
 
@@ -81,6 +111,70 @@ uint64_t Get64(const uint8_t* p)
     for (int i = 7; i >= 0; --i)
         v = (v << 8) | p[i];
     return v;
+}
+
+void PutU(std::vector<uint8_t>& out, uint64_t v)
+{
+    while (v >= 0x80) {
+        out.push_back(static_cast<uint8_t>(v | 0x80));
+        v >>= 7;
+    }
+    out.push_back(static_cast<uint8_t>(v));
+}
+
+// A difference on 64 bits, wrapped, as a zigzag number.
+void PutZ(std::vector<uint8_t>& out, uint64_t difference)
+{
+    const uint64_t sign = (difference >> 63) ? ~uint64_t{0} : 0;
+    PutU(out, (difference << 1) ^ sign);
+}
+
+// The highest order of differences a series of samples may be coded with.
+constexpr uint8_t kMaxOrder = 4;
+
+// Samples as their differences of some order: order k takes the differences
+// of the samples k times over (the sample before the first counting as 0),
+// which leaves of a smooth envelope (a polynomial over a few samples) only
+// its noise, and of a flat one its steps. The order whose differences take
+// the fewest bits is chosen per series and written first.
+void PutSeries(std::vector<uint8_t>& out, const std::vector<int32_t>& s)
+{
+    thread_local std::vector<uint64_t> d;
+    d.resize(s.size());
+    for (size_t i = 0; i < s.size(); ++i)
+        d[i] = static_cast<uint64_t>(static_cast<int64_t>(s[i]));
+    auto bits = [](uint64_t difference) {
+        const uint64_t sign = (difference >> 63) ? ~uint64_t{0} : 0;
+        return 64 - __builtin_clzll(((difference << 1) ^ sign) | 1);
+    };
+    uint8_t best = 1;
+    uint64_t bestBits = UINT64_MAX;
+    for (uint8_t order = 1; order <= kMaxOrder; ++order) {
+        uint64_t before = 0, total = 0;
+        for (size_t i = 0; i < d.size(); ++i) {
+            const uint64_t x = d[i];
+            d[i] = x - before;
+            before = x;
+            total += static_cast<uint64_t>(bits(d[i]));
+        }
+        if (total < bestBits) {
+            bestBits = total;
+            best = order;
+        }
+    }
+    out.push_back(best);
+    for (size_t i = 0; i < s.size(); ++i)
+        d[i] = static_cast<uint64_t>(static_cast<int64_t>(s[i]));
+    for (uint8_t order = 0; order < best; ++order) {
+        uint64_t before = 0;
+        for (size_t i = 0; i < d.size(); ++i) {
+            const uint64_t x = d[i];
+            d[i] = x - before;
+            before = x;
+        }
+    }
+    for (uint64_t v : d)
+        PutZ(out, v);
 }
 
 void PutSamples(std::vector<uint8_t>& out, const int32_t* s, size_t n)
@@ -162,6 +256,61 @@ public:
         v = static_cast<int64_t>(u);
         return true;
     }
+    bool U(uint64_t& v)
+    {
+        v = 0;
+        for (int shift = 0; shift < 64; shift += 7) {
+            uint8_t b;
+            if (!U8(b))
+                return false;
+            v |= static_cast<uint64_t>(b & 0x7F) << shift;
+            if (!(b & 0x80))
+                return true;
+        }
+        return false;  // more than ten bytes: not a number this writer makes
+    }
+    bool Count(size_t& n)
+    {
+        // Every coded element takes one byte at least.
+        uint64_t v;
+        if (!U(v) || v > Left())
+            return false;
+        n = static_cast<size_t>(v);
+        return true;
+    }
+    // A zigzag difference, unfolded back to its wrapped 64-bit value.
+    bool Z(uint64_t& d)
+    {
+        uint64_t v;
+        if (!U(v))
+            return false;
+        d = (v >> 1) ^ ((v & 1) ? ~uint64_t{0} : 0);
+        return true;
+    }
+    // A series as PutSeries writes it: the order, then the differences,
+    // summed back as many times.
+    bool Series(size_t n, std::vector<int32_t>& s)
+    {
+        uint8_t order;
+        if (!U8(order) || order < 1 || order > kMaxOrder || n > Left())
+            return false;
+        thread_local std::vector<uint64_t> d;
+        d.resize(n);
+        for (size_t i = 0; i < n; ++i)
+            if (!Z(d[i]))
+                return false;
+        for (uint8_t k = 0; k < order; ++k) {
+            uint64_t sum = 0;
+            for (uint64_t& v : d) {
+                sum += v;
+                v = sum;
+            }
+        }
+        s.resize(n);
+        for (size_t i = 0; i < n; ++i)
+            s[i] = static_cast<int32_t>(static_cast<uint32_t>(d[i]));
+        return true;
+    }
     bool Samples(std::vector<int32_t>& s)
     {
         uint32_t n;
@@ -180,51 +329,124 @@ private:
 
 using ReadAt = std::function<bool(uint64_t offset, uint8_t* into, size_t n)>;
 
-// Walks the frames after the header; each whole frame whose checksum holds is
-// handed to `found`. Returns the end of the last valid frame.
-uint64_t WalkFrames(uint64_t size, const ReadAt& read,
-                    const std::function<void(uint64_t number, const RecordStore::Entry&)>& found)
+using Found = std::function<void(uint64_t number, const RecordStore::Entry&)>;
+
+// CRC-32 of `length` bytes of the file from `offset`, read in chunks; false
+// if they cannot be read.
+bool CrcOfRange(const ReadAt& read, uint64_t offset, uint64_t length, uint32_t& crc, std::vector<uint8_t>& chunk)
 {
-    uint64_t at = RecordStore::kHeaderSize;
-    std::vector<uint8_t> chunk(65536);
-    while (size - at >= RecordStore::kFrameHeaderSize) {
-        uint8_t head[RecordStore::kFrameHeaderSize];
-        if (!read(at, head, sizeof head) || Get32(head) != kFrameMark)
-            break;
-        const uint64_t number = Get64(head + 4);
-        const uint32_t tag = Get32(head + 12);
-        const uint32_t length = Get32(head + 16);
-        const uint32_t crc = Get32(head + 20);
-        const uint64_t payload = at + RecordStore::kFrameHeaderSize;
-        if (size - payload < length)
-            break;
-        uint32_t check = Crc32(0, head + 4, 16);
-        bool readable = true;
-        for (uint64_t done = 0; done < length;) {
-            const size_t n = static_cast<size_t>(std::min<uint64_t>(chunk.size(), length - done));
-            if (!read(payload + done, chunk.data(), n)) {
-                readable = false;
-                break;
-            }
-            check = Crc32(check, chunk.data(), n);
-            done += n;
-        }
-        if (!readable || check != crc)
-            break;
-        RecordStore::Entry e;
-        e.offset = payload;
-        e.length = length;
-        e.crc = crc;
-        e.tag = tag;
-        found(number, e);
-        at = payload + length;
+    for (uint64_t done = 0; done < length;) {
+        const size_t n = static_cast<size_t>(std::min<uint64_t>(chunk.size(), length - done));
+        if (!read(offset + done, chunk.data(), n))
+            return false;
+        crc = Crc32(crc, chunk.data(), n);
+        done += n;
     }
-    return at;
+    return true;
 }
 
-bool HeaderValid(const uint8_t* h)
+// The offset of the next frame mark at or after `from`, or `size` if none.
+uint64_t NextMark(uint64_t from, uint64_t size, const ReadAt& read, std::vector<uint8_t>& chunk)
 {
-    return std::memcmp(h, kMagic, sizeof kMagic) == 0 && Get32(h + 8) == kVersion;
+    while (from < size && size - from >= 4) {
+        const size_t n = static_cast<size_t>(std::min<uint64_t>(chunk.size(), size - from));
+        if (!read(from, chunk.data(), n))
+            return size;
+        for (size_t i = 0; i + 4 <= n; ++i)
+            if (Get32(chunk.data() + i) == kFrameMark)
+                return from + i;
+        // The last three bytes may begin a mark that the next chunk ends.
+        from += n - 3;
+    }
+    return size;
+}
+
+// What one frame at `at` turned out to be.
+enum class FrameRead { Whole, Damaged, Bad };
+
+// A version 1 frame: whole when its mark and its one checksum hold.
+FrameRead ReadPlainFrame(uint64_t at, uint64_t size, const ReadAt& read, std::vector<uint8_t>& chunk, uint64_t& number,
+                         RecordStore::Entry& e)
+{
+    uint8_t head[RecordStore::kFrameHeaderSize];
+    if (size - at < sizeof head || !read(at, head, sizeof head) || Get32(head) != kFrameMark)
+        return FrameRead::Bad;
+    number = Get64(head + 4);
+    e.tag = Get32(head + 12);
+    e.length = Get32(head + 16);
+    e.crc = Get32(head + 20);
+    e.offset = at + sizeof head;
+    if (size - e.offset < e.length)
+        return FrameRead::Bad;
+    uint32_t check = Crc32(0, head + 4, 16);
+    if (!CrcOfRange(read, e.offset, e.length, check, chunk) || check != e.crc)
+        return FrameRead::Bad;
+    return FrameRead::Whole;
+}
+
+// A version 2 frame: its header has a checksum of its own, so a payload that
+// does not check (or is cut short) still tells which record it was.
+FrameRead ReadCompressedFrame(uint64_t at, uint64_t size, const ReadAt& read, std::vector<uint8_t>& chunk,
+                              uint64_t& number, RecordStore::Entry& e)
+{
+    uint8_t head[RecordStore::kCompressedFrameHeaderSize];
+    if (size - at < sizeof head || !read(at, head, sizeof head) || Get32(head) != kFrameMark ||
+        Crc32(0, head + 4, 20) != Get32(head + 24))
+        return FrameRead::Bad;
+    number = Get64(head + 4);
+    e.tag = Get32(head + 12);
+    e.length = Get32(head + 16);
+    e.crc = Get32(head + 20);
+    e.offset = at + sizeof head;
+    if (size - e.offset < e.length)
+        return FrameRead::Damaged;
+    uint32_t check = 0;
+    if (!CrcOfRange(read, e.offset, e.length, check, chunk) || check != e.crc)
+        return FrameRead::Damaged;
+    return FrameRead::Whole;
+}
+
+// Walks the frames after the header; each whole frame whose checksums hold is
+// handed to `found`, and the number of each frame found damaged to
+// `damaged`. A frame that does not read is passed over: the walk goes on at
+// the next frame mark after it (a damaged version 2 frame, whose header
+// checks, is passed over by its length). Returns the end of the last whole
+// frame.
+uint64_t WalkFrames(uint32_t version, uint64_t size, const ReadAt& read, const Found& found,
+                    const std::function<void(uint64_t number)>& damaged)
+{
+    uint64_t at = RecordStore::kHeaderSize;
+    uint64_t end = at;
+    std::vector<uint8_t> chunk(65536);
+    while (at < size) {
+        uint64_t number = 0;
+        RecordStore::Entry e;
+        const FrameRead r = version == kVersionPlain ? ReadPlainFrame(at, size, read, chunk, number, e)
+                                                     : ReadCompressedFrame(at, size, read, chunk, number, e);
+        if (r == FrameRead::Whole) {
+            found(number, e);
+            at = end = e.offset + e.length;
+            continue;
+        }
+        if (r == FrameRead::Damaged) {
+            damaged(number);
+            if (size - e.offset >= e.length) {
+                at = e.offset + e.length;
+                continue;
+            }
+        }
+        at = NextMark(at + 1, size, read, chunk);
+    }
+    return end;
+}
+
+// The version of a valid header, or 0.
+uint32_t HeaderVersion(const uint8_t* h)
+{
+    if (std::memcmp(h, kMagic, sizeof kMagic) != 0)
+        return 0;
+    const uint32_t v = Get32(h + 8);
+    return v == kVersionPlain || v == kVersionCompressed ? v : 0;
 }
 
 bool WriteAll(int fd, const uint8_t* p, size_t n, uint64_t offset, int& error)
@@ -288,7 +510,9 @@ void RecordStore::Close()
     m_writable = false;
     m_failed = false;
     m_end = 0;
+    m_version = 0;
     m_index.clear();
+    m_damaged.clear();
 }
 
 void RecordStore::Fail(const char* what, int error)
@@ -300,6 +524,13 @@ void RecordStore::Fail(const char* what, int error)
 
 bool RecordStore::Create(const std::string& path)
 {
+    return Create(path, kVersionCompressed);
+}
+
+bool RecordStore::Create(const std::string& path, uint32_t version)
+{
+    if (version != kVersionPlain)
+        version = kVersionCompressed;
     Close();
     std::lock_guard<std::mutex> lock(m_mutex);
     m_path = path;
@@ -313,10 +544,11 @@ bool RecordStore::Create(const std::string& path)
         return false;
     }
     m_writable = true;
+    m_version = version;
     uint8_t header[kHeaderSize] = {};
     std::memcpy(header, kMagic, sizeof kMagic);
     for (int i = 0; i < 4; ++i)
-        header[8 + i] = static_cast<uint8_t>(kVersion >> (8 * i));
+        header[8 + i] = static_cast<uint8_t>(version >> (8 * i));
     int error = 0;
     if (!WriteAll(m_fd, header, sizeof header, 0, error)) {
         Fail("cannot write", error);
@@ -337,16 +569,218 @@ bool RecordStore::Open(const std::string& path)
     struct stat st {};
     uint8_t header[kHeaderSize];
     if (fstat(m_fd, &st) != 0 || st.st_size < static_cast<off_t>(kHeaderSize) ||
-        !ReadAll(m_fd, header, sizeof header, 0) || !HeaderValid(header)) {
+        !ReadAll(m_fd, header, sizeof header, 0) || !HeaderVersion(header)) {
         ::close(m_fd);
         m_fd = -1;
         return false;
     }
+    m_version = HeaderVersion(header);
     const int fd = m_fd;
     m_end = WalkFrames(
-        static_cast<uint64_t>(st.st_size), [fd](uint64_t at, uint8_t* into, size_t n) { return ReadAll(fd, into, n, at); },
-        [this](uint64_t number, const Entry& e) { Put(number, e); });
+        m_version, static_cast<uint64_t>(st.st_size),
+        [fd](uint64_t at, uint8_t* into, size_t n) { return ReadAll(fd, into, n, at); },
+        [this](uint64_t number, const Entry& e) {
+            Put(number, e);
+            // A record stored again after a damaged copy of it is whole.
+            m_damaged.erase(number);
+        },
+        [this](uint64_t number) {
+            if (!Find(number))
+                m_damaged.insert(number);
+        });
+    if (!m_damaged.empty())
+        Log::Printf("%zu capture records of %s are damaged; their events show no wave.", m_damaged.size(),
+                    m_path.c_str());
     return true;
+}
+
+std::vector<uint8_t> RecordStore::EncodeCompressed(const TriggerData& r)
+{
+    std::vector<uint8_t> out;
+    out.reserve(64 + 2 * (r.samples.size() + r.rawSamples.size()) + 8 * r.pulses.size());
+    PutU(out, r.startTime);
+    PutZ(out, r.endTime - r.startTime);
+    PutZ(out, static_cast<uint64_t>(r.amplitude));
+    PutZ(out, static_cast<uint64_t>(r.highPeriod));
+    PutZ(out, static_cast<uint64_t>(r.lowPeriod));
+    PutZ(out, static_cast<uint64_t>(r.polarity));
+    const bool rawIsSamples = r.rawSamples == r.samples && !r.samples.empty();
+    PutU(out, r.rawSamples.size());
+    out.push_back(rawIsSamples ? 1 : 0);
+    if (!rawIsSamples)
+        PutSeries(out, r.rawSamples);
+    PutU(out, r.samples.size());
+    // The samples from the smoothing of the raw samples where they are
+    // smoothed from them; else from the sample before.
+    const bool predicted = !rawIsSamples && !r.rawSamples.empty();
+    out.push_back(predicted ? 1 : 0);
+    if (predicted) {
+        thread_local std::vector<int32_t> smooth;
+        FivePointFilter(r.rawSamples, smooth);
+        int64_t before = 0;
+        for (size_t i = 0; i < r.samples.size(); ++i) {
+            const int64_t guess = i < smooth.size() ? smooth[i] : before;
+            PutZ(out, static_cast<uint64_t>(static_cast<int64_t>(r.samples[i])) - static_cast<uint64_t>(guess));
+            before = r.samples[i];
+        }
+    } else {
+        PutSeries(out, r.samples);
+    }
+    PutU(out, r.pulses.size());
+    uint64_t duration = 0, mark = 0, spare = 0;
+    size_t hint = 0, rawHint = 0;
+    for (const PulseRecord& p : r.pulses) {
+        PutZ(out, static_cast<uint64_t>(p.duration) - duration);
+        out.push_back(p.level);
+        PutZ(out, uint64_t{p.mark} - mark);
+        PutZ(out, static_cast<uint64_t>(p.spare) - spare);
+        duration = static_cast<uint64_t>(p.duration);
+        mark = p.mark;
+        spare = static_cast<uint64_t>(p.spare);
+        size_t offset = 0;
+        if (!p.samples.empty() && FindRun(r.samples, p.samples, hint, offset)) {
+            out.push_back(1);
+            PutZ(out, uint64_t{offset} - uint64_t{hint});
+            PutU(out, p.samples.size());
+            hint = offset + p.samples.size();
+        } else if (!p.samples.empty() && !rawIsSamples && FindRun(r.rawSamples, p.samples, rawHint, offset)) {
+            // The ASK stream's pulses are runs of the envelope before the
+            // decoder smoothed it again: of the raw samples.
+            out.push_back(2);
+            PutZ(out, uint64_t{offset} - uint64_t{rawHint});
+            PutU(out, p.samples.size());
+            rawHint = offset + p.samples.size();
+        } else {
+            out.push_back(0);
+            PutU(out, p.samples.size());
+            PutSeries(out, p.samples);
+        }
+    }
+    std::vector<uint8_t> packed(ZSTD_compressBound(out.size()));
+    thread_local std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx*)> context(ZSTD_createCCtx(), ZSTD_freeCCtx);
+    const size_t n = context ? ZSTD_compressCCtx(context.get(), packed.data(), packed.size(), out.data(), out.size(),
+                                                 kZstdLevel)
+                             : ZSTD_compress(packed.data(), packed.size(), out.data(), out.size(), kZstdLevel);
+    if (ZSTD_isError(n))
+        return std::vector<uint8_t>();
+    packed.resize(n);
+    return packed;
+}
+
+bool RecordStore::DecodeCompressed(const uint8_t* bytes, size_t size, TriggerData& r)
+{
+    r = TriggerData();
+    // The frame says how much it unpacks to; a frame that does not, or
+    // claims more than a record ever takes, is not one of ours.
+    const unsigned long long content = ZSTD_getFrameContentSize(bytes, size);
+    if (content == ZSTD_CONTENTSIZE_UNKNOWN || content == ZSTD_CONTENTSIZE_ERROR || content > kMaxRecordBytes ||
+        ZSTD_findFrameCompressedSize(bytes, size) != size)
+        return false;
+    thread_local std::vector<uint8_t> plain;
+    plain.resize(static_cast<size_t>(content));
+    thread_local std::unique_ptr<ZSTD_DCtx, size_t (*)(ZSTD_DCtx*)> context(ZSTD_createDCtx(), ZSTD_freeDCtx);
+    const size_t n = context ? ZSTD_decompressDCtx(context.get(), plain.data(), plain.size(), bytes, size)
+                             : ZSTD_decompress(plain.data(), plain.size(), bytes, size);
+    if (ZSTD_isError(n) || n != plain.size())
+        return false;
+    Reader in(plain.data(), plain.size());
+    uint64_t span, v;
+    if (!in.U(r.startTime) || !in.Z(span))
+        return false;
+    r.endTime = r.startTime + span;
+    int64_t* fields[] = {&r.amplitude, &r.highPeriod, &r.lowPeriod, &r.polarity};
+    for (int64_t* f : fields) {
+        if (!in.Z(v))
+            return false;
+        *f = static_cast<int64_t>(v);
+    }
+    size_t rawCount, count;
+    uint8_t rawKind, kind;
+    if (!in.U(v) || !in.U8(rawKind) || rawKind > 1)
+        return false;
+    // Raw samples equal to the samples take no byte: their count is checked
+    // against the samples' once those are read.
+    if (rawKind == 0 && (v > in.Left()))
+        return false;
+    rawCount = static_cast<size_t>(std::min<uint64_t>(v, kMaxRecordBytes));
+    if (rawKind == 0 && !in.Series(rawCount, r.rawSamples))
+        return false;
+    if (!in.Count(count) || !in.U8(kind) || kind > 1 || (kind == 1 && (rawKind != 0 || rawCount == 0)))
+        return false;
+    if (rawKind == 1) {
+        if (v != count || count == 0 || !in.Series(count, r.samples))
+            return false;
+        r.rawSamples = r.samples;
+    } else if (kind == 1) {
+        std::vector<int32_t> smooth;
+        FivePointFilter(r.rawSamples, smooth);
+        r.samples.resize(count);
+        uint64_t before = 0;
+        for (size_t i = 0; i < count; ++i) {
+            uint64_t d;
+            if (!in.Z(d))
+                return false;
+            const uint64_t guess = i < smooth.size() ? static_cast<uint64_t>(static_cast<int64_t>(smooth[i])) : before;
+            r.samples[i] = static_cast<int32_t>(guess + d);
+            before = static_cast<uint64_t>(static_cast<int64_t>(r.samples[i]));
+        }
+    } else if (!in.Series(count, r.samples)) {
+        return false;
+    }
+    size_t pulses;
+    if (!in.Count(pulses))
+        return false;
+    r.pulses.resize(pulses);
+    uint64_t duration = 0, mark = 0, spare = 0;
+    size_t hint = 0, rawHint = 0;
+    for (PulseRecord& p : r.pulses) {
+        uint64_t d;
+        if (!in.Z(d))
+            return false;
+        duration += d;
+        if (!in.U8(p.level) || !in.Z(d))
+            return false;
+        mark += d;
+        if (!in.Z(d))
+            return false;
+        spare += d;
+        p.duration = static_cast<int64_t>(duration);
+        p.mark = static_cast<uint32_t>(mark);
+        mark = p.mark;
+        p.spare = static_cast<int64_t>(spare);
+        if (!in.U8(kind))
+            return false;
+        if (kind == 1 || kind == 2) {
+            const std::vector<int32_t>& from = kind == 1 ? r.samples : r.rawSamples;
+            size_t& at = kind == 1 ? hint : rawHint;
+            if (!in.Z(d) || !in.U(v))
+                return false;
+            const uint64_t offset = at + d;
+            if (offset > from.size() || v > from.size() - offset)
+                return false;
+            const size_t n = static_cast<size_t>(v);
+            p.samples.assign(from.begin() + static_cast<long>(offset), from.begin() + static_cast<long>(offset + n));
+            at = static_cast<size_t>(offset) + n;
+        } else if (kind != 0 || !in.Count(count) || !in.Series(count, p.samples)) {
+            return false;
+        }
+    }
+    return in.Left() == 0;
+}
+
+bool RecordStore::DecodePayload(uint32_t version, const uint8_t* bytes, size_t size, TriggerData& record)
+{
+    if (version == kVersionPlain)
+        return Decode(bytes, size, record);
+    if (version == kVersionCompressed)
+        return DecodeCompressed(bytes, size, record);
+    record = TriggerData();
+    return false;
+}
+
+uint32_t RecordStore::VersionOf(const uint8_t* bytes, size_t size)
+{
+    return size >= kHeaderSize ? HeaderVersion(bytes) : 0;
 }
 
 std::vector<uint8_t> RecordStore::Encode(const TriggerData& r)
@@ -427,18 +861,31 @@ bool RecordStore::Decode(const uint8_t* bytes, size_t size, TriggerData& r)
 bool RecordStore::Scan(const uint8_t* bytes, size_t size, std::vector<std::pair<uint64_t, Entry>>& frames,
                        uint64_t* validEnd)
 {
+    return Scan(bytes, size, frames, validEnd, nullptr);
+}
+
+bool RecordStore::Scan(const uint8_t* bytes, size_t size, std::vector<std::pair<uint64_t, Entry>>& frames,
+                       uint64_t* validEnd, std::vector<uint64_t>* damaged)
+{
     frames.clear();
-    if (size < kHeaderSize || !HeaderValid(bytes))
+    if (damaged)
+        damaged->clear();
+    const uint32_t version = VersionOf(bytes, size);
+    if (!version)
         return false;
     const uint64_t end = WalkFrames(
-        size,
+        version, size,
         [bytes, size](uint64_t at, uint8_t* into, size_t n) {
             if (at > size || size - at < n)
                 return false;
             std::memcpy(into, bytes + at, n);
             return true;
         },
-        [&frames](uint64_t number, const Entry& e) { frames.emplace_back(number, e); });
+        [&frames](uint64_t number, const Entry& e) { frames.emplace_back(number, e); },
+        [damaged](uint64_t number) {
+            if (damaged)
+                damaged->push_back(number);
+        });
     if (validEnd)
         *validEnd = end;
     return true;
@@ -451,40 +898,57 @@ uint32_t RecordStore::Checksum(const void* bytes, size_t n, uint32_t crc)
 
 bool RecordStore::Append(uint64_t number, const TriggerData& record, uint32_t tag)
 {
-    std::vector<uint8_t> payload = Encode(record);
+    uint32_t version;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_fd < 0 || !m_writable || m_failed)
+            return false;
+        version = m_version;
+    }
+    // Coded outside the lock: a reader of another record need not wait.
+    const std::vector<uint8_t> payload = version == kVersionPlain ? Encode(record) : EncodeCompressed(record);
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_fd < 0 || !m_writable || m_failed)
         return false;
-    if (payload.size() > std::numeric_limits<uint32_t>::max()) {
+    if (payload.size() > std::numeric_limits<uint32_t>::max() || (version != kVersionPlain && payload.empty())) {
         Log::Printf("Capture record %llu is too large to store (%zu bytes).",
                     static_cast<unsigned long long>(number), payload.size());
         return false;
     }
     const uint32_t length = static_cast<uint32_t>(payload.size());
+    const size_t headerSize = version == kVersionPlain ? kFrameHeaderSize : kCompressedFrameHeaderSize;
     std::vector<uint8_t> frame;
-    frame.reserve(kFrameHeaderSize + payload.size());
+    frame.reserve(headerSize + payload.size());
     Put32(frame, kFrameMark);
     Put64(frame, number);
     Put32(frame, tag);
     Put32(frame, length);
-    const uint32_t crc = Crc32(Crc32(0, frame.data() + 4, 16), payload.data(), payload.size());
-    Put32(frame, crc);
+    uint32_t crc;
+    if (version == kVersionPlain) {
+        crc = Crc32(Crc32(0, frame.data() + 4, 16), payload.data(), payload.size());
+        Put32(frame, crc);
+    } else {
+        crc = Crc32(0, payload.data(), payload.size());
+        Put32(frame, crc);
+        Put32(frame, Crc32(0, frame.data() + 4, 20));
+    }
     frame.insert(frame.end(), payload.begin(), payload.end());
     int error = 0;
     if (!WriteAll(m_fd, frame.data(), frame.size(), m_end, error)) {
         // Cut a partial frame away so the file stays a run of whole frames; if
-        // even that fails, a reader stops at the partial frame anyway.
+        // even that fails, a reader passes over the partial frame anyway.
         if (ftruncate(m_fd, static_cast<off_t>(m_end)) != 0) {
         }
         Fail("cannot write", error);
         return false;
     }
     Entry e;
-    e.offset = m_end + kFrameHeaderSize;
+    e.offset = m_end + headerSize;
     e.length = length;
     e.crc = crc;
     e.tag = tag;
     Put(number, e);
+    m_damaged.erase(number);
     m_end += frame.size();
     return true;
 }
@@ -492,19 +956,23 @@ bool RecordStore::Append(uint64_t number, const TriggerData& record, uint32_t ta
 TriggerDataPtr RecordStore::Load(uint64_t number, uint32_t* tag) const
 {
     Entry e;
-    int fd;
+    uint32_t version;
+    std::vector<uint8_t> payload;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         const Entry* found = Find(number);
         if (!found || m_fd < 0)
             return nullptr;
         e = *found;
-        fd = m_fd;
-        // The frame is read under the lock as well: Close may run from
-        // another thread and the descriptor must not change under the read.
-        std::vector<uint8_t> payload(e.length);
-        if (!ReadAll(fd, payload.data(), payload.size(), e.offset))
+        version = m_version;
+        // The frame is read under the lock: Close may run from another
+        // thread and the descriptor must not change under the read.
+        payload.resize(e.length);
+        if (!ReadAll(m_fd, payload.data(), payload.size(), e.offset))
             return nullptr;
+    }
+    uint32_t crc;
+    if (version == kVersionPlain) {
         uint8_t head[16];
         for (int i = 0; i < 8; ++i)
             head[i] = static_cast<uint8_t>(number >> (8 * i));
@@ -512,15 +980,53 @@ TriggerDataPtr RecordStore::Load(uint64_t number, uint32_t* tag) const
             head[8 + i] = static_cast<uint8_t>(e.tag >> (8 * i));
             head[12 + i] = static_cast<uint8_t>(e.length >> (8 * i));
         }
-        if (Crc32(Crc32(0, head, 16), payload.data(), payload.size()) != e.crc)
-            return nullptr;
-        auto record = std::make_shared<TriggerData>();
-        if (!Decode(payload.data(), payload.size(), *record))
-            return nullptr;
-        if (tag)
-            *tag = e.tag;
-        return record;
+        crc = Crc32(Crc32(0, head, 16), payload.data(), payload.size());
+    } else {
+        crc = Crc32(0, payload.data(), payload.size());
     }
+    auto record = std::make_shared<TriggerData>();
+    if (crc != e.crc || !DecodePayload(version, payload.data(), payload.size(), *record)) {
+        MarkDamaged(number);
+        return nullptr;
+    }
+    if (tag)
+        *tag = e.tag;
+    return record;
+}
+
+void RecordStore::MarkDamaged(uint64_t number) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_damaged.insert(number).second)
+        Log::Printf("Capture record %llu of %s is damaged; its event shows no wave.",
+                    static_cast<unsigned long long>(number), m_path.c_str());
+}
+
+bool RecordStore::Tag(uint64_t number, uint32_t* tag) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const Entry* found = Find(number);
+    if (found && tag)
+        *tag = found->tag;
+    return found != nullptr;
+}
+
+bool RecordStore::Damaged(uint64_t number) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_damaged.count(number) != 0;
+}
+
+size_t RecordStore::DamagedCount() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_damaged.size();
+}
+
+uint32_t RecordStore::Version() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_version;
 }
 
 void RecordStore::Put(uint64_t number, const Entry& e)

@@ -12,7 +12,7 @@ namespace {
 // the end, at most kSessionRecordBuffer bytes kept. `next` reads one byte or
 // returns -1 at the end. Returns false when not one byte was read.
 template <class Next>
-bool NextRecord(Next next, std::string& text)
+bool NextRecord(Next next, std::string& text, uint64_t* consumed = nullptr)
 {
     text.clear();
     int c;
@@ -24,6 +24,8 @@ bool NextRecord(Next next, std::string& text)
         if (text.size() < kSessionRecordBuffer - 1)
             text.push_back(static_cast<char>(c));
     }
+    if (consumed)
+        *consumed += read;
     return read > 0;
 }
 
@@ -43,17 +45,23 @@ MsgInfoPtr EventOf(const std::string& text, int64_t number, bool* parsed = nullp
 
 namespace {
 
-// Appends every record of an open session file to `events`, numbered from 1;
-// returns how many of them are event records (parse as a JSON object).
-size_t ReadRecords(std::FILE* file, std::vector<MsgInfoPtr>& events)
+// Appends every record of an open session file to `events`, numbered from 1,
+// and where each begins to `offsets` if given; returns how many of them are
+// event records (parse as a JSON object).
+size_t ReadRecords(std::FILE* file, std::vector<MsgInfoPtr>& events, std::vector<uint64_t>* offsets = nullptr)
 {
     std::string text;
     int64_t counter = 1;
     size_t readable = 0;
+    uint64_t at = 0;
+    uint64_t begins = 0;
     while (NextRecord([file] {
         const int c = getc_unlocked(file);
         return c == EOF ? -1 : c;
-    }, text)) {
+    }, text, &at)) {
+        if (offsets)
+            offsets->push_back(begins);
+        begins = at;
         bool parsed = false;
         events.push_back(EventOf(text, counter++, &parsed));
         readable += parsed ? 1 : 0;
@@ -78,7 +86,15 @@ bool ReadSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events)
 
 bool OpenSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events, std::string& error)
 {
+    return OpenSessionFile(path, events, error, nullptr);
+}
+
+bool OpenSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events, std::string& error,
+                     std::vector<uint64_t>* offsets)
+{
     events.clear();
+    if (offsets)
+        offsets->clear();
     error.clear();
     struct stat st {};
     std::FILE* file = nullptr;
@@ -91,10 +107,12 @@ bool OpenSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events, s
         error = "Can't open \"" + path + "\": " + why + ". Expected a session file (.sid).";
         return false;
     }
-    const size_t readable = ReadRecords(file, events);
+    const size_t readable = ReadRecords(file, events, offsets);
     std::fclose(file);
     if (readable > 0)
         return true;
+    if (offsets)
+        offsets->clear();
     error = events.empty() ? "\"" + path + "\" is empty. Expected a session file (.sid) with at least one event record."
                            : "\"" + path + "\" is not a session file: none of its records is an event. Expected a "
                              "session file (.sid) of event records in JSON, each ended by a 0 byte.";

@@ -25,6 +25,10 @@ bool ReadSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events);
 // in `error` that names the file and says what was expected; `events` is then
 // left empty. A session whose later records are damaged reads as above.
 bool OpenSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events, std::string& error);
+// The same, with the byte offset at which each event's record begins in the
+// file (offsets[i] for events[i]): where ReadSessionRecordAt reads it again.
+bool OpenSessionFile(const std::string& path, std::vector<MsgInfoPtr>& events, std::string& error,
+                     std::vector<uint64_t>* offsets);
 
 // The same from bytes already in memory.
 std::vector<MsgInfoPtr> ReadSessionRecords(const uint8_t* bytes, size_t size);

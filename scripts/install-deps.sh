@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   g++ make cmake pkg-config
   qtbase5-dev qtbase5-dev-tools libqt5charts5-dev libqt5serialport5-dev libqt5svg5-dev
-  libjsoncpp-dev
+  libjsoncpp-dev libzstd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   xvfb xauth x11-apps imagemagick

@@ -432,6 +432,15 @@ void MainWindow::actionBtns(QAction* action)
     } else if (name == QLatin1String("Export")) {
         ExportEvents();
     } else if (name == QLatin1String("Start")) {
+        // A session opened in place lent its folder to the window: an
+        // acquisition saves into the folder it had before, never beside it.
+        if (m_foldersBeforeOpen.size() == 3) {
+            SettingParams& p = SettingParams::Instance();
+            p.eventPath = m_foldersBeforeOpen[0];
+            p.logPath = m_foldersBeforeOpen[1];
+            p.capturePath = m_foldersBeforeOpen[2];
+            m_foldersBeforeOpen.clear();
+        }
         m_openedFile.clear();
         m_controller->DevStart();
     } else if (name == QLatin1String("Stop")) {
@@ -576,20 +585,28 @@ void MainWindow::OpenSession()
     // A file that holds no event is refused before anything changes: the view
     // keeps what it shows and no session folder is made.
     std::vector<MsgInfoPtr> events;
+    std::vector<uint64_t> offsets;
     std::string error;
-    if (!OpenSessionFile(path.toStdString(), events, error)) {
+    if (!OpenSessionFile(path.toStdString(), events, error, &offsets)) {
         ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Open Session"), QString::fromStdString(error));
         return;
     }
     m_fileOpen = true;
     ClearAll();
     // Played through the dock as a capture is: Start marker, the events in
-    // one batch, Stop marker. The Start marker saves the replay anew.
-    AppSettings::Instance().MakeSessionFolders();
+    // one batch, Stop marker; but shown where it lies: nothing is written,
+    // the events read back from the opened .sid and their waves from the
+    // record file beside it, and the session folder is the one the file
+    // came from.
+    SettingParams& p = SettingParams::Instance();
+    if (m_foldersBeforeOpen.empty())
+        m_foldersBeforeOpen = {p.eventPath, p.logPath, p.capturePath};
+    const std::string folder = QFileInfo(path).absolutePath().toStdString() + "/";
+    p.eventPath = p.logPath = p.capturePath = folder;
     m_dock->Clear();
-    // The record file beside the .sid, if there is one, gives the events
-    // their capture records back as they are added.
-    m_dock->EventWindow()->Model().SetRecordSource(path.toStdString());
+    // (With the event tree hidden the dock sets no markers: nothing to show.)
+    if (m_dock->showEvents)
+        m_dock->EventWindow()->Model().ShowInPlace(path.toStdString(), std::move(offsets));
     m_dock->StartMark();
     RealTimeSample sample;
     sample.events = std::move(events);

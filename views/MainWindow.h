@@ -149,6 +149,9 @@ private:
     QLabel* m_statusLabel = nullptr;
     // The session file opened last; empty while a capture is shown.
     QString m_openedFile;
+    // The session folders (events, log, captures) of the settings before a
+    // session was opened in place; put back at the next Start.
+    std::vector<std::string> m_foldersBeforeOpen;
     MainWindowPanels m_panels;
     QProductTest* m_productTest = nullptr;
     ABout* m_about = nullptr;

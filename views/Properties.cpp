@@ -307,6 +307,15 @@ void Properties::Fill(const MsgInfo& info, int mode)
     FillDissection(info, mode);
 }
 
+void Properties::ShowRecordNote(const QString& note)
+{
+    if (note.isEmpty())
+        return;
+    QStandardItem* group = m_tree->AddGroup(QStringLiteral("Capture Record"));
+    m_tree->AddRow(group, QStringLiteral("Wave"), note);
+    m_tree->ResizeToContents();
+}
+
 bool Properties::FocusTest() const
 {
     return hasFocus() || m_tree->View()->hasFocus();

@@ -26,6 +26,10 @@ public:
     // common, device, time; a violation or contract: common, bit timing; a
     // "Digital Ping" group or any other kind: none.
     void Fill(const MsgInfo& info, int mode);
+    // Why the event filled last shows no wave (its capture record damaged
+    // in the record file, or never stored), as a "Capture Record" group
+    // after the others; nothing for an empty note.
+    void ShowRecordNote(const QString& note);
 
     PropertyTree* Tree() const { return m_tree; }
     // A packet's decoded fields (name, value, unit, bits) and its bytes in

@@ -253,8 +253,10 @@ QWidget* QWindowReal::FocusedView()
 void QWindowReal::EventWindowSelected(MsgInfo& info, StandardItemMode mode)
 {
     // Nothing but the property tree follows a selection; hidden, it drops it.
-    if (showProperties)
+    if (showProperties) {
         m_properties->Fill(info, mode);
+        m_properties->ShowRecordNote(m_eventWindow->Model().SelectedRecordNote());
+    }
 }
 
 // The columns take 40, 32 and 28 hundredths of the width, whatever the

@@ -258,6 +258,8 @@ TEST(CliReplay, SessionFileIsToldPhaseByPhaseBetweenTheMarkers)
         }
         std::fclose(f);
     }
+    const std::string data = std::getenv("XDG_DATA_HOME");
+    const std::string sessionsBefore = RunShell("ls -R '" + data + "/Coilscope' 2>/dev/null");
     const Result r = RunCli("replay '" + path + "'");
     EXPECT_EQ(r.status, 0);
     // Each line; the markers carry the time of day, so only their start is fixed.
@@ -280,10 +282,43 @@ TEST(CliReplay, SessionFileIsToldPhaseByPhaseBetweenTheMarkers)
     EXPECT_EQ(lines[8], "   [6] ControlError 2.0% @0HZ");
     EXPECT_EQ(lines[9].rfind("   [7] Stop Acquisition: Acquisition stoped at ", 0), 0u) << lines[9];
     EXPECT_EQ(r.out.back(), '\n');
-    // The replayed session was saved anew in a session folder, not here.
-    const std::string data = std::getenv("XDG_DATA_HOME");
-    EXPECT_EQ(std::system(("ls '" + data + "'/Coilscope/*/EventWindow_*.sid >/dev/null 2>&1").c_str()), 0);
+    // Shown where it lies: nothing was written, here or in a session folder.
+    EXPECT_EQ(RunShell("ls -A '" + dir + "'"), "s.sid\n");
+    EXPECT_EQ(RunShell("ls -R '" + data + "/Coilscope' 2>/dev/null"), sessionsBefore);
     EXPECT_NE(std::system("ls EventWindow_*.sid >/dev/null 2>&1"), 0);
+    EXPECT_EQ(RunCli("replay '" + path + "'", true).out, r.out);  // nothing said on stderr
+}
+
+// A session of the emulator's recorded streams, replayed into a session file
+// and then played again: in place it writes nothing; with --sid OUT it saves
+// OUT with its records and its log beside it, and says so.
+TEST(CliReplay, SessionFileIsSavedAnewOnlyWhenAsked)
+{
+    const std::string dir = std::string(std::getenv("XDG_DATA_HOME")) + "/replay-sid-out";
+    std::system(("rm -rf '" + dir + "' && mkdir -p '" + dir + "/copy'").c_str());
+    const std::string data = std::string(COILSCOPE_TEST_DATA);
+    // A session file of the recorded streams.
+    const std::string first = dir + "/first.sid";
+    ASSERT_EQ(RunCli("replay '" + data + "/emulator.2k.bin' '" + data + "/emulator.fsk.bin' --sid '" + first + "'")
+                  .status,
+              0);
+    const std::string copy = dir + "/copy/again.sid";
+    const Result inPlace = RunCli("replay '" + first + "'", true);
+    EXPECT_EQ(inPlace.status, 0);
+    EXPECT_EQ(RunShell("ls -A '" + dir + "/copy'"), "");
+    const Result saved = RunCli("replay '" + first + "' --sid '" + copy + "'", true);
+    EXPECT_EQ(saved.status, 0);
+    EXPECT_EQ(RunShell("ls -A '" + dir + "/copy'"), "again.log\nagain.rec\nagain.sid\n");
+    EXPECT_NE(saved.out.find("replayed session saved in " + copy + " (capture records in " + dir +
+                             "/copy/again.rec, log in " + dir + "/copy/again.log)\n"),
+              std::string::npos)
+        << saved.out;
+    // The same events either way; the copy shows as the original does.
+    EXPECT_EQ(e2e::Lines(RunCli("show '" + copy + "'").out).size(),
+              e2e::Lines(RunCli("show '" + first + "'").out).size());
+    const Result refused = RunCli("replay '" + first + "' --sid /nonexistent/x.sid", true);
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_EQ(refused.out, "coilscope-cli replay: cannot write /nonexistent/x.sid\n");
 }
 
 // ------------------------------------------- a recorded capture, two ASK readers

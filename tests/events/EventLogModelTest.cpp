@@ -8,6 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <QFileInfo>
+#include <map>
+#include <random>
+
 #include <QDir>
 #include <QTemporaryDir>
 
@@ -757,9 +761,15 @@ TEST_F(EventLogModelTest, RecordFileThatCannotGrowLeavesLaterEventsWithoutWave)
         std::vector<TriggerData> live;
         for (uint32_t i = 0; i < 100; ++i) {
             auto events = CapturedEvents(1 + i, 1, live);
-            // About 80 kB a record: the record file fills after a few.
-            events[0]->capture->samples.resize(10000, 7);
-            events[0]->capture->rawSamples.resize(10000, 9);
+            // About 80 kB a record, of samples that do not compress: the
+            // record file fills after a few.
+            std::mt19937 noise(i);
+            events[0]->capture->samples.resize(10000);
+            events[0]->capture->rawSamples.resize(10000);
+            for (int32_t& v : events[0]->capture->samples)
+                v = static_cast<int32_t>(noise());
+            for (int32_t& v : events[0]->capture->rawSamples)
+                v = static_cast<int32_t>(noise());
             live.back() = *events[0]->capture;
             m.AddEvents(events);
         }
@@ -776,6 +786,10 @@ TEST_F(EventLogModelTest, RecordFileThatCannotGrowLeavesLaterEventsWithoutWave)
                 return 13;
             if (r && (r->samples != live[i].samples || r->rawSamples != live[i].rawSamples))
                 return 14;
+            // The property pane says why an event shows no wave.
+            const QString note = m.RecordNote(item);
+            if (r ? !note.isEmpty() : note != "Not stored (the record file could not be written): no wave")
+                return 17;
         }
         std::vector<MsgInfoPtr> back;
         if (!ReadSessionFile(m.SidPath(), back) || back.size() != 100)
@@ -894,4 +908,187 @@ TEST_F(EventLogModelTest, OpenedSessionThatLostARecordGivesNoWrongWaves)
             EXPECT_FALSE(loaded[i]->capture);
         }
     }
+}
+
+namespace {
+
+// The names and sizes of the files in a folder.
+std::map<std::string, qint64> FolderListing(const QString& folder)
+{
+    std::map<std::string, qint64> files;
+    for (const QFileInfo& f : QDir(folder).entryInfoList(QDir::Files))
+        files[f.fileName().toStdString()] = f.size();
+    return files;
+}
+
+// A session of `count` events with capture records, written as a capture
+// writes it; its .sid's path.
+std::string WrittenSession(uint32_t count, std::vector<TriggerData>& live)
+{
+    EventLogModel m;
+    m.StartAcquisition();
+    auto events = CapturedEvents(1, count, live);
+    events.insert(events.begin() + 2, Event(253, 1, "Digital Ping"));  // no record
+    m.AddEvents(events);
+    m.StopAcquisition();
+    return m.SidPath();
+}
+
+// Opens a written session in place, as File > Open does.
+void ShowInPlace(EventLogModel& m, const std::string& sid, std::vector<MsgInfoPtr>& loaded)
+{
+    std::vector<uint64_t> offsets;
+    std::string error;
+    ASSERT_TRUE(OpenSessionFile(sid, loaded, error, &offsets)) << error;
+    ASSERT_EQ(offsets.size(), loaded.size());
+    m.ShowInPlace(sid, offsets);
+    m.StartAcquisition();
+    EXPECT_TRUE(m.ShowingInPlace());
+    m.AddEvents(loaded);
+    m.StopAcquisition();
+    EXPECT_FALSE(m.ShowingInPlace());
+}
+
+// The item of the event at a place of the .sid (1 for the first): the Start
+// marker takes number 1.
+QStandardItemEx* ItemAt(EventLogModel& m, int place)
+{
+    return FindItem(m, 1 + place);
+}
+
+}  // namespace
+
+// A saved session shown where it lies: no file is written or changed, the
+// model's session files are the opened ones, and every old event reads back
+// from them exactly, with its wave.
+TEST_F(EventLogModelTest, SessionShownInPlaceWritesNothingAndReadsFromItsOwnFiles)
+{
+    std::vector<TriggerData> live;
+    const std::string sid = WrittenSession(40, live);
+    const std::map<std::string, qint64> before = FolderListing(dir.path());
+    ASSERT_EQ(before.size(), 3u);  // .sid, .rec, .log
+    std::vector<MsgInfoPtr> shownThen;
+    ASSERT_TRUE(ReadSessionFile(sid, shownThen));
+
+    EventLogModel m;
+    m.SetLiveRecords(4);
+    std::vector<MsgInfoPtr> loaded;
+    ShowInPlace(m, sid, loaded);
+    EXPECT_EQ(FolderListing(dir.path()), before);
+    EXPECT_EQ(m.SidPath(), sid);
+    EXPECT_TRUE(QFileInfo(QString::fromStdString(m.LogPath())).fileName().startsWith("LogWindow_"));
+    EXPECT_EQ(QFileInfo(QString::fromStdString(m.LogPath())).absolutePath(),
+              QFileInfo(QString::fromStdString(sid)).absolutePath());
+    ASSERT_TRUE(m.Records());
+    EXPECT_EQ(m.Records()->Path(), RecordStore::PathBeside(sid));
+    // No record was loaded to be shown: they come when an event is selected.
+    EXPECT_EQ(m.TreeFootprint().records, 0u);
+    EXPECT_EQ(m.TreeFootprint().events, 4u);
+    for (int place = 1; place <= 41; ++place) {
+        SCOPED_TRACE(place);
+        QStandardItemEx* item = ItemAt(m, place);
+        ASSERT_TRUE(item);
+        const MsgInfo& e = m.Select(item);
+        EXPECT_EQ(e.common.logData, shownThen[place - 1]->common.logData);
+        EXPECT_EQ(e.timing.startTimeStamp, shownThen[place - 1]->timing.startTimeStamp);
+        EXPECT_TRUE(m.RecordNote(item).isEmpty());
+        if (place == 3) {
+            EXPECT_FALSE(e.capture);  // the digital ping has none
+            continue;
+        }
+        ASSERT_TRUE(e.capture);
+        ExpectSameRecord(live[place < 3 ? place - 1 : place - 2], *e.capture);
+    }
+    EXPECT_EQ(FolderListing(dir.path()), before);
+    EXPECT_LE(m.TreeFootprint().records, 1u + EventLogModel::kCachedRecords);
+
+    // The next Start is an acquisition again: it saves a new session (in the
+    // folder an acquisition makes).
+    const std::string next = dir.path().toStdString() + "/next/";
+    ASSERT_TRUE(QDir().mkpath(QString::fromStdString(next)));
+    SettingParams::Instance().eventPath = SettingParams::Instance().logPath = next;
+    m.StartAcquisition();
+    EXPECT_FALSE(m.ShowingInPlace());
+    EXPECT_EQ(m.SidPath().compare(0, next.size(), next), 0);
+    EXPECT_EQ(FolderListing(QString::fromStdString(next)).size(), 3u);
+    EXPECT_EQ(FolderListing(dir.path()), before);
+}
+
+// Records damaged in the opened record file (a checksum that fails, a file
+// cut inside a compressed record): those events show no wave and say why;
+// every other event has its own.
+TEST_F(EventLogModelTest, DamagedRecordsOfASessionShownInPlaceSayWhy)
+{
+    std::vector<TriggerData> live;
+    const std::string sid = WrittenSession(10, live);
+    const std::string rec = RecordStore::PathBeside(sid);
+    std::vector<uint8_t> bytes;
+    {
+        std::ifstream in(rec, std::ios::binary);
+        bytes.assign((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    }
+    std::vector<std::pair<uint64_t, RecordStore::Entry>> frames;
+    ASSERT_TRUE(RecordStore::Scan(bytes.data(), bytes.size(), frames));
+    ASSERT_EQ(frames.size(), 10u);
+    // The record of the event at place 5 gets a changed byte; the file ends
+    // inside the last one (place 11).
+    const RecordStore::Entry& fifth = frames[3].second;
+    ASSERT_EQ(frames[3].first, 5u);
+    bytes[fifth.offset + fifth.length / 2] ^= 0x40;
+    bytes.resize(frames.back().second.offset + frames.back().second.length / 2);
+    {
+        std::ofstream out(rec, std::ios::binary | std::ios::trunc);
+        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    }
+    EventLogModel m;
+    m.SetLiveRecords(2);
+    std::vector<MsgInfoPtr> loaded;
+    ShowInPlace(m, sid, loaded);
+    for (int place = 1; place <= 11; ++place) {
+        SCOPED_TRACE(place);
+        QStandardItemEx* item = ItemAt(m, place);
+        ASSERT_TRUE(item);
+        const TriggerDataPtr r = m.Select(item).capture;
+        if (place == 5 || place == 11) {
+            EXPECT_FALSE(r);
+            EXPECT_EQ(m.RecordNote(item).toStdString(), "Damaged in the record file: no wave");
+            EXPECT_EQ(m.SelectedRecordNote(), m.RecordNote(item));
+        } else if (place != 3) {
+            ASSERT_TRUE(r);
+            ExpectSameRecord(live[place < 3 ? place - 1 : place - 2], *r);
+            EXPECT_TRUE(m.SelectedRecordNote().isEmpty());
+        }
+    }
+}
+
+// A replay saved under names given to it: the .sid, its record file and its
+// log where asked, the records copied into the new record file.
+TEST_F(EventLogModelTest, NextStartSavesUnderTheNamesGiven)
+{
+    std::vector<TriggerData> live;
+    const std::string sid = WrittenSession(6, live);
+    std::vector<MsgInfoPtr> loaded;
+    ASSERT_TRUE(ReadSessionFile(sid, loaded));
+    const std::string out = dir.path().toStdString() + "/copy/again.sid";
+    ASSERT_TRUE(QDir().mkpath(dir.path() + "/copy"));
+    EventLogModel m;
+    m.SetSessionFiles(out, dir.path().toStdString() + "/copy/again.log");
+    m.SetRecordSource(sid);
+    m.StartAcquisition();
+    m.AddEvents(loaded);
+    m.StopAcquisition();
+    m.CloseStreams();
+    EXPECT_EQ(m.SidPath(), out);
+    const std::map<std::string, qint64> copy = FolderListing(dir.path() + "/copy");
+    ASSERT_EQ(copy.size(), 3u);
+    EXPECT_GT(copy.at("again.log"), 0);
+    std::vector<MsgInfoPtr> back;
+    ASSERT_TRUE(ReadSessionFile(out, back));
+    EXPECT_EQ(back.size(), 7u);
+    RecordStore records;
+    ASSERT_TRUE(records.Open(dir.path().toStdString() + "/copy/again.rec"));
+    EXPECT_EQ(records.Count(), 6u);
+    // The Start after it takes names from the settings again.
+    m.StartAcquisition();
+    EXPECT_NE(m.SidPath(), out);
 }

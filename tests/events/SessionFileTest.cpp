@@ -218,6 +218,37 @@ TEST(OpenSessionFile, LaterDamagedRecordsReadAsTheWholeFileReads)
     EXPECT_EQ(opened[3]->type, 0);
 }
 
+// Where each record begins: a record read again there is the event the whole
+// file gave, whatever the records between (empty, damaged, long).
+TEST(OpenSessionFile, OffsetsTellWhereEachRecordBegins)
+{
+    QTemporaryDir dir;
+    const std::string first = Record("first", 6), long_ = Record(std::string(5000, 'x').c_str(), 3);
+    const std::string bytes = first + std::string(1, '\0') + std::string(1, '\0') + "garbage" + std::string(1, '\0') +
+                              long_ + std::string(1, '\0') + Record("last", 7) + std::string(1, '\0');
+    const std::string path = WriteFile(dir, bytes);
+    std::vector<MsgInfoPtr> events;
+    std::vector<uint64_t> offsets = {99};  // replaced, not added to
+    std::string error;
+    ASSERT_TRUE(OpenSessionFile(path, events, error, &offsets)) << error;
+    ASSERT_EQ(events.size(), 5u);
+    EXPECT_EQ(offsets, (std::vector<uint64_t>{0, first.size() + 1, first.size() + 2, first.size() + 10,
+                                              first.size() + 11 + long_.size()}));
+    for (size_t i = 0; i < events.size(); ++i) {
+        const MsgInfoPtr again = ReadSessionRecordAt(path, offsets[i]);
+        ASSERT_TRUE(again) << i;
+        again->id = events[i]->id;
+        again->eventG.FirstEventNumber = events[i]->eventG.FirstEventNumber;
+        again->eventG.lastEventNumber = events[i]->eventG.lastEventNumber;
+        EXPECT_EQ(again->ToJson(), events[i]->ToJson()) << i;
+    }
+    // A refused file leaves no offsets.
+    const std::string empty = dir.path().toStdString() + "/empty.sid";
+    std::ofstream(empty, std::ios::binary).flush();
+    EXPECT_FALSE(OpenSessionFile(empty, events, error, &offsets));
+    EXPECT_TRUE(offsets.empty());
+}
+
 namespace {
 
 // The writes a stream hands to its file, each as it came.

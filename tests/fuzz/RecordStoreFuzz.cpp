@@ -1,6 +1,7 @@
-// Fuzz target: bytes of a record file through the frame scanner and the
-// record decoder, from memory and through a real file; every record read is
-// encoded again and must decode to the same record.
+// Fuzz target: bytes of a record file (plain or compressed format) through
+// the frame scanner and the record decoders, from memory and through a real
+// file; every record read is encoded again in both formats and must decode
+// to the same record.
 #include "events/RecordStore.h"
 
 #include <cstddef>
@@ -23,6 +24,18 @@ void Check(const TriggerData& r)
     for (size_t i = 0; i < r.pulses.size(); ++i)
         if (twice.pulses[i].samples != r.pulses[i].samples || twice.pulses[i].mark != r.pulses[i].mark)
             __builtin_trap();
+    const std::vector<uint8_t> packed = RecordStore::EncodeCompressed(r);
+    TriggerData unpacked;
+    if (!RecordStore::DecodeCompressed(packed.data(), packed.size(), unpacked))
+        __builtin_trap();
+    if (unpacked.samples != r.samples || unpacked.rawSamples != r.rawSamples ||
+        unpacked.pulses.size() != r.pulses.size() || unpacked.startTime != r.startTime ||
+        unpacked.endTime != r.endTime || unpacked.amplitude != r.amplitude)
+        __builtin_trap();
+    for (size_t i = 0; i < r.pulses.size(); ++i)
+        if (unpacked.pulses[i].samples != r.pulses[i].samples || unpacked.pulses[i].mark != r.pulses[i].mark ||
+            unpacked.pulses[i].duration != r.pulses[i].duration || unpacked.pulses[i].spare != r.pulses[i].spare)
+            __builtin_trap();
 }
 
 }  // namespace
@@ -33,18 +46,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     TriggerData r;
     if (RecordStore::Decode(data, size, r))
         Check(r);
+    if (RecordStore::DecodeCompressed(data, size, r))
+        Check(r);
 
     // The bytes as a file, scanned in memory.
     std::vector<std::pair<uint64_t, RecordStore::Entry>> frames;
+    std::vector<uint64_t> damaged;
     uint64_t end = 0;
-    if (RecordStore::Scan(data, size, frames, &end)) {
-        if (end > size)
+    const uint32_t version = RecordStore::VersionOf(data, size);
+    if (RecordStore::Scan(data, size, frames, &end, &damaged)) {
+        if (end > size || version == 0)
             __builtin_trap();
         for (const auto& f : frames) {
             if (f.second.offset + f.second.length > size)
                 __builtin_trap();
             TriggerData one;
-            if (RecordStore::Decode(data + f.second.offset, f.second.length, one))
+            if (RecordStore::DecodePayload(version, data + f.second.offset, f.second.length, one))
                 Check(one);
         }
     }

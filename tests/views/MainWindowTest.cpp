@@ -13,6 +13,8 @@
 #include "services/Startup.h"
 #include "sim/DeviceEmulator.h"
 #include "views/MainWindow.h"
+#include "views/Properties.h"
+#include "views/PropertyTree.h"
 #include "views/QWindowReal.h"
 
 #include <gtest/gtest.h>
@@ -20,6 +22,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QLabel>
@@ -439,6 +442,121 @@ TEST_F(MainWindowTest, OpenedSessionGivesItsEventsTheirRecordsBack)
         EXPECT_EQ(r->pulses[0].samples, live[i].pulses[0].samples);
         EXPECT_EQ(r->pulses[0].mark, live[i].pulses[0].mark);
     }
+}
+
+namespace {
+
+// Every file under a folder with its size, recursively.
+std::map<QString, qint64> Tree(const QString& folder)
+{
+    std::map<QString, qint64> files;
+    QDirIterator it(folder, QDir::Files, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        it.next();
+        files[it.filePath()] = it.fileInfo().size();
+    }
+    return files;
+}
+
+// A session of three events with capture records, saved as a capture saves
+// it into `folder`; its .sid.
+std::string SavedSession(const std::string& folder)
+{
+    SettingParams::Instance().eventPath = SettingParams::Instance().logPath = folder;
+    EventLogModel m;
+    m.StartAcquisition();
+    std::vector<MsgInfoPtr> events;
+    for (int i = 0; i < 3; ++i) {
+        MsgInfoPtr e = MakeEvent(1, 2, "SignalStrength 50", "01 80 81 ");
+        auto record = std::make_shared<TriggerData>();
+        record->startTime = 1000u + static_cast<uint64_t>(i);
+        record->samples.assign(400, 1500 + i);
+        e->capture = record;
+        events.push_back(e);
+    }
+    m.AddEvents(events);
+    m.StopAcquisition();
+    return m.SidPath();
+}
+
+}  // namespace
+
+TEST_F(MainWindowTest, OpenedSessionIsShownWhereItLiesAndNothingIsWritten)
+{
+    const QString written = dir.path() + "/saved";
+    ASSERT_TRUE(QDir().mkpath(written));
+    const std::string sid = SavedSession(written.toStdString() + "/");
+    SettingParams& p = SettingParams::Instance();
+    p.eventPath = p.logPath = p.capturePath = dir.path().toStdString() + "/before/";
+    const std::map<QString, qint64> before = Tree(dir.path());
+    MainWindow w(Empty());
+    answer = QString::fromStdString(sid);
+    w.actionBtns(w.Action("actionOpen"));
+    ASSERT_TRUE(messages.empty());
+    ASSERT_TRUE(w.FileOpen());
+    EventLogModel& model = w.Dock()->EventWindow()->Model();
+    EXPECT_EQ(model.SidPath(), sid);
+    // The session folder is the one the file came from ("Open Saved Folder").
+    EXPECT_EQ(p.logPath, written.toStdString() + "/");
+    EXPECT_EQ(p.eventPath, written.toStdString() + "/");
+    // Shown twice: still nothing written anywhere (the application log aside).
+    w.actionBtns(w.Action("actionOpen"));
+    std::map<QString, qint64> after = Tree(dir.path());
+    for (auto it = after.begin(); it != after.end();)
+        it = QFileInfo(it->first).fileName().startsWith("log_") ? after.erase(it) : std::next(it);
+    EXPECT_EQ(after, before);
+    QStandardItem* group = model.Root()->child(1);
+    ASSERT_TRUE(group);
+    ASSERT_EQ(group->rowCount(), 3);
+    const TriggerDataPtr r = model.Select(static_cast<QStandardItemEx*>(group->child(2))).capture;
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->samples, std::vector<int32_t>(400, 1502));
+    // Start gives the folders back: an acquisition never saves beside the
+    // opened session.
+    w.actionBtns(w.Action("actionStart"));
+    EXPECT_EQ(p.eventPath, dir.path().toStdString() + "/before/");
+    EXPECT_EQ(p.logPath, dir.path().toStdString() + "/before/");
+    EXPECT_EQ(p.capturePath, dir.path().toStdString() + "/before/");
+}
+
+// An event whose record is damaged in the record file shows no wave and
+// says so in the property pane; its neighbours show nothing of the kind.
+TEST_F(MainWindowTest, DamagedRecordIsToldInThePropertyPane)
+{
+    const QString written = dir.path() + "/saved";
+    ASSERT_TRUE(QDir().mkpath(written));
+    const std::string sid = SavedSession(written.toStdString() + "/");
+    const std::string rec = RecordStore::PathBeside(sid);
+    std::vector<uint8_t> bytes;
+    {
+        std::ifstream in(rec, std::ios::binary);
+        bytes.assign((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    }
+    std::vector<std::pair<uint64_t, RecordStore::Entry>> frames;
+    ASSERT_TRUE(RecordStore::Scan(bytes.data(), bytes.size(), frames));
+    ASSERT_EQ(frames.size(), 3u);
+    bytes[frames[1].second.offset + 2] ^= 0x11;
+    {
+        std::ofstream out(rec, std::ios::binary | std::ios::trunc);
+        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    }
+    MainWindow w(Empty());
+    w.show();
+    answer = QString::fromStdString(sid);
+    w.actionBtns(w.Action("actionOpen"));
+    ASSERT_TRUE(w.FileOpen());
+    QEventWindow* events = w.Dock()->EventWindow();
+    QStandardItem* group = events->Model().Root()->child(1);
+    ASSERT_TRUE(group && group->rowCount() == 3);
+    PropertyTree* tree = w.Dock()->PropertyView()->Tree();
+    events->eventClidked(group->child(1)->index());
+    EXPECT_TRUE(tree->GroupTitles().contains("Capture Record")) << tree->GroupTitles().join(",").toStdString();
+    EXPECT_EQ(tree->Value("Capture Record", "Wave").toString(), "Damaged in the record file: no wave");
+    EXPECT_TRUE(tree->GroupTitles().contains("Packet Properties"));
+    events->eventClidked(group->child(0)->index());
+    EXPECT_FALSE(tree->GroupTitles().contains("Capture Record"));
+    events->eventClidked(group->child(1)->index());
+    EXPECT_EQ(tree->GroupTitles().count("Capture Record"), 1);
 }
 
 TEST_F(MainWindowTest, SetSavePathTakesTheChosenFolderAndSavesTheSettings)

@@ -1,0 +1,162 @@
+// Not a Google benchmark: the capture records of a synthesized session of the
+// emulator's script (noise on), replayed through the decoders with both
+// second readers on, stored in the plain record format (version 1) and in
+// the compressed one (version 2). Prints, per stream (ASK, FSK): records,
+// bytes a record in each format and the ratio; the record file per hour of
+// stream in each format; the cost of coding a record (and the share of a core
+// at the session's record rate); and the time to load one old record from a
+// file opened afresh (median, 99th percentile, largest).
+//
+//   record_rates [MINUTES]     (default 10)
+#include "events/RecordStore.h"
+#include "events/StreamReplay.h"
+#include "services/SettingParams.h"
+#include "sim/StreamSynth.h"
+
+#include <QTemporaryDir>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <sys/stat.h>
+#include <unordered_set>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double Us(Clock::duration d)
+{
+    return std::chrono::duration<double, std::micro>(d).count();
+}
+
+uint64_t FileSize(const std::string& path)
+{
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+}
+
+double Percentile(std::vector<double> v, double p)
+{
+    if (v.empty())
+        return 0.0;
+    std::sort(v.begin(), v.end());
+    const size_t at = std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size() - 1) + 0.5));
+    return v[at];
+}
+
+struct Stream {
+    const char* name;
+    std::vector<TriggerDataPtr> records;
+    uint64_t plainBytes = 0, packedBytes = 0;
+    double encodeUs = 0.0;
+};
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const int minutes = argc > 1 ? std::max(1, std::atoi(argv[1])) : 10;
+    coilsim::SynthOptions o;
+    o.seed = 3;
+    o.noise = true;
+    coilsim::StreamSynth synth(coilsim::SessionScript::Default(3), o);
+    std::vector<uint8_t> ask, fsk, a, f;
+    while (synth.StreamUs() < static_cast<uint64_t>(minutes) * 60ULL * 1000000ULL) {
+        synth.NextFrames(a, f);
+        ask.insert(ask.end(), a.begin(), a.end());
+        fsk.insert(fsk.end(), f.begin(), f.end());
+    }
+    SettingParams band;
+    band.m_min_freq = 110000;
+    band.m_max_freq = 210000;
+    band.m_ask_second_reader = 1;
+    band.m_fsk_second_reader = 1;
+    StreamReplay replay(ask.data(), ask.size(), fsk.data(), fsk.size(), &band);
+    Stream streams[2] = {{"ASK", {}}, {"FSK", {}}};
+    std::unordered_set<const TriggerData*> seen;
+    std::vector<TriggerDataPtr> all;
+    replay.Run([&](std::vector<MsgInfoPtr>& batch) {
+        for (const MsgInfoPtr& e : batch) {
+            if (!e->capture || !seen.insert(e->capture.get()).second)
+                continue;
+            streams[e->direction == 1 ? 1 : 0].records.push_back(e->capture);
+            all.push_back(e->capture);
+        }
+    });
+    const double streamSeconds = replay.DurationMs() / 1000.0;
+
+    QTemporaryDir dir;
+    std::vector<TriggerDataPtr> order;  // by record number
+    const std::string plainPath = dir.path().toStdString() + "/plain.rec";
+    const std::string packedPath = dir.path().toStdString() + "/packed.rec";
+    {
+        RecordStore plain, packed;
+        plain.Create(plainPath, RecordStore::kVersionPlain);
+        packed.Create(packedPath, RecordStore::kVersionCompressed);
+        uint64_t number = 0;
+        for (Stream& s : streams) {
+            for (const TriggerDataPtr& r : s.records) {
+                ++number;
+                order.push_back(r);
+                const uint64_t plainBefore = plain.Size(), packedBefore = packed.Size();
+                plain.Append(number, *r);
+                const auto t0 = Clock::now();
+                packed.Append(number, *r);
+                s.encodeUs += Us(Clock::now() - t0);
+                s.plainBytes += plain.Size() - plainBefore;
+                s.packedBytes += packed.Size() - packedBefore;
+            }
+        }
+    }
+    std::printf("%d minutes of stream (%.0f s), %zu capture records (%.1f a second)\n", minutes, streamSeconds,
+                all.size(), static_cast<double>(all.size()) / streamSeconds);
+    std::printf("%-4s %8s %14s %14s %7s %12s\n", "", "records", "plain B/rec", "packed B/rec", "ratio",
+                "code us/rec");
+    for (const Stream& s : streams) {
+        const double n = static_cast<double>(std::max<size_t>(1, s.records.size()));
+        std::printf("%-4s %8zu %14.0f %14.0f %6.1fx %12.1f\n", s.name, s.records.size(),
+                    static_cast<double>(s.plainBytes) / n, static_cast<double>(s.packedBytes) / n,
+                    s.packedBytes ? static_cast<double>(s.plainBytes) / static_cast<double>(s.packedBytes) : 0.0,
+                    s.encodeUs / n);
+    }
+    const double plainFile = static_cast<double>(FileSize(plainPath));
+    const double packedFile = static_cast<double>(FileSize(packedPath));
+    const double perHour = 3600.0 / streamSeconds / (1024.0 * 1024.0);
+    std::printf("record file: plain %.1f MiB/hour, compressed %.1f MiB/hour of stream (%.1fx smaller)\n",
+                plainFile * perHour, packedFile * perHour, packedFile > 0 ? plainFile / packedFile : 0.0);
+    const double codeUs = streams[0].encodeUs + streams[1].encodeUs;
+    std::printf("coding the records: %.3f %% of a core at real speed\n", codeUs / 1e6 / streamSeconds * 100.0);
+
+    // One old record at a time from a file opened afresh, as a click on an
+    // event that left memory loads it.
+    RecordStore store;
+    if (!store.Open(packedPath) || store.Count() == 0) {
+        std::printf("the compressed file did not open\n");
+        return 1;
+    }
+    std::mt19937 rng(7);
+    // The first load also makes this thread's decompression context.
+    const auto first = Clock::now();
+    store.Load(1);
+    const double firstMs = Us(Clock::now() - first) / 1000.0;
+    std::vector<double> loads;
+    size_t wrong = 0;
+    for (int i = 0; i < 2000; ++i) {
+        const uint64_t number = 1 + rng() % all.size();
+        const auto t0 = Clock::now();
+        const TriggerDataPtr back = store.Load(number);
+        loads.push_back(Us(Clock::now() - t0) / 1000.0);
+        const TriggerData& want = *order[number - 1];
+        if (!back || back->samples != want.samples || back->rawSamples != want.rawSamples ||
+            back->pulses.size() != want.pulses.size())
+            ++wrong;
+    }
+    std::printf("loading one old record: median %.3f ms, p99 %.3f ms, max %.3f ms over 2000 records (%zu not "
+                "identical); the first load of the thread %.3f ms\n",
+                Percentile(loads, 0.5), Percentile(loads, 0.99), Percentile(loads, 1.0), wrong, firstMs);
+    return wrong ? 1 : 0;
+}
