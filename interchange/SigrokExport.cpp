@@ -163,18 +163,21 @@ LinkSignals SignalsFromRecords(const std::vector<MsgInfoPtr>& events)
     s.ask.assign(end, askRecords.empty() ? 0.0f : static_cast<float>(askRecords.front().second->samples.front()));
     s.qi.assign(end, 1);
     s.fskKHz.assign(end, 0.0f);
-    // The envelope: each record at its place, the last level held up to the next.
+    // The envelope: each record at its place. A record begins with the link
+    // at rest, before its first edge, and ends at or just after its last
+    // one: the gap after it holds the level it began with.
     size_t filled = 0;
+    float rest = s.ask.empty() ? 0.0f : s.ask.front();
     for (const auto& [first, r] : askRecords) {
-        if (first > filled && filled > 0)
+        if (first > filled)
             std::fill(s.ask.begin() + static_cast<std::ptrdiff_t>(filled),
-                      s.ask.begin() + static_cast<std::ptrdiff_t>(std::min<size_t>(first, end)), s.ask[filled - 1]);
+                      s.ask.begin() + static_cast<std::ptrdiff_t>(std::min<size_t>(first, end)), rest);
         for (size_t i = 0; i < r->samples.size() && first + i < end; ++i)
             s.ask[first + i] = static_cast<float>(r->samples[i]);
         filled = std::max<size_t>(filled, std::min<size_t>(end, first + r->samples.size()));
+        rest = static_cast<float>(r->samples.front());
     }
-    if (filled > 0)
-        std::fill(s.ask.begin() + static_cast<std::ptrdiff_t>(filled), s.ask.end(), s.ask[filled - 1]);
+    std::fill(s.ask.begin() + static_cast<std::ptrdiff_t>(filled), s.ask.end(), rest);
     // The carrier: each record's words, the last frequency held up to the next.
     int64_t lastSample = -1;
     for (const auto& rec : fskRecords) {

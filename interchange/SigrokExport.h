@@ -9,8 +9,9 @@
 //     (0 where no carrier is known).
 // From raw capture files every sample and word goes in. From a session file
 // (.sid with its records beside it) the capture records are placed at their
-// times: between two ASK records the envelope holds the last level, and
-// between FSK records the carrier holds its last frequency.
+// times: between two ASK records the envelope holds the level at rest (the
+// level the record before began with), and between FSK records the carrier
+// holds its last frequency.
 #pragma once
 
 #include "events/MsgInfo.h"

@@ -24,7 +24,10 @@ std::vector<uint16_t> EnvelopeCounts(const std::vector<float>& values, size_t co
         hi = any ? std::max(hi, v) : v;
         any = true;
     }
-    const bool counts = any && lo >= 0.0f && hi <= 4095.0f;
+    // Counts are whole numbers of the 12-bit range.
+    bool counts = any && lo >= 0.0f && hi <= 4095.0f;
+    for (size_t i = 0; counts && i < values.size(); ++i)
+        counts = !std::isfinite(values[i]) || values[i] == std::floor(values[i]);
     const double scale = !any || counts || hi <= lo ? 1.0 : (kLineActiveLevel - kLineIdleLevel) / double(hi - lo);
     std::vector<uint16_t> out(count);
     double last = kLineIdleLevel;
@@ -121,10 +124,11 @@ std::vector<WordRun> WordsFromFrequency(const SigrokCapture& capture, const Sigr
     while (t < endTicks) {
         const size_t i = std::min(khz.size() - 1, static_cast<size_t>(t / ticksPerSample));
         const double f = khz[i];
-        // A carrier of 1 kHz to 1 GHz gives a word that fits 16 bits... or
-        // not at all; anything else is no carrier.
+        // A carrier of 14.65 kHz to 2 MHz gives a word of 480 to 65535 ticks;
+        // anything else is no carrier (and a hostile value cannot make
+        // millions of words out of one sample).
         const double word = std::isfinite(f) && f > 0.0 ? std::round(960000.0 / f) : 0.0;
-        if (word >= 1.0 && word <= 65535.0) {
+        if (word >= 480.0 && word <= 65535.0) {
             if (run.words.empty())
                 run.startTicks = static_cast<uint64_t>(t);
             run.words.push_back(static_cast<uint16_t>(word));

@@ -58,7 +58,10 @@ bool StreamsFromSigrok(const SigrokCapture& capture, const std::string& askChann
                        std::string& error);
 
 // The envelope samples at 40 kHz that a channel gives (the part of
-// StreamsFromSigrok before the framing).
+// StreamsFromSigrok before the framing). Analog values that are whole
+// numbers from 0 to 4095 are taken as ADC counts as they are (Coilscope's own
+// export); any other scale (the volts of a scope) is mapped linearly onto
+// the counts between kLineIdleLevel and kLineActiveLevel.
 std::vector<uint16_t> AskSamplesFromChannel(const SigrokCapture& capture, const SigrokChannel& channel);
 // The period words of an analog carrier frequency channel (kHz), in runs of
 // carrier: each run with the tick (60 MHz, from the capture's start) at which

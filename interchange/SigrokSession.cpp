@@ -260,7 +260,7 @@ bool ReadArchive(zip_t* zip, SigrokCapture& capture, std::string& error, uint64_
     capture.samplerate = meta.samplerate;
     unsigned unitsize = meta.unitsize;
     if (unitsize == 0)
-        unitsize = static_cast<unsigned>(std::max(1, std::min(64, meta.totalProbes) + 7) / 8);
+        unitsize = static_cast<unsigned>((std::max(1, std::min(64, meta.totalProbes)) + 7) / 8);
     if (unitsize < 1 || unitsize > 8) {
         error = "the sigrok session's unit size " + std::to_string(unitsize) + " is not one of 1 to 8 bytes";
         return false;
