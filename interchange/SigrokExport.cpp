@@ -1,5 +1,6 @@
 #include "interchange/SigrokExport.h"
 
+#include "analysis/WaveTrace.h"
 #include "common/StreamFrame.h"
 #include "common/TimeText.h"
 #include "decode/CaptureFile.h"
@@ -79,11 +80,7 @@ void LinkSignals::Resize(size_t n)
 
 bool IsAskRecord(const MsgInfo& event)
 {
-    if (!event.capture)
-        return false;
-    if (event.direction != 0)
-        return event.direction == 2;
-    return event.capture->highPeriod == 0 && event.capture->lowPeriod == 0;
+    return event.capture && analysis::IsAskEvent(event);
 }
 
 LinkSignals SignalsFromStreams(const uint8_t* ask, size_t askSize, const uint8_t* fsk, size_t fskSize)
@@ -203,25 +200,11 @@ LinkSignals SignalsFromRecords(const std::vector<MsgInfoPtr>& events)
 
 std::vector<uint8_t> SliceEnvelope(const std::vector<int32_t>& samples)
 {
-    std::vector<uint8_t> line(samples.size(), 1);
-    if (samples.empty())
-        return line;
     const auto range = std::minmax_element(samples.begin(), samples.end());
-    const int64_t lo = *range.first, hi = *range.second;
     // A record without a swing holds no packet: the line rests.
-    if (hi - lo < 40)
-        return line;
-    const int64_t mid = (lo + hi) / 2;
-    const int64_t band = (hi - lo) / 8;
-    const bool restHigh = samples.front() > mid;
-    bool high = restHigh;
-    for (size_t i = 0; i < samples.size(); ++i) {
-        if (high && samples[i] < mid - band)
-            high = false;
-        else if (!high && samples[i] > mid + band)
-            high = true;
-        line[i] = high == restHigh ? 1 : 0;
-    }
+    if (samples.empty() || *range.second - *range.first < 40)
+        return std::vector<uint8_t>(samples.size(), 1);
+    std::vector<uint8_t> line = analysis::SliceLine(std::vector<double>(samples.begin(), samples.end()));
     // The last bit of a packet, the stop bit of its last byte, has its second
     // half cell ended by no edge when the receiver stops modulating on the
     // level at rest. A reader that times bits between edges (sigrok's qi
