@@ -157,6 +157,12 @@ MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(p
     // Emitted on the pacing thread, run on this one.
     connect(this, &MainWindow::timeout_signal, this, &MainWindow::TimeOut_slot, Qt::QueuedConnection);
     connect(m_askPanel, &SampleGui::signal_dac_change, this, &MainWindow::DAC_ValueChange);
+    // A packet selected in the event tree, live, paused or opened: its wave
+    // in the panel of its direction.
+    connect(m_dock, &QWindowReal::signals_eventSelected, this, [this](const MsgInfo& info, int mode) {
+        if (mode == kItemEvent && !m_askPanel->ShowSelected(info))
+            m_fskPanel->ShowSelected(info);
+    });
     // "Manual DAC" holds the automatic DAC level still.
     connect(m_askPanel->ManualBox(), &QCheckBox::toggled, this,
             [this](bool checked) { m_controller->Link().SetManualActing(checked); });
