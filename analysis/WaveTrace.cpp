@@ -90,12 +90,39 @@ void ReadBiPhase(const std::vector<double>& t, const std::vector<uint8_t>& line,
     if (!(half > 0.0))
         return;
 
+    // A record that begins inside the first cell of a frame (a transmitter's
+    // record can begin right where its packet does) has that cell's opening
+    // edge cut off: a first run of a whole cell from the record's start is
+    // taken as that cell.
+    if (!t.empty() && edges.front() - t.front() >= 1.5 * half && edges.front() - t.front() < 2.5 * half) {
+        edges.insert(edges.begin(), edges.front() - 2.0 * half);
+        runs.insert(runs.begin(), 2.0 * half);
+    }
+
     // Cells between edges: a half run pairs with the next into a one, a
     // whole run is a zero; a run longer than a bit and a half is the line at
     // rest, which completes a pending half with the half it would have had.
+    // Halves pair up from the first whole cell backwards: a record that
+    // begins (or a line that wakes from rest) in the middle of a one leaves an
+    // odd count of halves before it, and the first of them is that cut one.
+    std::vector<bool> skip(runs.size(), false);
+    for (size_t k = 0; k < runs.size();) {
+        if (k > 0 && runs[k - 1] < 3.0 * half) {
+            ++k;
+            continue;
+        }
+        size_t n = 0;
+        while (k + n < runs.size() && runs[k + n] < 1.5 * half)
+            ++n;
+        if (n % 2 == 1 && k + n < runs.size() && runs[k + n] < 3.0 * half)
+            skip[k] = true;
+        k += std::max<size_t>(n, 1);
+    }
     std::vector<WaveCell> bits;
     double pending = -1.0;  // start of a one's first half
     for (size_t k = 0; k < runs.size(); ++k) {
+        if (skip[k])
+            continue;
         const double d = runs[k];
         const double at = edges[k];
         if (d < 1.5 * half) {
@@ -121,15 +148,22 @@ void ReadBiPhase(const std::vector<double>& t, const std::vector<uint8_t>& line,
     }
     if (pending >= 0.0)
         bits.push_back({pending, edges.back() + half, 1});
+    else if (t.back() - edges.back() < 1.5 * half)
+        // The record ends inside the last cell, the stop bit (a record may
+        // end at its last edge): the cell as it would have been.
+        bits.push_back({edges.back(), edges.back() + 2.0 * half, 1});
 
-    // The frame starts after the preamble's ones with its start bit.
+    // The frame starts after the preamble's ones with its start bit: at
+    // least four ones on the receiver's side; the transmitter's packets lead
+    // with as few as one.
+    const size_t leadOnes = out.ask ? 4 : 0;
     size_t start = bits.size();
-    for (size_t k = 4; k < bits.size(); ++k) {
-        if (bits[k].value == 0 && bits[k - 1].value == 1 && bits[k - 2].value == 1 && bits[k - 3].value == 1 &&
-            bits[k - 4].value == 1) {
+    for (size_t k = leadOnes; k < bits.size() && start == bits.size(); ++k) {
+        bool lead = bits[k].value == 0;
+        for (size_t j = 1; j <= leadOnes && lead; ++j)
+            lead = bits[k - j].value == 1;
+        if (lead)
             start = k;
-            break;
-        }
     }
     // The cells shown are those of the preamble's last ones and the frame.
     for (size_t k = start >= 4 ? start - 4 : 0; k < bits.size(); ++k)

@@ -8,7 +8,8 @@
 // The rows are found in the trace itself: it is sliced into the data line
 // (with hysteresis around the middle of its swing), the line's edges are read
 // as differential bi-phase (an edge at every cell, a second one inside a
-// one), and the frame starts after the preamble's ones and the start bit.
+// one), and the frame starts with the start bit after the preamble's ones
+// (four or more on the receiver's side; the transmitter's may have none).
 // The byte values shown are the event's own.
 #pragma once
 

@@ -6,6 +6,7 @@
 #include "interchange/SigrokExport.h"
 #include "interchange/SigrokImport.h"
 
+#include "analysis/WaveTrace.h"
 #include "events/EventLogModel.h"
 #include "events/StreamReplay.h"
 #include "services/SettingParams.h"
@@ -489,4 +490,29 @@ TEST_F(SigrokInterop, ASessionsFskRecordsBecomeTheCarrierBetweenThem)
     ASSERT_TRUE(ExportSession(sid, Path("session.sr"), error)) << error;
     const ImportedStreams s = Import(Path("session.sr"));
     EXPECT_EQ(Receiver(Decode(s.ask, s.fsk)), Receiver(before));
+}
+// The decoded rows of a packet's wave, over the emulator's recorded session:
+// every good packet of either side with its record shows its own bytes.
+TEST_F(SigrokInterop, TheWaveRowsOfTheEmulatorsPacketsHoldTheirBytes)
+{
+    std::vector<MsgInfoPtr> events;
+    Decode(FileBytes(TestData("emulator.2k.bin")), FileBytes(TestData("emulator.fsk.bin")), &events);
+    size_t rx = 0, tx = 0;
+    for (const MsgInfoPtr& e : events) {
+        if (!e->capture || e->capture->samples.empty() || e->packet.Status != "NoError" ||
+            e->packet.numbytesInPacket < 2)
+            continue;
+        const analysis::WaveTrace w = analysis::BuildWaveTrace(*e);
+        std::string read;
+        for (const analysis::WaveByte& b : w.bytes) {
+            char hex[4];
+            std::snprintf(hex, sizeof hex, "%02X ", b.value);
+            read += hex;
+        }
+        EXPECT_EQ(read, e->packet.PacketData) << (e->direction == 1 ? "Tx " : "Rx ") << e->common.logData;
+        EXPECT_EQ(w.packetText.substr(w.packetText.size() - 13), "checksum good") << e->common.logData;
+        (e->direction == 1 ? tx : rx) += 1;
+    }
+    EXPECT_GT(rx, 30u);
+    EXPECT_GE(tx, 2u);  // the capability and the identification; the rest are one-byte patterns
 }
