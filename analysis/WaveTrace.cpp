@@ -188,7 +188,9 @@ void ReadBiPhase(const std::vector<double>& t, const std::vector<uint8_t>& line,
             b.value |= bits[k + 1 + static_cast<size_t>(i)].value << i;
             ones += bits[k + 1 + static_cast<size_t>(i)].value;
         }
-        b.parityOk = (ones + bits[k + 9].value) % 2 == 1;
+        // The receiver's parity is odd; the transmitter's parity bit is the
+        // XOR of the data bits (even).
+        b.parityOk = (ones + bits[k + 9].value) % 2 == (out.ask ? 1 : 0);
         b.stopOk = bits[k + 10].value == 1;
         out.bytes.push_back(b);
     }

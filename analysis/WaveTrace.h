@@ -32,7 +32,7 @@ struct WaveByte {
     double dataT0 = 0.0, dataT1 = 0.0;      // the eight data bits
     double parityT0 = 0.0, parityT1 = 0.0;  // the parity bit; the stop bit follows
     int value = 0;              // as decoded from the trace
-    bool parityOk = true;
+    bool parityOk = true;       // odd parity from the receiver, even from the transmitter
     bool stopOk = true;
 };
 

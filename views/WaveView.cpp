@@ -38,8 +38,23 @@ QString Num(double v, double step)
     return QString::number(v, 'f', decimals);
 }
 
-// A decoder annotation: a box with pointed ends, its text centred when it fits.
-void Annotation(QPainter& p, const QRectF& r, const QColor& fill, const QString& text, bool selected = false)
+// A decoder annotation: a box with pointed ends, with the longest of its
+// texts that fits centred in it (as sigrok's annotations shorten).
+void Annotation(QPainter& p, const QRectF& r, const QColor& fill, const QString& text, bool selected = false);
+void Annotation(QPainter& p, const QRectF& r, const QColor& fill, const QStringList& texts, bool selected = false)
+{
+    const QFontMetrics fm(p.font());
+    QString fits;
+    for (const QString& t : texts) {
+        if (fm.horizontalAdvance(t) <= r.width() - 8) {
+            fits = t;
+            break;
+        }
+    }
+    Annotation(p, r, fill, fits, selected);
+}
+
+void Annotation(QPainter& p, const QRectF& r, const QColor& fill, const QString& text, bool selected)
 {
     if (r.width() < 1.0)
         return;
@@ -332,13 +347,18 @@ void WaveView::paintEvent(QPaintEvent*)
                 if (b.t1 < m_x0 || b.t0 > m_x1)
                     continue;
                 const bool sel = m_selCount > 0 && b.index >= m_selFirst && b.index < m_selFirst + m_selCount;
-                Annotation(p, box(b.t0, b.dataT0), QColor(200, 240, 200), QStringLiteral("S"), sel);
+                Annotation(p, box(b.t0, b.dataT0), QColor(200, 240, 200),
+                           QStringList{QStringLiteral("Start"), QStringLiteral("S")}, sel);
                 Annotation(p, box(b.dataT0, b.dataT1), QColor(255, 245, 200),
                            QStringLiteral("%1").arg(b.value, 2, 16, QLatin1Char('0')).toUpper(), sel);
                 Annotation(p, box(b.parityT0, b.parityT1), b.parityOk ? QColor(220, 220, 240) : QColor(255, 170, 170),
-                           b.parityOk ? QStringLiteral("P") : QStringLiteral("PE"), sel);
+                           b.parityOk ? QStringList{QStringLiteral("Parity"), QStringLiteral("P")}
+                                      : QStringList{QStringLiteral("Parity error"), QStringLiteral("PE")},
+                           sel);
                 Annotation(p, box(b.parityT1, b.t1), b.stopOk ? QColor(230, 210, 240) : QColor(255, 170, 170),
-                           QStringLiteral("E"), sel);
+                           b.stopOk ? QStringList{QStringLiteral("Stop"), QStringLiteral("E")}
+                                    : QStringList{QStringLiteral("Stop error"), QStringLiteral("SE")},
+                           sel);
             }
         } else if (row == 2) {
             if (m_trace.packetT1 > m_trace.packetT0)

@@ -4,6 +4,7 @@
 
 #include "sim/AskSynth.h"
 #include "sim/FskSynth.h"
+#include "common/AskFrameBits.h"
 
 #include <gtest/gtest.h>
 
@@ -129,8 +130,10 @@ TEST(WaveTrace, AnFskRecordIsTheCarrierInKHzFromThePeriodWords)
     EXPECT_NEAR(w.t[1] - w.t[0], 0.125, 0.001);
     EXPECT_NEAR(w.duration, writer.Ticks() / 60000.0, 1e-6);
     ASSERT_EQ(w.bytes.size(), frame.size());
-    for (size_t i = 0; i < frame.size(); ++i)
+    for (size_t i = 0; i < frame.size(); ++i) {
         EXPECT_EQ(w.bytes[i].value, frame[i]) << i;
+        EXPECT_TRUE(w.bytes[i].parityOk) << i;
+    }
     // 512 cycles a bit at 128 kHz: 4 ms.
     EXPECT_NEAR(w.bytes[0].t1 - w.bytes[0].t0, 44.0, 0.5);
 }
@@ -143,4 +146,29 @@ TEST(WaveTrace, AnEventWithoutARecordHasAnEmptyTrace)
     EXPECT_TRUE(w.t.empty());
     EXPECT_TRUE(w.bytes.empty());
     EXPECT_EQ(w.unit, "ADC counts");
+}
+
+TEST(WaveTrace, TheTransmittersParityIsEvenAndTheReceiversOdd)
+{
+    // A receiver byte with an even parity bit is a parity error.
+    qisim::AskWaveParams params;
+    params.swing = 1500;
+    qisim::AskWaveWriter writer(params, 2);
+    writer.Idle(60);
+    std::vector<uint8_t> stream(11, 1);  // preamble
+    AppendAskByteBits(stream, {0x03});
+    stream[11 + 9] ^= 1;  // the parity bit of the byte
+    writer.Bits(stream);
+    writer.Idle(40);
+    MsgInfo e;
+    e.direction = 2;
+    e.packet.PacketData = "03 ";
+    e.capture = std::make_shared<TriggerData>();
+    for (uint16_t s : writer.Samples())
+        e.capture->samples.push_back(s);
+    const WaveTrace w = BuildWaveTrace(e);
+    ASSERT_EQ(w.bytes.size(), 1u);
+    EXPECT_EQ(w.bytes[0].value, 3);
+    EXPECT_FALSE(w.bytes[0].parityOk);
+    EXPECT_TRUE(w.bytes[0].stopOk);
 }
