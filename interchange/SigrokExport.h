@@ -45,7 +45,7 @@ LinkSignals SignalsFromStreams(const uint8_t* ask, size_t askSize, const uint8_t
 // The envelope and carrier of the events' capture records.
 LinkSignals SignalsFromRecords(const std::vector<MsgInfoPtr>& events);
 // Draws the receiver's data line from the ASK records of the events.
-void DrawReceiverLine(const std::vector<MsgInfoPtr>& events, LinkSignals& signals);
+void DrawReceiverLine(const std::vector<MsgInfoPtr>& events, LinkSignals& link);
 // The data line of one ASK record's envelope, sample by sample from its
 // first: sliced with hysteresis around the middle of its swing, the level it
 // starts at (the link at rest) high. The last bit cell, which the record
@@ -54,7 +54,7 @@ void DrawReceiverLine(const std::vector<MsgInfoPtr>& events, LinkSignals& signal
 // record).
 std::vector<uint8_t> SliceEnvelope(const std::vector<int32_t>& samples);
 
-SigrokCapture CaptureFromSignals(const LinkSignals& signals);
+SigrokCapture CaptureFromSignals(const LinkSignals& link);
 
 // The whole export: raw capture files (either may be empty) or a session file
 // with the record file beside it. False with a message on a file that cannot

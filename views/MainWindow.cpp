@@ -1,9 +1,12 @@
 #include "views/MainWindow.h"
 
 #include "events/SessionFile.h"
+#include "events/StreamReplay.h"
 #include "events/ui/QEventWindow.h"
 #include "events/ui/UserSeams.h"
 #include "icons/Icons.h"
+#include "interchange/SigrokExport.h"
+#include "interchange/SigrokImport.h"
 #include "services/AppSettings.h"
 #include "services/CoilscopeUpdater.h"
 #include "services/Log.h"
@@ -13,8 +16,10 @@
 #include "views/PercentMonitor.h"
 #include "views/Printing.h"
 #include "views/QProductTest.h"
+#include "views/Properties.h"
 #include "views/QWindowReal.h"
 #include "views/SampleGui.h"
+#include "views/WaveView.h"
 
 #include <QAction>
 #include <QApplication>
@@ -163,6 +168,18 @@ MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(p
         if (mode == kItemEvent && !m_askPanel->ShowSelected(info))
             m_fskPanel->ShowSelected(info);
     });
+    // A byte clicked in the wave selects its field in the dissection, and a
+    // field selected there marks its bytes in the wave.
+    for (SampleGui* panel : {m_askPanel, m_fskPanel}) {
+        connect(panel->Wave(), &WaveView::byteClicked, this, [this](int index) {
+            m_dock->PropertyView()->SelectByte(index);
+        });
+    }
+    connect(m_dock->PropertyView(), &Properties::fieldBytesSelected, this, [this](int first, int count) {
+        for (SampleGui* panel : {m_askPanel, m_fskPanel})
+            if (panel->Pinned())
+                panel->Wave()->SelectBytes(first, count);
+    });
     // "Manual DAC" holds the automatic DAC level still.
     connect(m_askPanel->ManualBox(), &QCheckBox::toggled, this,
             [this](bool checked) { m_controller->Link().SetManualActing(checked); });
@@ -255,6 +272,9 @@ void MainWindow::BuildActions()
         {"actionAbout", "About", "About Coilscope", nullptr, nullptr, "icons/about_24x24.ico", false, false, false},
         {"actionExport", "Export", "Export...", "Export the shown events as CSV, JSON lines or text", "Ctrl+E",
          nullptr, false, false, false},
+        {"actionExportSigrok", "ExportSigrok", "Export sigrok Session...",
+         "Export the session as a sigrok session (.sr) for PulseView and sigrok-cli", nullptr, nullptr, false, false,
+         false},
         {"actionSaveExecl", "SaveExecl", "Save to Excel", nullptr, nullptr, "icons/excel_48x48.ico", false, false,
          false},
         {"actionLoadCfg", "LoadCfg", "Load Configuration", nullptr, nullptr, nullptr, false, false, false},
@@ -293,7 +313,8 @@ void MainWindow::BuildMenus()
     };
     QMenu* file = menuBar()->addMenu(QStringLiteral("File"));
     file->setObjectName(QStringLiteral("menuFile"));
-    add(file, {"actionOpen", "actionSave", "actionSetSavePath", "actionExport", "-", "actionPrint", "actionPrintFreview", "actionExit"});
+    add(file, {"actionOpen", "actionSave", "actionSetSavePath", "actionExport", "actionExportSigrok", "-", "actionPrint",
+               "actionPrintFreview", "actionExit"});
     QMenu* sniffer = menuBar()->addMenu(QStringLiteral("Sniffer"));
     sniffer->setObjectName(QStringLiteral("menuSniffer"));
     add(sniffer, {"actionConnect", "actionDisconnect", "-", "actionStart", "actionStop", "-", "actionEventWindow",
@@ -421,6 +442,8 @@ void MainWindow::actionBtns(QAction* action)
         StopAndDisconnect();
     } else if (name == QLatin1String("Export")) {
         ExportEvents();
+    } else if (name == QLatin1String("ExportSigrok")) {
+        ExportSigrok();
     } else if (name == QLatin1String("Start")) {
         m_openedFile.clear();
         m_controller->DevStart();
@@ -558,7 +581,7 @@ void MainWindow::OpenSession()
     }
     const QString path = AskOpenFileName(this, QStringLiteral("Open Sniffer File"),
                                          QString::fromStdString(SettingParams::Instance().savePath),
-                                         QStringLiteral("Sniffer Files (*.sid)"));
+                                         QStringLiteral("Sniffer Files (*.sid);;sigrok Sessions (*.sr)"));
     if (path.isEmpty()) {
         m_fileOpen = false;
         return;
@@ -567,7 +590,20 @@ void MainWindow::OpenSession()
     // keeps what it shows and no session folder is made.
     std::vector<MsgInfoPtr> events;
     std::string error;
-    if (!OpenSessionFile(path.toStdString(), events, error)) {
+    const bool sigrok = path.endsWith(QLatin1String(".sr"), Qt::CaseInsensitive);
+    if (sigrok) {
+        // A sigrok capture of a link is decoded as a raw capture is: its
+        // events come with their capture records.
+        interchange::SigrokCapture capture;
+        interchange::ImportedStreams streams;
+        if (!interchange::ReadSigrokSession(path.toStdString(), capture, error) ||
+            !interchange::StreamsFromSigrok(capture, std::string(), streams, error)) {
+            ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Open Session"), QString::fromStdString(error));
+            return;
+        }
+        StreamReplay replay(std::move(streams.ask), std::move(streams.fsk));
+        replay.Run([&](std::vector<MsgInfoPtr>& batch) { events.insert(events.end(), batch.begin(), batch.end()); });
+    } else if (!OpenSessionFile(path.toStdString(), events, error)) {
         ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Open Session"), QString::fromStdString(error));
         return;
     }
@@ -579,7 +615,8 @@ void MainWindow::OpenSession()
     m_dock->Clear();
     // The record file beside the .sid, if there is one, gives the events
     // their capture records back as they are added.
-    m_dock->EventWindow()->Model().SetRecordSource(path.toStdString());
+    if (!sigrok)
+        m_dock->EventWindow()->Model().SetRecordSource(path.toStdString());
     m_dock->StartMark();
     RealTimeSample sample;
     sample.events = std::move(events);
@@ -679,6 +716,29 @@ void MainWindow::ExportEvents()
     out.flush();
     if (!out)
         ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Export"), QStringLiteral("Can't write ") + path);
+}
+
+void MainWindow::ExportSigrok()
+{
+    if (m_controller->Acquiring()) {
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Warning"), QStringLiteral("Stop first."));
+        return;
+    }
+    const std::string sid = m_dock->EventWindow()->Model().SidPath();
+    if (sid.empty()) {
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Export sigrok Session"),
+                        QStringLiteral("There is no session to export: capture or open one first."));
+        return;
+    }
+    const QString path = AskSaveFileName(this, QStringLiteral("Export sigrok Session"),
+                                         QString::fromStdString(SettingParams::Instance().savePath),
+                                         QStringLiteral("sigrok Sessions (*.sr)"));
+    if (path.isEmpty())
+        return;
+    std::string error;
+    if (!interchange::ExportSession(sid, path.toStdString(), error))
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Export sigrok Session"),
+                        QString::fromStdString(error));
 }
 
 void MainWindow::Exit()

@@ -123,8 +123,8 @@ TEST_F(MainWindowTest, WindowMenusAndToolBarsAsTheFormHasThem)
         titles << a->text();
     EXPECT_EQ(titles, (QStringList{"File", "Sniffer", "Scope", "Options", "Help"}));
     EXPECT_EQ(Entries(w.findChild<QMenu*>("menuFile")),
-              (QStringList{"actionOpen", "actionSave", "actionSetSavePath", "actionExport", "-", "actionPrint",
-                           "actionPrintFreview", "actionExit"}));
+              (QStringList{"actionOpen", "actionSave", "actionSetSavePath", "actionExport", "actionExportSigrok", "-",
+                           "actionPrint", "actionPrintFreview", "actionExit"}));
     EXPECT_EQ(Entries(w.findChild<QMenu*>("menuSniffer")),
               (QStringList{"actionConnect", "actionDisconnect", "-", "actionStart", "actionStop", "-",
                            "actionEventWindow", "actionEventInfo", "actionEventPropertyChart", "actionFrequencyChart",
