@@ -284,14 +284,17 @@ void WaveView::paintEvent(QPaintEvent*)
         p.save();
         p.setClipRect(plot.adjusted(0, 0, 1, 1));
         p.setRenderHint(QPainter::Antialiasing, true);
-        p.setPen(QPen(m_trace.ask ? QColor(20, 90, 200) : QColor(190, 60, 20), 1.4));
+        p.setPen(QPen(m_trace.ask ? QColor(20, 90, 200) : QColor(190, 60, 20), 1.0));
         size_t a = static_cast<size_t>(std::lower_bound(t.begin(), t.end(), m_x0) - t.begin());
         size_t b = static_cast<size_t>(std::upper_bound(t.begin(), t.end(), m_x1) - t.begin());
         a = a > 0 ? a - 1 : 0;
         b = std::min(t.size(), b + 1);
         QVector<QPointF> line;
         if (b - a > static_cast<size_t>(2 * plot.width())) {
+            // Thin and aliased: a wide pen is stroked as a path, and over
+            // thousands of back-and-forth segments that costs far too much.
             p.setRenderHint(QPainter::Antialiasing, false);
+            p.setPen(QPen(p.pen().color(), 1));
             int column = -1;
             double cmin = 0.0, cmax = 0.0;
             for (size_t i = a; i < b; ++i) {
