@@ -338,8 +338,12 @@ void WaveView::paintEvent(QPaintEvent*)
                    QLatin1String(kRowNames[row]));
         p.save();
         p.setClipRect(r.adjusted(0, -1, 1, 1));
+        // Boxes reaching out of view end just outside it, so that their text
+        // is centred in the part that shows.
         auto box = [&](double t0, double t1) {
-            return QRectF(xOf(t0), r.top(), xOf(t1) - xOf(t0), r.height());
+            const double x0 = std::max(xOf(t0), plot.left() - 6.0);
+            const double x1 = std::min(xOf(t1), plot.right() + 6.0);
+            return QRectF(x0, r.top(), std::max(0.0, x1 - x0), r.height());
         };
         if (row == 0) {
             for (const analysis::WaveCell& c : m_trace.bits)
