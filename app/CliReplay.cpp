@@ -187,7 +187,7 @@ int RunReplay(int argc, char** argv)
             std::fprintf(stderr, "coilscope-cli replay: %s\n", error.c_str());
             return 2;
         }
-        std::fprintf(stderr, "replay: %s from %s channel \"%s\" at %s%s%s%s\n", "receiver",
+        std::fprintf(stderr, "replay: receiver from %s channel \"%s\" at %s%s%s%s\n",
                      streams.askFromLogic ? "logic" : "analog", streams.askChannel.c_str(),
                      interchange::SamplerateText(capture.samplerate).c_str(),
                      streams.fskChannel.empty() ? "" : ", transmitter from analog channel \"",

@@ -150,7 +150,7 @@ LinkSignals SignalsFromRecords(const std::vector<MsgInfoPtr>& events)
             end = std::max<size_t>(end, ticks / kTicksPerSample + 1);
         }
     }
-    if (end == 0)
+    if (end == 0 || end > kMaxExportSamples)
         return s;
     end += kTailSamples;
     std::sort(askRecords.begin(), askRecords.end(),
@@ -288,6 +288,11 @@ bool ExportStreams(const std::string& askPath, const std::string& fskPath, const
         error = "cannot open " + fskPath;
         return false;
     }
+    // Two bytes a sample on disk; the ASK stream sets the span.
+    if (ask.size() / 2 > kMaxExportSamples || fsk.size() / 2 > kMaxExportSamples / 4) {
+        error = "the capture is too long to export as one sigrok session (56 minutes at most)";
+        return false;
+    }
     LinkSignals signals = SignalsFromStreams(ask.data(), ask.size(), fsk.data(), fsk.size());
     // The receiver's line is sliced from the packets the decoders find.
     std::vector<MsgInfoPtr> events;
@@ -303,6 +308,16 @@ bool ExportSession(const std::string& sidPath, const std::string& outPath, std::
     if (!LoadSessionWithRecords(sidPath, events, error))
         return false;
     LinkSignals signals = SignalsFromRecords(events);
+    if (signals.Size() == 0) {
+        for (const MsgInfoPtr& e : events) {
+            if (e->capture && e->capture->startTime / 25 > kMaxExportSamples) {
+                error = "the session is too long to export as one sigrok session (56 minutes at most)";
+                return false;
+            }
+        }
+        error = "the session has no capture records to export (the .rec beside " + sidPath + " is missing or empty)";
+        return false;
+    }
     DrawReceiverLine(events, signals);
     return WriteSigrokSession(outPath, CaptureFromSignals(signals), error);
 }

@@ -59,6 +59,10 @@ SigrokCapture CaptureFromSignals(const LinkSignals& link);
 // The whole export: raw capture files (either may be empty) or a session file
 // with the record file beside it. False with a message on a file that cannot
 // be read or written.
+// A session longer than this (56 minutes at 40 kHz) is refused by the
+// export: every channel is held in memory while the archive is written.
+constexpr uint64_t kMaxExportSamples = 1ull << 27;
+
 bool ExportStreams(const std::string& askPath, const std::string& fskPath, const std::string& outPath,
                    std::string& error);
 bool ExportSession(const std::string& sidPath, const std::string& outPath, std::string& error);

@@ -50,11 +50,6 @@ std::vector<uint16_t> EnvelopeCounts(const std::vector<float>& values, size_t co
     return out;
 }
 
-std::string RateText(uint64_t hz)
-{
-    return SamplerateText(hz);
-}
-
 }  // namespace
 
 const SigrokChannel* ChooseAskChannel(const SigrokCapture& capture, const std::string& wanted, std::string& error)
@@ -153,8 +148,8 @@ bool StreamsFromSigrok(const SigrokCapture& capture, const std::string& askChann
     if (!ask)
         return false;
     if (capture.samplerate < kMinImportRate) {
-        error = "the sigrok session's sample rate, " + RateText(capture.samplerate) +
-                ", is too low to carry 2 kHz bi-phase (at least " + RateText(kMinImportRate) + " is needed)";
+        error = "the sigrok session's sample rate, " + SamplerateText(capture.samplerate) +
+                ", is too low to carry 2 kHz bi-phase (at least " + SamplerateText(kMinImportRate) + " is needed)";
         return false;
     }
     out.askChannel = ask->name;

@@ -516,3 +516,24 @@ TEST_F(SigrokInterop, TheWaveRowsOfTheEmulatorsPacketsHoldTheirBytes)
     EXPECT_GT(rx, 30u);
     EXPECT_GE(tx, 2u);  // the capability and the identification; the rest are one-byte patterns
 }
+
+TEST_F(SigrokInterop, ASessionWithoutRecordsIsNotExportedAsAnEmptyCapture)
+{
+    std::vector<MsgInfoPtr> events;
+    Decode(qisim::AskStreamFrames(ScriptEnvelope()), {}, &events);
+    for (const MsgInfoPtr& e : events)
+        e->capture.reset();
+    std::string sid;
+    {
+        EventLogModel model;
+        model.StartAcquisition();
+        model.AddEvents(events);
+        model.StopAcquisition();
+        sid = model.SidPath();
+        model.CloseStreams();
+    }
+    std::string error;
+    EXPECT_FALSE(ExportSession(sid, Path("none.sr"), error));
+    EXPECT_NE(error.find("no capture records"), std::string::npos) << error;
+    EXPECT_FALSE(ExportSession(Path("missing.sid"), Path("none.sr"), error));
+}
