@@ -245,6 +245,12 @@ TEST(WavePanel, ASelectedPacketStaysUntilFollowThenTheNewestIsShown)
     QTest::mouseClick(ask.findChild<QCheckBox*>("checkBox_autoTrigger"), Qt::LeftButton);
     // A packet of the other direction is not this panel's.
     EXPECT_FALSE(ask.ShowSelected(*FskPacket()));
+    // Paused, the panel takes nothing live but shows what the user selects.
+    QTest::mouseClick(ask.findChild<QPushButton*>("pushButton"), Qt::LeftButton);
+    ASSERT_TRUE(ask.Paused());
+    ASSERT_TRUE(ask.ShowSelected(*AskPacket(qisim::WithChecksum({0x04, 0x40}))));
+    EXPECT_EQ(ask.Wave()->Trace().bytes.size(), 3u);
+    QTest::mouseClick(ask.findChild<QPushButton*>("pushButton"), Qt::LeftButton);
     const MsgInfoPtr chosen = AskPacket(qisim::WithChecksum({0x51, 0x0A, 0x00, 0x00, 0x00, 0x00}));
     ASSERT_TRUE(ask.ShowSelected(*chosen));
     EXPECT_TRUE(ask.Pinned());
