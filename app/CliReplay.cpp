@@ -5,6 +5,8 @@
 #include "events/EventLogModel.h"
 #include "events/SessionFile.h"
 #include "events/StreamReplay.h"
+#include "interchange/SigrokImport.h"
+#include "services/AppSettings.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -20,6 +22,7 @@ const char* kReplayHelp =
     "usage: coilscope-cli replay ASKFILE [FSKFILE] [--sid OUT] [--json] [--filter EXPR]\n"
     "                            [--ask-reader list|both] [--fsk-reader list|both]\n"
     "       coilscope-cli replay SESSION.sid [--sid OUT] [--json] [--filter EXPR]\n"
+    "       coilscope-cli replay CAPTURE.sr [--ask-channel NAME] [--sid OUT] [--json] [--filter EXPR]\n"
     "\n"
     "Raw capture files (.2k.bin, .fsk.bin; a capture header is skipped, and so\n"
     "is a frame cut by the start of the file, told on stderr) go\n"
@@ -40,6 +43,14 @@ const char* kReplayHelp =
     "written: the session stays where it is. --sid OUT saves the replayed\n"
     "session anew: OUT, its capture records beside it (OUT's name with .rec)\n"
     "and its log (with .log), told on stderr.\n"
+    "A sigrok session (.sr, as sigrok-cli and PulseView save it) is decoded\n"
+    "the same way: the receiver's side from a logic channel with the\n"
+    "demodulated ASK data line (any sample rate of 16 kHz or more) or an\n"
+    "analog channel with the ASK envelope, resampled to the sniffer's 40 kHz;\n"
+    "the transmitter's side from an analog channel \"fsk\" with the carrier\n"
+    "frequency in kHz, if there is one. --ask-channel NAME picks the channel;\n"
+    "without it: \"ask\" (analog), else \"qi\" (logic), else the only logic\n"
+    "channel, else the first analog one.\n"
     "--filter EXPR prints only the events the display filter matches (as\n"
     "show --filter; the session files still get every event). A bad\n"
     "expression is refused with the column and what was expected, status 2,\n"
@@ -49,6 +60,7 @@ const char* kReplayHelp =
     "  coilscope-cli replay ask.2k.bin fsk.fsk.bin --sid again.sid\n"
     "  coilscope-cli replay EventWindow_2026_11_22\\ 10_00_00.sid\n"
     "  coilscope-cli replay EventWindow_2026_11_22\\ 10_00_00.sid --sid copy.sid\n"
+    "  coilscope-cli replay link.sr --ask-channel D2\n"
     "  coilscope-cli replay ask.2k.bin fsk.fsk.bin --filter 'type == \"ControlError\" && ce.value < 0'\n";
 
 bool ReadAll(const std::string& path, std::vector<uint8_t>& bytes)
@@ -97,6 +109,7 @@ int RunReplay(int argc, char** argv)
     int fskReader = -1;
     bool filtered = false;
     std::string filterText;
+    std::string askChannel;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "--help" || a == "-h") {
@@ -107,6 +120,8 @@ int RunReplay(int argc, char** argv)
             json = true;
         else if (a == "--sid" && i + 1 < argc)
             sidOut = argv[++i];
+        else if (a == "--ask-channel" && i + 1 < argc)
+            askChannel = argv[++i];
         else if (a == "--filter") {
             if (!TakeCliFilter("replay", argc, argv, i, filterText))
                 return 2;
@@ -182,11 +197,31 @@ int RunReplay(int argc, char** argv)
     }
 
     std::vector<uint8_t> ask, fsk;
-    if (!ReadAll(files[0], ask)) {
+    if (files.size() == 1 && EndsWith(files[0], ".sr")) {
+        // A sigrok session becomes the sniffer's two streams.
+        interchange::SigrokCapture capture;
+        interchange::ImportedStreams streams;
+        std::string error;
+        if (!interchange::ReadSigrokSession(files[0], capture, error) ||
+            !interchange::StreamsFromSigrok(capture, askChannel, streams, error)) {
+            std::fprintf(stderr, "coilscope-cli replay: %s\n", error.c_str());
+            return 2;
+        }
+        std::fprintf(stderr, "replay: receiver from %s channel \"%s\" at %s%s%s%s\n",
+                     streams.askFromLogic ? "logic" : "analog", streams.askChannel.c_str(),
+                     interchange::SamplerateText(capture.samplerate).c_str(),
+                     streams.fskChannel.empty() ? "" : ", transmitter from analog channel \"",
+                     streams.fskChannel.c_str(), streams.fskChannel.empty() ? "" : "\"");
+        ask = std::move(streams.ask);
+        fsk = std::move(streams.fsk);
+    } else if (!askChannel.empty()) {
+        std::fprintf(stderr, "coilscope-cli replay: --ask-channel goes with a sigrok session (.sr)\n");
+        return 2;
+    } else if (!ReadAll(files[0], ask)) {
         std::fprintf(stderr, "coilscope-cli replay: cannot open %s\n", files[0].c_str());
         return 2;
     }
-    if (files.size() == 2 && !ReadAll(files[1], fsk)) {
+    if (files.size() == 2 && (EndsWith(files[0], ".sr") || !ReadAll(files[1], fsk))) {
         std::fprintf(stderr, "coilscope-cli replay: cannot open %s\n", files[1].c_str());
         return 2;
     }

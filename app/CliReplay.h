@@ -2,6 +2,7 @@
 
 // coilscope-cli replay ASKFILE [FSKFILE] [--sid OUT] [--json] [--ask-reader list|both] [--fsk-reader list|both]
 // coilscope-cli replay SESSION.sid [--json]
+// coilscope-cli replay CAPTURE.sr [--ask-channel NAME] [--sid OUT] [--json]
 int RunReplay(int argc, char** argv);
 
 // The value of --ask-reader: "list" (the list decoder alone) gives false,

@@ -1,6 +1,7 @@
 // coilscope-cli: the decoding engine without a window.
 #include "app/CliCapture.h"
 #include "app/CliDecode.h"
+#include "app/CliExport.h"
 #include "app/CliReplay.h"
 #include "app/CliShow.h"
 #include "services/AppSettings.h"
@@ -46,7 +47,9 @@ void PrintUsage(std::FILE* to)
         "          (coilscope-cli decode --help for the details)\n"
         "  show    print the records of a session file (.sid)\n"
         "  capture capture live from the sniffer and print the session's log\n"
-        "  replay  play raw capture files or a session file through the decoders\n"
+        "  replay  play raw capture files, a session file or a sigrok session (.sr)\n"
+        "          through the decoders\n"
+        "  export  write a session or raw capture files as a sigrok session (.sr)\n"
         "  demo    synthesize a short receiver session (ping, identification,\n"
         "          configuration, power transfer), stream it through the ASK\n"
         "          decoding chain as the device would send it, and print every\n"
@@ -160,6 +163,8 @@ int main(int argc, char** argv)
         return RunCapture(argc - 2, argv + 2);
     if (command == "replay")
         return RunReplay(argc - 2, argv + 2);
+    if (command == "export")
+        return RunExport(argc - 2, argv + 2);
     std::fprintf(stderr, "coilscope-cli: unknown command '%s' (try --help)\n", argv[1]);
     return 2;
 }

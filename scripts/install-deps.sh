@@ -7,6 +7,7 @@ packages=(
   g++ make cmake pkg-config
   qtbase5-dev qtbase5-dev-tools libqt5charts5-dev libqt5serialport5-dev libqt5svg5-dev
   libjsoncpp-dev libzstd-dev
+  libzip-dev sigrok-cli
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   xvfb xauth x11-apps imagemagick

@@ -1,9 +1,12 @@
 #include "views/MainWindow.h"
 
 #include "events/SessionFile.h"
+#include "events/StreamReplay.h"
 #include "events/ui/QEventWindow.h"
 #include "events/ui/UserSeams.h"
 #include "icons/Icons.h"
+#include "interchange/SigrokExport.h"
+#include "interchange/SigrokImport.h"
 #include "services/AppSettings.h"
 #include "services/CoilscopeUpdater.h"
 #include "services/Log.h"
@@ -13,8 +16,10 @@
 #include "views/PercentMonitor.h"
 #include "views/Printing.h"
 #include "views/QProductTest.h"
+#include "views/Properties.h"
 #include "views/QWindowReal.h"
 #include "views/SampleGui.h"
+#include "views/WaveView.h"
 
 #include <QAction>
 #include <QApplication>
@@ -173,6 +178,24 @@ MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(p
     // Emitted on the pacing thread, run on this one.
     connect(this, &MainWindow::timeout_signal, this, &MainWindow::TimeOut_slot, Qt::QueuedConnection);
     connect(m_askPanel, &SampleGui::signal_dac_change, this, &MainWindow::DAC_ValueChange);
+    // A packet selected in the event tree, live, paused or opened: its wave
+    // in the panel of its direction.
+    connect(m_dock, &QWindowReal::signals_eventSelected, this, [this](const MsgInfo& info, int mode) {
+        if (mode == kItemEvent && !m_askPanel->ShowSelected(info))
+            m_fskPanel->ShowSelected(info);
+    });
+    // A byte clicked in the wave selects its field in the dissection, and a
+    // field selected there marks its bytes in the wave.
+    for (SampleGui* panel : {m_askPanel, m_fskPanel}) {
+        connect(panel->Wave(), &WaveView::byteClicked, this, [this](int index) {
+            m_dock->PropertyView()->SelectByte(index);
+        });
+    }
+    connect(m_dock->PropertyView(), &Properties::fieldBytesSelected, this, [this](int first, int count) {
+        for (SampleGui* panel : {m_askPanel, m_fskPanel})
+            if (panel->Pinned())
+                panel->Wave()->SelectBytes(first, count);
+    });
     // "Manual DAC" holds the automatic DAC level still.
     connect(m_askPanel->ManualBox(), &QCheckBox::toggled, this,
             [this](bool checked) { m_controller->Link().SetManualActing(checked); });
@@ -265,6 +288,9 @@ void MainWindow::BuildActions()
         {"actionAbout", "About", "About Coilscope", nullptr, nullptr, "icons/about_24x24.ico", false, false, false},
         {"actionExport", "Export", "Export...", "Export the shown events as CSV, JSON lines or text", "Ctrl+E",
          nullptr, false, false, false},
+        {"actionExportSigrok", "ExportSigrok", "Export sigrok Session...",
+         "Export the session as a sigrok session (.sr) for PulseView and sigrok-cli", nullptr, nullptr, false, false,
+         false},
         {"actionSaveExecl", "SaveExecl", "Save to Excel", nullptr, nullptr, "icons/excel_48x48.ico", false, false,
          false},
         {"actionLoadCfg", "LoadCfg", "Load Configuration", nullptr, nullptr, nullptr, false, false, false},
@@ -303,7 +329,8 @@ void MainWindow::BuildMenus()
     };
     QMenu* file = menuBar()->addMenu(QStringLiteral("File"));
     file->setObjectName(QStringLiteral("menuFile"));
-    add(file, {"actionOpen", "actionSave", "actionSetSavePath", "actionExport", "-", "actionPrint", "actionPrintFreview", "actionExit"});
+    add(file, {"actionOpen", "actionSave", "actionSetSavePath", "actionExport", "actionExportSigrok", "-", "actionPrint",
+               "actionPrintFreview", "actionExit"});
     QMenu* sniffer = menuBar()->addMenu(QStringLiteral("Sniffer"));
     sniffer->setObjectName(QStringLiteral("menuSniffer"));
     add(sniffer, {"actionConnect", "actionDisconnect", "-", "actionStart", "actionStop", "-", "actionEventWindow",
@@ -431,6 +458,8 @@ void MainWindow::actionBtns(QAction* action)
         StopAndDisconnect();
     } else if (name == QLatin1String("Export")) {
         ExportEvents();
+    } else if (name == QLatin1String("ExportSigrok")) {
+        ExportSigrok();
     } else if (name == QLatin1String("Start")) {
         // A session opened in place lent its folder to the window: an
         // acquisition saves into the folder it had before, never beside it.
@@ -577,7 +606,7 @@ void MainWindow::OpenSession()
     }
     const QString path = AskOpenFileName(this, QStringLiteral("Open Sniffer File"),
                                          QString::fromStdString(SettingParams::Instance().savePath),
-                                         QStringLiteral("Sniffer Files (*.sid)"));
+                                         QStringLiteral("Sniffer Files (*.sid);;sigrok Sessions (*.sr)"));
     if (path.isEmpty()) {
         m_fileOpen = false;
         return;
@@ -587,26 +616,51 @@ void MainWindow::OpenSession()
     std::vector<MsgInfoPtr> events;
     std::vector<uint64_t> offsets;
     std::string error;
-    if (!OpenSessionFile(path.toStdString(), events, error, &offsets)) {
+    const bool sigrok = path.endsWith(QLatin1String(".sr"), Qt::CaseInsensitive);
+    if (sigrok) {
+        // A sigrok capture of a link is decoded as a raw capture is: its
+        // events come with their capture records.
+        interchange::SigrokCapture capture;
+        interchange::ImportedStreams streams;
+        if (!interchange::ReadSigrokSession(path.toStdString(), capture, error) ||
+            !interchange::StreamsFromSigrok(capture, std::string(), streams, error)) {
+            ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Open Session"), QString::fromStdString(error));
+            return;
+        }
+        StreamReplay replay(std::move(streams.ask), std::move(streams.fsk));
+        replay.Run([&](std::vector<MsgInfoPtr>& batch) { events.insert(events.end(), batch.begin(), batch.end()); });
+    } else if (!OpenSessionFile(path.toStdString(), events, error, &offsets)) {
         ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Open Session"), QString::fromStdString(error));
         return;
     }
     m_fileOpen = true;
     ClearAll();
-    // Played through the dock as a capture is: Start marker, the events in
-    // one batch, Stop marker; but shown where it lies: nothing is written,
-    // the events read back from the opened .sid and their waves from the
-    // record file beside it, and the session folder is the one the file
-    // came from.
     SettingParams& p = SettingParams::Instance();
-    if (m_foldersBeforeOpen.empty())
-        m_foldersBeforeOpen = {p.eventPath, p.logPath, p.capturePath};
-    const std::string folder = QFileInfo(path).absolutePath().toStdString() + "/";
-    p.eventPath = p.logPath = p.capturePath = folder;
-    m_dock->Clear();
-    // (With the event tree hidden the dock sets no markers: nothing to show.)
-    if (m_dock->showEvents)
-        m_dock->EventWindow()->Model().ShowInPlace(path.toStdString(), std::move(offsets));
+    if (sigrok) {
+        // A decoded sigrok capture is a new session: the Start marker saves
+        // it as a capture is saved, in the window's own session folders.
+        if (m_foldersBeforeOpen.size() == 3) {
+            p.eventPath = m_foldersBeforeOpen[0];
+            p.logPath = m_foldersBeforeOpen[1];
+            p.capturePath = m_foldersBeforeOpen[2];
+            m_foldersBeforeOpen.clear();
+        }
+        m_dock->Clear();
+    } else {
+        // Played through the dock as a capture is: Start marker, the events
+        // in one batch, Stop marker; but shown where it lies: nothing is
+        // written, the events read back from the opened .sid and their waves
+        // from the record file beside it, and the session folder is the one
+        // the file came from.
+        if (m_foldersBeforeOpen.empty())
+            m_foldersBeforeOpen = {p.eventPath, p.logPath, p.capturePath};
+        const std::string folder = QFileInfo(path).absolutePath().toStdString() + "/";
+        p.eventPath = p.logPath = p.capturePath = folder;
+        m_dock->Clear();
+        // (With the event tree hidden the dock sets no markers: nothing to show.)
+        if (m_dock->showEvents)
+            m_dock->EventWindow()->Model().ShowInPlace(path.toStdString(), std::move(offsets));
+    }
     m_dock->StartMark();
     RealTimeSample sample;
     sample.events = std::move(events);
@@ -716,6 +770,29 @@ void MainWindow::ExportEvents()
     out.flush();
     if (!out)
         ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Export"), QStringLiteral("Can't write ") + path);
+}
+
+void MainWindow::ExportSigrok()
+{
+    if (m_controller->Acquiring()) {
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Warning"), QStringLiteral("Stop first."));
+        return;
+    }
+    const std::string sid = m_dock->EventWindow()->Model().SidPath();
+    if (sid.empty()) {
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Export sigrok Session"),
+                        QStringLiteral("There is no session to export: capture or open one first."));
+        return;
+    }
+    const QString path = AskSaveFileName(this, QStringLiteral("Export sigrok Session"),
+                                         QString::fromStdString(SettingParams::Instance().savePath),
+                                         QStringLiteral("sigrok Sessions (*.sr)"));
+    if (path.isEmpty())
+        return;
+    std::string error;
+    if (!interchange::ExportSession(sid, path.toStdString(), error))
+        ShowUserMessage(this, MessageKind::Warning, QStringLiteral("Export sigrok Session"),
+                        QString::fromStdString(error));
 }
 
 void MainWindow::Exit()

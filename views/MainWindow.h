@@ -73,6 +73,10 @@ public:
     // File > Export: the events shown as CSV, JSON lines or the text of the
     // log, by the chosen file's ending (.csv, .json or .jsonl, other: text).
     void ExportEvents();
+    // File > Export sigrok Session: the session shown (its autosave with the
+    // capture records beside it) as a sigrok session (.sr) that PulseView
+    // opens. Refused while acquiring.
+    void ExportSigrok();
     void Exit();
     // "Print" and "Print Preview" of the focused view.
     void Print();

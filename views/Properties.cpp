@@ -244,8 +244,21 @@ void Properties::FieldSelected()
         for (int b = f->byteOffset; f->byteOffset >= 0 && b < f->byteOffset + f->byteCount; ++b)
             if (QTableWidgetItem* cell = m_bytes->item(b / kBytesPerRow, b % kBytesPerRow))
                 cell->setSelected(true);
+        emit fieldBytesSelected(f->byteOffset, f->byteOffset >= 0 ? f->byteCount : 0);
+    } else {
+        emit fieldBytesSelected(-1, 0);
     }
     m_syncing = false;
+}
+
+void Properties::SelectByte(int index)
+{
+    QTableWidgetItem* cell = index >= 0 ? m_bytes->item(index / kBytesPerRow, index % kBytesPerRow) : nullptr;
+    if (!cell)
+        return;
+    m_bytes->clearSelection();
+    m_bytes->setCurrentItem(cell);
+    cell->setSelected(true);
 }
 
 void Properties::BytesSelected()

@@ -41,9 +41,17 @@ public:
     const std::vector<analysis::DissectedField>& Fields() const { return m_dissected; }
     // The frame bytes highlighted (selected in the bytes pane), in order.
     std::vector<int> SelectedBytes() const;
+    // Selects frame byte `index` in the bytes pane, and so its field (a byte
+    // clicked in a packet's wave).
+    void SelectByte(int index);
     static constexpr int kBytesPerRow = 16;
     // Whether the tree or the widget has the focus.
     bool FocusTest() const;
+
+signals:
+    // A field was selected: its frame bytes (count 0 for a field without
+    // bytes), for the packet's wave to mark them.
+    void fieldBytesSelected(int first, int count);
 
 private:
     void FillDissection(const MsgInfo& info, int mode);

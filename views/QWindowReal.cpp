@@ -252,11 +252,13 @@ QWidget* QWindowReal::FocusedView()
 
 void QWindowReal::EventWindowSelected(MsgInfo& info, StandardItemMode mode)
 {
-    // Nothing but the property tree follows a selection; hidden, it drops it.
+    // The property tree follows a selection (hidden, it drops it), and so
+    // do the wave panels.
     if (showProperties) {
         m_properties->Fill(info, mode);
         m_properties->ShowRecordNote(m_eventWindow->Model().SelectedRecordNote());
     }
+    emit signals_eventSelected(info, static_cast<int>(mode));
 }
 
 // The columns take 40, 32 and 28 hundredths of the width, whatever the

@@ -81,6 +81,9 @@ public:
 signals:
     // A view was shown or hidden within the dock: the view toggles follow it.
     void signals_viewShown(QWidget* view, bool shown);
+    // An item of the event tree was selected (its event, its record loaded
+    // back if it had left memory): the wave panels show a packet's wave.
+    void signals_eventSelected(const MsgInfo& info, int mode);
 
 public slots:
     void EventWindowSelected(MsgInfo& info, StandardItemMode mode);

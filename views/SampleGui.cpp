@@ -3,6 +3,7 @@
 #include "services/AppSettings.h"
 #include "services/SettingParams.h"
 #include "views/QwtChart.h"
+#include "views/WaveView.h"
 
 #include <QCheckBox>
 #include <QGridLayout>
@@ -39,6 +40,9 @@ SampleGui::SampleGui(int kind, QWidget* parent) : QMainWindow(parent), m_kind(ki
     SetupForm();
     m_chart = new QwtChart(kind, 500, this);
     m_layout->insertWidget(1, m_chart, 1);
+    m_wave = new WaveView(this);
+    m_layout->insertWidget(2, m_wave, 1);
+    m_wave->hide();
     m_paused = false;
     m_freeRun = true;
     connect(this, &SampleGui::signal_UpdateUI, this, &SampleGui::slot_UpdateUI);
@@ -104,6 +108,12 @@ void SampleGui::SetupForm()
     controls->addWidget(m_labelMax);
     controls->addItem(m_spacer);
     controls->addWidget(m_autoTrigger);
+    m_follow = new QPushButton(QStringLiteral("Follow"), central);
+    m_follow->setObjectName(QStringLiteral("pushButton_follow"));
+    m_follow->setToolTip(QStringLiteral("Leave the selected packet and follow the newest one"));
+    m_follow->setEnabled(false);
+    connect(m_follow, &QPushButton::clicked, this, &SampleGui::Follow);
+    controls->addWidget(m_follow);
     controls->addWidget(m_pause);
     m_layout->addLayout(controls);
 
@@ -167,6 +177,9 @@ void SampleGui::TriggerCheck()
         m_samples.clear();
         for (QLineEdit* e : {m_summary, m_typeString, m_logData, m_packetData})
             e->clear();
+        m_pinned = false;
+        m_follow->setEnabled(false);
+        ShowChart();
     }
 }
 
@@ -216,7 +229,7 @@ void SampleGui::AdjustYRange(int low, int high)
 
 void SampleGui::ShowSamples(const std::list<uint16_t>& samples)
 {
-    if (m_paused || samples.empty())
+    if (m_paused || samples.empty() || m_pinned)
         return;
     QVector<double> values;
     {
@@ -240,6 +253,8 @@ void SampleGui::ShowPackets(const std::vector<MsgInfoPtr>& events)
     const int mine = m_kind == 6 ? kDirectionFsk : kDirectionAsk;
     if (last->direction != mine)
         return;
+    if (m_pinned)
+        return;  // the user's packet stays until "Follow"
     if (last->capture && !last->capture->samples.empty()) {
         QVector<double> values;
         {
@@ -250,9 +265,53 @@ void SampleGui::ShowPackets(const std::vector<MsgInfoPtr>& events)
                 values.append(static_cast<double>(v));
         }
         m_chart->SetPointsByIndex(values);
+        ShowWave(*last);
     }
-    m_summary->setText(QString::fromStdString(last->common.Summary));
-    m_typeString->setText(QString::fromStdString(last->common.typeString));
-    m_logData->setText(QString::fromStdString(last->common.logData));
-    m_packetData->setText(QString::fromStdString(last->packet.PacketData));
+    ShowFields(*last);
+}
+
+void SampleGui::ShowFields(const MsgInfo& event)
+{
+    m_summary->setText(QString::fromStdString(event.common.Summary));
+    m_typeString->setText(QString::fromStdString(event.common.typeString));
+    m_logData->setText(QString::fromStdString(event.common.logData));
+    m_packetData->setText(QString::fromStdString(event.packet.PacketData));
+}
+
+void SampleGui::ShowWave(const MsgInfo& event)
+{
+    m_wave->SetEvent(event);
+    if (m_wave->isHidden()) {
+        m_chart->hide();
+        m_wave->show();
+    }
+}
+
+void SampleGui::ShowChart()
+{
+    if (m_chart->isHidden()) {
+        m_wave->hide();
+        m_chart->show();
+    }
+}
+
+bool SampleGui::ShowSelected(const MsgInfo& event)
+{
+    if (!event.capture || event.capture->samples.empty() || event.packet.PacketData.empty())
+        return false;
+    if (analysis::IsAskEvent(event) != (m_kind == 5))
+        return false;
+    ShowWave(event);
+    ShowFields(event);
+    m_pinned = true;
+    m_follow->setEnabled(true);
+    return true;
+}
+
+void SampleGui::Follow()
+{
+    m_pinned = false;
+    m_follow->setEnabled(false);
+    if (m_freeRun)
+        ShowChart();
 }

@@ -5,6 +5,13 @@
 // by; with AutoTrigger on it shows the samples of the newest decoded packet of
 // its direction beside the packet's four text fields. Paused, it takes
 // nothing. The main window's refresh hands it what it shows; it never pulls.
+//
+// A packet's wave (on AutoTrigger, or a packet the user selected in the event
+// tree, live or in an opened session) is shown in the wave view in place of
+// the rolling chart: the record against time in ms, with its decoded rows,
+// zoomed and panned with the mouse. A selected packet stays until the user
+// clicks "Follow" (or unchecks AutoTrigger): live, the view otherwise follows
+// the newest packet.
 #pragma once
 
 #include "events/MsgInfo.h"
@@ -25,6 +32,7 @@ class QSlider;
 class QSpacerItem;
 class QVBoxLayout;
 class QwtChart;
+class WaveView;
 
 class SampleGui : public QMainWindow {
     Q_OBJECT
@@ -38,6 +46,15 @@ public:
     // shown: its capture record's samples as the wave, its texts in the
     // fields. Anything else leaves the panel as it is.
     void ShowPackets(const std::vector<MsgInfoPtr>& events);
+    // A packet the user selected: shown if it is of this panel's direction
+    // and has a capture record (loaded back from the session's record file
+    // if it had left memory); the view then stays on it. False if it is not
+    // this panel's.
+    bool ShowSelected(const MsgInfo& event);
+    // Back to following the newest packet (the "Follow" button).
+    void Follow();
+    bool Pinned() const { return m_pinned; }
+    WaveView* Wave() const { return m_wave; }
     // Free-run: the stream's newest samples, rolled onto the wave.
     void ShowSamples(const std::list<uint16_t>& samples);
     // The vertical range, taken only when an end moves by 101 or more.
@@ -72,8 +89,14 @@ public slots:
 
 private:
     void SetupForm();
+    void ShowWave(const MsgInfo& event);
+    void ShowFields(const MsgInfo& event);
+    void ShowChart();
 
     QwtChart* m_chart = nullptr;
+    WaveView* m_wave = nullptr;
+    QPushButton* m_follow = nullptr;
+    bool m_pinned = false;
     int32_t m_kind = 5;
     bool m_paused = false;
     int m_packetLists = 0;

@@ -127,8 +127,8 @@ TEST_F(MainWindowTest, WindowMenusAndToolBarsAsTheFormHasThem)
     // The form's menus, and the Go menu of the event window's find actions.
     EXPECT_EQ(titles, (QStringList{"File", "Sniffer", "Scope", "Go", "Options", "Help"}));
     EXPECT_EQ(Entries(w.findChild<QMenu*>("menuFile")),
-              (QStringList{"actionOpen", "actionSave", "actionSetSavePath", "actionExport", "-", "actionPrint",
-                           "actionPrintFreview", "actionExit"}));
+              (QStringList{"actionOpen", "actionSave", "actionSetSavePath", "actionExport", "actionExportSigrok", "-",
+                           "actionPrint", "actionPrintFreview", "actionExit"}));
     EXPECT_EQ(Entries(w.findChild<QMenu*>("menuSniffer")),
               (QStringList{"actionConnect", "actionDisconnect", "-", "actionStart", "actionStop", "-",
                            "actionEventWindow", "actionEventInfo", "actionEventPropertyChart", "actionFrequencyChart",
