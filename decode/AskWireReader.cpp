@@ -548,13 +548,21 @@ void AskWireReader::Levels(int32_t x, uint64_t n)
     window_.push_back(x);
     if (window_.size() < kLevelWindow)
         return;
+    idleLevel_ = static_cast<int32_t>(base16_ / 16);
+    // The side the envelope went first is not always the modulated one (an
+    // edge that overshoots the idle level before it falls): the modulated
+    // level is the quartile, above or below, that lies further from idle.
     std::vector<int32_t> sorted(window_);
+    const auto upper = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 4);
+    std::nth_element(sorted.begin(), upper, sorted.end(), std::greater<int32_t>());
+    const int32_t high = *upper;
+    const auto lower = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 4);
+    std::nth_element(sorted.begin(), lower, sorted.end());
+    const int32_t low = *lower;
+    polarity_ = high - idleLevel_ >= idleLevel_ - low ? 1 : -1;
+    const int32_t modulated = polarity_ > 0 ? high : low;
     for (int32_t& v : sorted)
         v *= polarity_;
-    const auto quartile = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 4);
-    std::nth_element(sorted.begin(), quartile, sorted.end(), std::greater<int32_t>());
-    const int32_t modulated = *quartile * polarity_;
-    idleLevel_ = static_cast<int32_t>(base16_ / 16);
     swing_ = (modulated - idleLevel_) * polarity_;
     if (swing_ < kMinSwing || static_cast<int64_t>(swing_) * 16 < kDevSwing * dev16_) {
         // A step of the idle level, or noise: idle again at the median.

@@ -203,6 +203,31 @@ TEST(AskWireReader, CleanPacketOfEveryHeaderComesBackWithItsFields)
     }
 }
 
+// A packet whose first edge overshoots the idle level the other way for a
+// few samples before it falls to the modulated level (as an envelope rebuilt
+// from a smoothed capture record does): the modulated level is the side the
+// envelope mostly went, not the side it went first.
+TEST(AskWireReader, FirstEdgeOvershootingTheOtherWayStillGivesThePacket)
+{
+    qisim::AskWaveParams p;
+    p.idleLevel = 2192;
+    p.swing = -750;
+    qisim::AskWaveWriter w(p, 5);
+    Stream s;
+    w.Idle(400);
+    AddPacket(w, s, qisim::WithChecksum({0x03, 0x05}), 11);
+    w.Idle(400);
+    s.samples = Widen(w.Samples());
+    // 160 counts above idle for the first six samples of the packet.
+    for (size_t i = s.sent[0].start; i < s.sent[0].start + 6; ++i)
+        s.samples[i] = 2192 + 160;
+    AskWireReader r;
+    const auto frames = FeedAll(r, s.samples, 200);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].bytes, qisim::WithChecksum({0x03, 0x05}));
+    EXPECT_EQ(frames[0].polarity, -1);
+}
+
 // The main round trip: every header, bit rates from 1.6 to 2.4 kHz, random
 // swings of both signs, preambles 11 to 25, 2 % noise, edges jittered by up
 // to two samples. At least 99.9 % must come back exactly and nothing else.
