@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include <QAction>
+#include <QDir>
 #include <QTableWidget>
 #include <QTemporaryDir>
 #include <QTest>
@@ -70,6 +71,9 @@ protected:
         AppSettings::ReloadForTest();
         SettingParams& s = SettingParams::Instance();
         s.savePath = dir.path().toStdString() + "/sessions";
+        // A decoded sigrok session is saved as a capture is, in these.
+        s.eventPath = s.logPath = s.capturePath = dir.path().toStdString() + "/saved/";
+        QDir().mkpath(dir.filePath(QStringLiteral("saved")));
         s.m_window_time = 15;
         SetUserMessageRecorder([this](const UserMessage& m) { messages.push_back(m); });
         SetFileAnswerer([this](const QString& title) {
@@ -123,6 +127,10 @@ TEST_F(WaveLinkTest, OpeningASigrokSessionDecodesItsPacketsWithTheirWaves)
     ASSERT_TRUE(w.FskPanel()->Pinned());
     EXPECT_EQ(w.FskPanel()->Wave()->Trace().unit, "kHz");
     EXPECT_EQ(w.FskPanel()->Wave()->Trace().bytes.size(), 5u);
+    // The decoded capture is a new session, saved in the window's session
+    // folders, not beside the .sr.
+    EXPECT_EQ(QDir(Path("saved")).entryList({"EventWindow_*.sid"}).size(), 1);
+    EXPECT_TRUE(QDir(dir.path()).entryList({"EventWindow_*"}).isEmpty());
 }
 
 TEST_F(WaveLinkTest, AFileThatIsNotASigrokSessionIsRefusedAndTheViewKept)
