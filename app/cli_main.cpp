@@ -1,5 +1,6 @@
 // coilscope-cli: the decoding engine without a window.
 #include "app/CliCapture.h"
+#include "app/CliCheck.h"
 #include "app/CliDecode.h"
 #include "app/CliReplay.h"
 #include "app/CliShow.h"
@@ -47,6 +48,7 @@ void PrintUsage(std::FILE* to)
         "  show    print the records of a session file (.sid)\n"
         "  capture capture live from the sniffer and print the session's log\n"
         "  replay  play raw capture files or a session file through the decoders\n"
+        "  check   judge a session's packets against the Qi timing rules\n"
         "  demo    synthesize a short receiver session (ping, identification,\n"
         "          configuration, power transfer), stream it through the ASK\n"
         "          decoding chain as the device would send it, and print every\n"
@@ -160,6 +162,8 @@ int main(int argc, char** argv)
         return RunCapture(argc - 2, argv + 2);
     if (command == "replay")
         return RunReplay(argc - 2, argv + 2);
+    if (command == "check")
+        return RunCheck(argc - 2, argv + 2);
     std::fprintf(stderr, "coilscope-cli: unknown command '%s' (try --help)\n", argv[1]);
     return 2;
 }

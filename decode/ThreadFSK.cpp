@@ -287,6 +287,22 @@ DigitalPingInfoPtr CThreadFSK::TakeDigitalPing()
     return p;
 }
 
+void CThreadFSK::TakeCarrierEdges(std::vector<::CarrierEdge>& out)
+{
+    std::lock_guard<std::mutex> lock(m_listMutex);
+    out.insert(out.end(), m_edges.begin(), m_edges.end());
+    m_edges.clear();
+}
+
+void CThreadFSK::CarrierEdge(bool on, int64_t ticks)
+{
+    ::CarrierEdge edge;
+    edge.on = on;
+    edge.us = ticks / 60;
+    std::lock_guard<std::mutex> lock(m_listMutex);
+    m_edges.push_back(edge);
+}
+
 size_t CThreadFSK::PendingPackets()
 {
     std::lock_guard<std::mutex> lock(m_listMutex);

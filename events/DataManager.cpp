@@ -108,6 +108,19 @@ void CDataManager::PushFrequency(double first, double second)
         m_history2.pop_front();
 }
 
+void CDataManager::AddCarrierEdges(const std::vector<CarrierEdge>& edges)
+{
+    std::lock_guard<std::mutex> lock(m_edgeMutex);
+    m_edges.insert(m_edges.end(), edges.begin(), edges.end());
+}
+
+void CDataManager::TakeCarrierEdges(std::vector<CarrierEdge>& out)
+{
+    std::lock_guard<std::mutex> lock(m_edgeMutex);
+    out.insert(out.end(), m_edges.begin(), m_edges.end());
+    m_edges.clear();
+}
+
 double CDataManager::FirstHistoryValue()
 {
     std::lock_guard<std::mutex> lock(m_historyMutex);
@@ -167,6 +180,10 @@ void CDataManager::BeginAcquisition()
     {
         std::lock_guard<std::mutex> lock(m_queueMutex);
         m_queue.clear();
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_edgeMutex);
+        m_edges.clear();
     }
     while (m_askFilter.TakeFrame()) {
     }
@@ -271,6 +288,10 @@ void CDataManager::Clear()
     {
         std::lock_guard<std::mutex> lock(m_queueMutex);
         m_queue.clear();
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_edgeMutex);
+        m_edges.clear();
     }
     m_ask.Clear();
     m_fsk.Clear();
