@@ -56,6 +56,7 @@ bench: deps
 	@echo "== FSK decode rates"; ./build-release/bench/fsk_decode_rates
 	@echo "== FSK readers compared: the frame decoder alone and merged with the second reader"; ./build-release/tests/events_tests --gtest_filter='FskBothReaders.Every*' | grep -v '^\['
 	@echo "== display filter over an eight-hour session (440 000 events)"; ./build-release/bench/filter_rates
+	@echo "== timing checker over ten minutes of the emulator's session: share of a core live"; ./build-release/bench/timing_check_rates
 	@echo "== real-time dock refresh"; ./build-release/bench/dock_refresh
 	@echo "== wave panel refresh"; ./build-release/bench/wave_panel_refresh
 	@echo "== live capture at real speed (60 s)"; ./build-release/bench/live_capture cpu --seconds 60
