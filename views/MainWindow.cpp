@@ -503,6 +503,22 @@ void MainWindow::BuildTimingDock()
     m_timingView = new TimingFindingsView(dock);
     dock->setWidget(m_timingView);
     addDockWidget(Qt::BottomDockWidgetArea, dock);
+    // Hidden until a session has a finding, or the Sniffer menu shows it.
+    dock->hide();
+    QAction* toggle = dock->toggleViewAction();
+    toggle->setObjectName(QStringLiteral("actionTimingFindings"));
+    if (QMenu* sniffer = findChild<QMenu*>(QStringLiteral("menuSniffer"))) {
+        const QList<QAction*> entries = sniffer->actions();
+        QAction* before = nullptr;
+        for (int i = 0; i + 1 < entries.size(); ++i)
+            if (entries[i]->objectName() == QLatin1String("actionPercentageChart"))
+                before = entries[i + 1];
+        sniffer->insertAction(before, toggle);
+    }
+    connect(events, &QEventWindow::timingFinding, dock, [dock] {
+        if (!dock->isVisible())
+            dock->show();
+    });
     connect(events, &QEventWindow::timingFinding, m_timingView, &TimingFindingsView::AddFinding);
     connect(events, &QEventWindow::timingCleared, m_timingView, &TimingFindingsView::ClearFindings);
     connect(m_timingView, &TimingFindingsView::eventActivated, this, [events](qint64 number) { events->GoTo(number); });

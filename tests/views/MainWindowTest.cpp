@@ -128,7 +128,8 @@ TEST_F(MainWindowTest, WindowMenusAndToolBarsAsTheFormHasThem)
     EXPECT_EQ(Entries(w.findChild<QMenu*>("menuSniffer")),
               (QStringList{"actionConnect", "actionDisconnect", "-", "actionStart", "actionStop", "-",
                            "actionEventWindow", "actionEventInfo", "actionEventPropertyChart", "actionFrequencyChart",
-                           "actionPercentageChart", "-", "actionClear", "-", "actionUpdate_Fireware"}));
+                           "actionPercentageChart", "actionTimingFindings", "-", "actionClear", "-",
+                           "actionUpdate_Fireware"}));
     EXPECT_EQ(Entries(w.findChild<QMenu*>("menuTester")),
               (QStringList{"action2K_Ware", "actionFSKWare", "actionPercent"}));
     EXPECT_EQ(Entries(w.findChild<QMenu*>("menuOptions")), (QStringList{"actionSetting"}));
