@@ -132,3 +132,23 @@ TEST(SimBreach, AnUnknownBreachIsRefusedAndHelpListsThem)
     for (const auto& b : coilsim::Breaches())
         EXPECT_NE(help.out.find(std::string("  ") + b.name), std::string::npos) << b.name;
 }
+
+// Through the real programs: coilscope-sim breaks the rule on the ports,
+// coilscope-cli captures from it, and checking the raw captures finds the
+// breach once and nothing else.
+TEST(SimBreach, ALiveCaptureOfABreachIsFoundOnceByCheck)
+{
+    const std::string dir = e2e::Folder("check-live");
+    e2e::Sim sim(dir, {"--breach", "ce-interval", "--speed", "5", "--record", dir + "/ask.bin", dir + "/fsk.bin"});
+    ASSERT_TRUE(sim.ok);
+    // 4 s at five times real speed: 20 s of stream, the breach at about 11 s.
+    const Result capture = e2e::Shell(sim.Env() + std::string(COILSCOPE_CLI) + " capture --seconds 4 >/dev/null 2>&1");
+    sim.Stop();
+    ASSERT_EQ(capture.status, 0);
+    const Result r = RunCli("check " + e2e::Quote(dir + "/ask.bin") + " " + e2e::Quote(dir + "/fsk.bin"));
+    const auto lines = e2e::Lines(r.out);
+    ASSERT_EQ(lines.size(), 2u) << r.out;
+    EXPECT_NE(lines[0].find(" ce-interval "), std::string::npos) << r.out;
+    EXPECT_NE(lines[1].find(": 0 errors, 1 warnings"), std::string::npos) << r.out;
+    EXPECT_EQ(r.status, 0);
+}
