@@ -503,6 +503,7 @@ void MainWindow::BuildTimingDock()
     m_timingView = new TimingFindingsView(dock);
     dock->setWidget(m_timingView);
     addDockWidget(Qt::BottomDockWidgetArea, dock);
+    resizeDocks({dock}, {150}, Qt::Vertical);
     // Hidden until a session has a finding, or the Sniffer menu shows it.
     dock->hide();
     QAction* toggle = dock->toggleViewAction();

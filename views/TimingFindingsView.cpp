@@ -36,8 +36,8 @@ TimingFindingsView::TimingFindingsView(QWidget* parent) : QWidget(parent)
     m_list->setObjectName(QStringLiteral("timingFindings"));
     m_list->setRootIsDecorated(false);
     m_list->setColumnCount(kColumns);
-    m_list->setHeaderLabels({QStringLiteral("Time (ms)"), QStringLiteral("Rule"), QStringLiteral("Severity"),
-                             QStringLiteral("Measured"), QStringLiteral("Limit"), QStringLiteral("Event")});
+    m_list->setHeaderLabels({QStringLiteral("Time (ms)"), QStringLiteral("Event"), QStringLiteral("Rule"),
+                             QStringLiteral("Severity"), QStringLiteral("Measured"), QStringLiteral("Limit")});
     m_list->setSortingEnabled(true);
     m_list->sortByColumn(kTime, Qt::AscendingOrder);
     m_list->header()->setSectionResizeMode(QHeaderView::ResizeToContents);
@@ -63,7 +63,7 @@ void TimingFindingsView::AddFinding(const analysis::TimingFinding& f)
     item->setData(kLimit, Qt::UserRole, f.limit);
     item->setText(kEvent, QString::number(f.event));
     item->setData(kEvent, Qt::UserRole, static_cast<qlonglong>(f.event));
-    for (int c : {kTime, kMeasured, kLimit, kEvent})
+    for (int c : {kTime, kMeasured, kEvent})
         item->setTextAlignment(c, Qt::AlignRight | Qt::AlignVCenter);
     if (f.severity == analysis::Severity::Error)
         item->setForeground(kSeverity, QBrush(Qt::red));

@@ -1,5 +1,5 @@
-// The timing findings of the session: one row per finding (time, rule,
-// severity, measured, limit, event), sortable by any column, and above them
+// The timing findings of the session: one row per finding (time, event,
+// rule, severity, measured, limit), sortable by any column, and above them
 // the session's summary (packets checked, findings per rule). A double click
 // on a row asks for its event to be selected.
 #pragma once
@@ -17,7 +17,7 @@ class TimingFindingsView : public QWidget {
 public:
     explicit TimingFindingsView(QWidget* parent = nullptr);
 
-    enum Column { kTime = 0, kRule, kSeverity, kMeasured, kLimit, kEvent, kColumns };
+    enum Column { kTime = 0, kEvent, kRule, kSeverity, kMeasured, kLimit, kColumns };
 
     QTreeWidget* List() const { return m_list; }
     QLabel* Summary() const { return m_summary; }
