@@ -50,7 +50,8 @@ const char* kCheckHelp =
     "beside it and the capture records from its .rec, when they are there;\n"
     "without carrier edges (an ASK capture alone, an older session) the rules\n"
     "that need the carrier are not judged. Raw capture files go through the\n"
-    "decoders as `replay` plays them, numbered as `replay` numbers them.\n"
+    "decoders as `replay` plays them, numbered as `replay` numbers them; a\n"
+    "session file's events are numbered as `show` numbers its records.\n"
     "\n"
     "Exit status: 0 no error found (warnings may be), 1 one or more errors,\n"
     "2 bad input.\n";

@@ -138,7 +138,8 @@ public:
     // Shift+Enter, among the events shown, from the selected one on, round
     // the end. Going to an event (Ctrl+G) selects the event of a number.
     // F8 and Shift+F8 select the next and previous error: a frame whose
-    // checksum failed, a checksum error, a violation or a NAK.
+    // checksum failed, a checksum error, a violation, a NAK or an event with
+    // a timing finding.
     QLineEdit* FindEdit() const { return m_findEdit; }
     QLineEdit* GoToEdit() const { return m_gotoEdit; }
     QLabel* FindStatus() const { return m_findStatus; }
