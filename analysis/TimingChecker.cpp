@@ -200,70 +200,141 @@ double TimingChecker::AskBitRateHz(const MsgInfo& e)
     return bits * 1e6 / static_cast<double>(span);
 }
 
-bool TimingChecker::MeasureAsk(const MsgInfo& e, double& rateHz, int64_t& endUs)
+bool TimingChecker::MeasureAsk(const MsgInfo& e, AskMeasure& out)
 {
     const TriggerData* c = e.capture.get();
-    if (!c || e.packet.premambleCount == 0)
+    if (!c)
         return false;
-    const std::vector<int32_t>& x = c->rawSamples.size() >= c->samples.size() ? c->rawSamples : c->samples;
-    if (x.size() < 8)
+    if (c->samples.size() < 8 && c->rawSamples.size() < 8)
         return false;
     const std::vector<uint8_t> bytes = ParseSpacedHex(e.packet.PacketData);
     if (bytes.empty())
         return false;
-    // Bits and transitions of the packet as its bytes make it.
-    int64_t bits = static_cast<int64_t>(e.packet.premambleCount);
-    int64_t ones = bits;
-    for (uint8_t b : bytes) {
-        int data = 0;
-        for (int k = 0; k < 8; ++k)
-            data += (b >> k) & 1;
-        const int parity = (data % 2 == 0) ? 1 : 0;  // odd parity
-        bits += 11;
-        ones += data + parity + 1;                   // and the stop bit
-    }
-    const int64_t wanted = bits + ones;  // crossings, the first at the start
-    const auto range = std::minmax_element(x.begin(), x.end());
+    // The record's samples (the decoding thread cuts its raw samples to
+    // the bytes found and fills them up with zeros; the smoothed ones, by a
+    // symmetric filter, keep the whole burst and its transitions' times).
+    const std::vector<int32_t>& y = c->samples.size() >= 8 ? c->samples : c->rawSamples;
+    const auto range = std::minmax_element(y.begin(), y.end());
     const double lo = *range.first, hi = *range.second;
     if (hi - lo < 50)
         return false;
-    const double mid = (lo + hi) / 2.0, band = (hi - lo) / 4.0;
+    // (A smoothed record's half-bit pulses swing less than its whole bits.)
+    const double mid = (lo + hi) / 2.0, band = (hi - lo) / 10.0;
     const double t0 = static_cast<double>(c->startTime);
-    const double from = static_cast<double>(e.timing.startTime) - 200.0;
-    // Mid-level crossings with hysteresis: a side counts once the envelope
-    // is a quarter of its swing beyond the middle.
+    const double start = static_cast<double>(e.timing.startTime);
+    // Mid-level crossings with hysteresis (a side counts once the envelope
+    // is a tenth of its swing beyond the middle), each at the middle
+    // between the samples around it.
+    std::vector<double> times;
     int side = 0;
-    int64_t count = 0;
-    double first = 0.0, last = 0.0;
-    for (size_t i = 1; i < x.size(); ++i) {
-        const double v = x[i];
+    for (size_t i = 0; i < y.size(); ++i) {
+        const double v = y[i];
         const int now = v > mid + band ? 1 : v < mid - band ? -1 : 0;
         if (now == 0 || now == side)
             continue;
-        if (side != 0) {
-            // The crossing of the middle, between the samples around it.
-            size_t j = i;
-            while (j > 0 && ((x[j - 1] > mid) == (now > 0)))
-                --j;
-            double at = static_cast<double>(j);
-            if (j > 0 && x[j] != x[j - 1])
-                at = static_cast<double>(j - 1) + (mid - x[j - 1]) / (x[j] - x[j - 1]);
-            const double t = t0 + at * 25.0;
-            if (t >= from) {
-                if (count == 0)
-                    first = t;
-                last = t;
-                if (++count == wanted)
-                    break;
-            }
+        if (side == 0) {
+            side = now;
+            continue;
         }
+        size_t j = i;
+        while (j > 0 && ((y[j - 1] > mid) == (now > 0)))
+            --j;
+        double at = static_cast<double>(j);
+        if (j > 0 && y[j] != y[j - 1])
+            at = static_cast<double>(j - 1) + (mid - y[j - 1]) / (y[j] - y[j - 1]);
+        times.push_back(t0 + at * 25.0);
         side = now;
     }
-    if (count != wanted || last <= first)
+    // The run of transitions around the event's start: none more than a
+    // millisecond after the one before (a bit lasts half of one).
+    const double gap = 1000.0;
+    size_t first = 0, last = 0;
+    bool found = false;
+    while (first < times.size()) {
+        last = first;
+        while (last + 1 < times.size() && times[last + 1] - times[last] <= gap)
+            ++last;
+        if (times[last] >= start - 200.0) {
+            found = times[first] <= start + 2000.0;
+            break;
+        }
+        first = last + 1;
+    }
+    if (!found || last - first < 8)
         return false;
-    const double bitUs = (last - first) / (static_cast<double>(bits) - 0.5);
-    rateHz = 1e6 / bitUs;
-    endUs = static_cast<int64_t>(std::llround(last + bitUs / 2.0));
+    // The preamble's transitions are half a bit apart; the start bit of the
+    // first byte is the first that a whole bit follows.
+    double half = 0.0;
+    for (size_t i = first; i < first + 4; ++i)
+        half += (times[i + 1] - times[i]) / 4.0;
+    size_t startBit = first;
+    while (startBit < last && times[startBit + 1] - times[startBit] < 1.5 * half)
+        ++startBit;
+    if (startBit >= last)
+        return false;
+    // Two transitions a preamble one: a record that begins inside the
+    // packet's first pulse missed the first of them.
+    const int missed = (startBit - first) % 2 == 1 ? 1 : 0;
+    const int64_t before = static_cast<int64_t>(startBit - first) + missed;
+    if (before < 2)
+        return false;
+    const int64_t preamble = before / 2;
+    // Every transition of the packet at its place in half bits: the
+    // preamble's ones, then each byte's start bit, data bits (least
+    // significant first), odd parity and stop bit; a bit begins with a
+    // transition and a one has another in its middle.
+    std::vector<int64_t> place;
+    int64_t bit = 0;
+    for (; bit < preamble; ++bit) {
+        place.push_back(2 * bit);
+        place.push_back(2 * bit + 1);
+    }
+    for (uint8_t b : bytes) {
+        int ones = 0;
+        uint8_t bits[11];
+        bits[0] = 0;
+        for (int k = 0; k < 8; ++k) {
+            bits[1 + k] = (b >> k) & 1;
+            ones += bits[1 + k];
+        }
+        bits[9] = (ones % 2 == 0) ? 1 : 0;
+        bits[10] = 1;
+        for (uint8_t v : bits) {
+            place.push_back(2 * bit);
+            if (v)
+                place.push_back(2 * bit + 1);
+            ++bit;
+        }
+    }
+    const int64_t bits = bit;
+    // The transitions seen, in order, against their places (a record cut
+    // short of the packet's end has fewer): the half bit by least squares.
+    const size_t seen = std::min(last - first + 1, place.size() - static_cast<size_t>(missed));
+    double sx = 0, sy = 0, sxx = 0, sxy = 0;
+    for (size_t i = 0; i < seen; ++i) {
+        const double px = static_cast<double>(place[i + static_cast<size_t>(missed)]);
+        const double py = times[first + i];
+        sx += px;
+        sy += py;
+        sxx += px * px;
+        sxy += px * py;
+    }
+    const double n = static_cast<double>(seen);
+    const double slope = (n * sxy - sx * sy) / (n * sxx - sx * sx);
+    const double intercept = (sy - slope * sx) / n;
+    if (!(slope > 0.0))
+        return false;
+    // Every transition where its place says, within a third of a half bit.
+    for (size_t i = 0; i < seen; ++i) {
+        const double px = static_cast<double>(place[i + static_cast<size_t>(missed)]);
+        if (std::fabs(times[first + i] - (intercept + slope * px)) > slope / 3.0)
+            return false;
+    }
+    const double bitUs = 2.0 * slope;
+    out.rateHz = 1e6 / bitUs;
+    out.preamble = static_cast<int>(preamble);
+    out.startUs = static_cast<int64_t>(std::llround(intercept));
+    out.endUs = static_cast<int64_t>(std::llround(intercept + static_cast<double>(bits) * bitUs));
     return true;
 }
 
@@ -331,7 +402,6 @@ void TimingChecker::ApplyEdgesUpTo(int64_t us)
 void TimingChecker::ApplyEdge(const CarrierEdge& edge)
 {
     m_haveCarrier = true;
-    m_appliedEdges.push_back(edge);
     m_lastUs = std::max(m_lastUs, edge.us);
     if (edge.on) {
         if (!m_carrierOn) {
@@ -436,7 +506,7 @@ void TimingChecker::Report(TimingRule rule, double measured, const char* unit, c
 void TimingChecker::Add(const MsgInfo& e, int64_t number)
 {
     const bool timed = HasOwnTime(e);
-    const int64_t start = static_cast<int64_t>(e.timing.startTime);
+    int64_t start = static_cast<int64_t>(e.timing.startTime);
     int64_t end = std::max(start, static_cast<int64_t>(e.timing.endTime));
     if (timed)
         ApplyEdgesUpTo(start);
@@ -468,11 +538,12 @@ void TimingChecker::Add(const MsgInfo& e, int64_t number)
         m_packets.clear();  // numbered anew
     // A receiver packet measured on its envelope: its bit rate and its end
     // (a burst that ran on into the next packet ends too late).
-    double measuredRate = 0.0;
-    int64_t measuredEnd = 0;
-    const bool measured = dir == kDirRx && MeasureAsk(e, measuredRate, measuredEnd) && measuredEnd > start;
-    if (measured)
-        end = measuredEnd;
+    AskMeasure m;
+    const bool measured = dir == kDirRx && MeasureAsk(e, m) && m.endUs > m.startUs;
+    if (measured) {
+        start = m.startUs;
+        end = m.endUs;
+    }
     PacketTiming pt;
     pt.number = number;
     pt.rx = dir == kDirRx;
@@ -508,14 +579,19 @@ void TimingChecker::Add(const MsgInfo& e, int64_t number)
         header = bytes.empty() ? 0 : bytes[0];
     }
     if (good) {
-        const double rate = measured ? measuredRate : AskBitRateHz(e);
-        if (e.packet.premambleCount > 0) {
-            p->preamble = static_cast<int16_t>(std::min<uint64_t>(e.packet.premambleCount, 32767));
-            const double ones = static_cast<double>(e.packet.premambleCount);
+        // Measured on the envelope where the event has its capture record
+        // (where that fails, the rate is not judged: the decoders' span can
+        // be cut or joined); from the decoders' span and preamble count for
+        // an event without one (a session without its record file).
+        const double rate = measured ? m.rateHz : e.capture ? 0.0 : AskBitRateHz(e);
+        const int64_t preamble = measured ? m.preamble : static_cast<int64_t>(std::min<uint64_t>(e.packet.premambleCount, 32767));
+        if (preamble > 0) {
+            p->preamble = static_cast<int16_t>(preamble);
+            const double ones = static_cast<double>(preamble);
             Judge(TimingRule::AskPreamble, p);
-            if (e.packet.premambleCount < static_cast<uint64_t>(std::max(0, m_limits.preambleMin)))
+            if (preamble < m_limits.preambleMin)
                 Report(TimingRule::AskPreamble, ones, "bits", "<", m_limits.preambleMin, start, number, {number}, p);
-            else if (e.packet.premambleCount > static_cast<uint64_t>(std::max(0, m_limits.preambleMax)))
+            else if (preamble > m_limits.preambleMax)
                 Report(TimingRule::AskPreamble, ones, "bits", ">", m_limits.preambleMax, start, number, {number}, p);
         }
         if (rate > 0.0) {

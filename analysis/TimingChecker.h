@@ -152,8 +152,6 @@ public:
     size_t Errors() const { return m_errors; }
     size_t Warnings() const { return m_warnings; }
     size_t CountOf(TimingRule rule) const { return m_perRule[static_cast<int>(rule)]; }
-    // The carrier edges applied so far, in time order.
-    const std::vector<CarrierEdge>& CarrierEdges() const { return m_appliedEdges; }
     bool HaveCarrier() const { return m_haveCarrier; }
 
     // The timing of a packet by its event number; null for an event that is
@@ -174,13 +172,23 @@ public:
     // The bit rate of a receiver packet measured over it: its preamble and
     // 11 bits a byte over its span; 0 when it cannot be told.
     static double AskBitRateHz(const MsgInfo& event);
-    // The same measured on the envelope of its capture record, where the
-    // record holds it: the packet's transitions (each bit begins with one,
-    // a one has another at its middle: its bytes tell how many) from the
-    // first, at the event's start, to the last, in the middle of the last
-    // stop bit. Its end (the end of that stop bit) in endUs. False when the
-    // record does not hold the packet's transitions.
-    static bool MeasureAsk(const MsgInfo& event, double& rateHz, int64_t& endUs);
+    // A receiver packet measured on the envelope of its capture record,
+    // where the record holds it: its transitions (each bit begins with one,
+    // a one has another at its middle) in the run around the event's start
+    // that silence of a millisecond or more bounds. Its bytes tell how many
+    // transitions its data make, so the rest tell its preamble ones; its
+    // first transition is its start, the last (in the middle of the last
+    // stop bit) tells its bit rate and its end. The decoders' own start,
+    // end and preamble count can be off for a packet cut or joined by the
+    // burst cutting; these are not. False when the record does not hold
+    // such a run.
+    struct AskMeasure {
+        double rateHz = 0.0;
+        int preamble = 0;
+        int64_t startUs = 0;
+        int64_t endUs = 0;
+    };
+    static bool MeasureAsk(const MsgInfo& event, AskMeasure& out);
 
 private:
     struct Mark {
@@ -205,7 +213,6 @@ private:
     size_t m_perRule[kTimingRuleCount] = {};
 
     std::deque<CarrierEdge> m_heldEdges;  // by time
-    std::vector<CarrierEdge> m_appliedEdges;
     bool m_haveCarrier = false;
     bool m_carrierOn = false;
     int64_t m_carrierOnUs = 0;

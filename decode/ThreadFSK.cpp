@@ -4,6 +4,7 @@
 #include "decode/CaptureFile.h"
 #include "services/SettingParams.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -207,19 +208,28 @@ void CThreadFSK::LoadReplay(const std::vector<uint16_t>& words)
 
 void CThreadFSK::ParseChunk(const uint8_t* bytes, size_t words)
 {
-    m_chunkSum = 0;
-    for (size_t k = 4; k < words; ++k)
-        m_chunkSum += WordAt(bytes, k);
     for (size_t k = 0; k < words; ++k) {
         const uint32_t w = WordAt(bytes, k);
         switch (m_parser.Take(w)) {
         case StreamFrameParser::kHeader:
             break;
-        case StreamFrameParser::kStampComplete:
+        case StreamFrameParser::kStampComplete: {
             // The stamp is the device's time at the end of the frame's data.
-            m_ticks = static_cast<int64_t>(m_parser.stamp) * 60000 - m_chunkSum;
+            // S is the words of this frame that the chunk holds: the chunk's
+            // words from its fifth on when it holds this one frame, as the
+            // device's pacing makes it, and no more when the reader handed
+            // over several frames at once (a host that fell behind): the
+            // chunk's sum would set each frame but the last early by the
+            // frames after it, hundreds of milliseconds on a busy machine.
+            const int32_t length = static_cast<int32_t>(m_parser.remaining);
+            const size_t end = std::min(words, k + 1 + (length > 0 ? static_cast<size_t>(length) / 2 : 0));
+            int64_t frameSum = 0;
+            for (size_t j = k + 1; j < end; ++j)
+                frameSum += WordAt(bytes, j);
+            m_ticks = static_cast<int64_t>(m_parser.stamp) * 60000 - frameSum;
             m_stampCopy.store(m_parser.stamp, std::memory_order_relaxed);
             break;
+        }
         case StreamFrameParser::kPayload:
             Word(static_cast<uint16_t>(w));
             m_parser.PayloadTaken();

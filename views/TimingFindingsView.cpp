@@ -51,6 +51,10 @@ TimingFindingsView::TimingFindingsView(QWidget* parent) : QWidget(parent)
 
 void TimingFindingsView::AddFinding(const analysis::TimingFinding& f)
 {
+    if (m_list->topLevelItemCount() >= kMaxRows) {
+        ++m_unlisted;
+        return;
+    }
     auto* item = new FindingItem();
     const std::string u = f.unit.empty() ? std::string() : " " + f.unit;
     item->setText(kTime, QString::number(static_cast<double>(f.timeUs) / 1000.0, 'f', 3));
@@ -73,6 +77,7 @@ void TimingFindingsView::AddFinding(const analysis::TimingFinding& f)
 void TimingFindingsView::ClearFindings()
 {
     m_list->clear();
+    m_unlisted = 0;
     m_summary->setText(QStringLiteral("No session checked."));
 }
 
@@ -95,7 +100,9 @@ QString TimingFindingsView::SummaryText(const analysis::TimingChecker& c)
 
 void TimingFindingsView::UpdateSummary(const analysis::TimingChecker& checker)
 {
-    const QString text = SummaryText(checker);
+    QString text = SummaryText(checker);
+    if (m_unlisted > 0)
+        text += QStringLiteral("; the first %1 listed").arg(kMaxRows);
     if (m_summary->text() != text)
         m_summary->setText(text);
 }

@@ -19,6 +19,11 @@ public:
 
     enum Column { kTime = 0, kEvent, kRule, kSeverity, kMeasured, kLimit, kColumns };
 
+    // A session that breaks a rule at every packet would fill the list with
+    // hundreds of thousands of rows: it lists the first this many (the
+    // summary still counts them all).
+    static constexpr int kMaxRows = 10000;
+
     QTreeWidget* List() const { return m_list; }
     QLabel* Summary() const { return m_summary; }
     // The summary as the label shows it, from the checker's counts.
@@ -37,4 +42,5 @@ signals:
 private:
     QLabel* m_summary = nullptr;
     QTreeWidget* m_list = nullptr;
+    int m_unlisted = 0;
 };

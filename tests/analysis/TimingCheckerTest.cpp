@@ -402,3 +402,94 @@ TEST(TimingFile, EdgesAndFindingsComeBack)
     EXPECT_EQ(findings[0].Line(), f.Line());
     EXPECT_FALSE(analysis::TimingFile::Read(path + ".missing", edges, findings));
 }
+
+namespace {
+
+// A receiver packet as the envelope of its capture record: idle, the packet
+// at the bit rate with the preamble, idle; the event's start where given.
+MsgInfoPtr OnEnvelope(std::vector<uint8_t> bytes, double rateHz, int preamble, int64_t eventStartUs, int cutHead = 0,
+                      int cutTail = 0)
+{
+    uint8_t x = 0;
+    for (uint8_t b : bytes)
+        x ^= b;
+    bytes.push_back(x);
+    std::vector<int> bits(static_cast<size_t>(preamble), 1);
+    for (uint8_t b : bytes) {
+        int ones = 0;
+        bits.push_back(0);
+        for (int k = 0; k < 8; ++k) {
+            bits.push_back((b >> k) & 1);
+            ones += (b >> k) & 1;
+        }
+        bits.push_back(ones % 2 == 0 ? 1 : 0);
+        bits.push_back(1);
+    }
+    // Levels in half bits, then sampled every 25 us from 1 ms before.
+    std::vector<int> halves;
+    int level = 0;
+    for (int b : bits) {
+        level ^= 1;
+        halves.push_back(level);
+        if (b)
+            level ^= 1;
+        halves.push_back(level);
+    }
+    const double halfUs = 500000.0 / rateHz;
+    const double packetUs = halfUs * static_cast<double>(halves.size());
+    auto capture = std::make_shared<TriggerData>();
+    const int64_t t0 = 1000000;  // the packet's first transition
+    capture->startTime = static_cast<uint64_t>(t0 - 1000 + 25 * cutHead);
+    for (double t = -1000.0 + 25 * cutHead; t < packetUs + 1000.0 - 25 * cutTail; t += 25.0) {
+        int v = 0;
+        if (t >= 0 && t < packetUs)
+            v = halves[static_cast<size_t>(t / halfUs)];
+        capture->samples.push_back(600 + 3000 * v);
+    }
+    auto e = Rx({0x03}, eventStartUs, eventStartUs + 20000, 11);
+    e->packet.PacketData = SpacedHex(bytes.data(), bytes.size());
+    e->packet.numbytesInPacket = bytes.size();
+    e->type = bytes[0];
+    e->capture = capture;
+    return e;
+}
+
+}  // namespace
+
+TEST(TimingChecker, APacketIsMeasuredOnItsEnvelope)
+{
+    TimingChecker::AskMeasure m;
+    ASSERT_TRUE(TimingChecker::MeasureAsk(*OnEnvelope({0x03, 0x0B}, 2000.0, 13, 1000000), m));
+    EXPECT_NEAR(m.rateHz, 2000.0, 2.0);
+    EXPECT_EQ(m.preamble, 13);
+    EXPECT_NEAR(static_cast<double>(m.startUs), 1000000.0, 15.0);
+    EXPECT_NEAR(static_cast<double>(m.endUs), 1000000.0 + (13 + 33) * 500.0, 30.0);
+    ASSERT_TRUE(TimingChecker::MeasureAsk(*OnEnvelope({0x71, 0x13, 0x00, 0x5A, 0x80, 0x01, 0x02, 0x03}, 2120.0, 11,
+                                                      1000000),
+                                          m));
+    EXPECT_NEAR(m.rateHz, 2120.0, 3.0);
+    EXPECT_EQ(m.preamble, 11);
+}
+
+TEST(TimingChecker, ARecordCutAtEitherEndIsStillMeasuredWhole)
+{
+    // The record begins inside the first pulse (its first transition is
+    // not in it) and ends before the packet's last half bit: the decoders'
+    // start is late and their preamble count one short, as a burst cut that
+    // way gives them.
+    TimingChecker::AskMeasure m;
+    auto e = OnEnvelope({0x03, 0x0B}, 1880.0, 12, 1000150, 44, 48);
+    e->packet.premambleCount = 11;
+    ASSERT_TRUE(TimingChecker::MeasureAsk(*e, m));
+    EXPECT_NEAR(m.rateHz, 1880.0, 3.0);
+    EXPECT_EQ(m.preamble, 12);
+    EXPECT_NEAR(static_cast<double>(m.startUs), 1000000.0, 20.0);
+    // Judged with the envelope's numbers: the bit rate is too slow, the
+    // preamble is fine.
+    Stream r;
+    r.Add(e);
+    const auto f = r.Done();
+    ASSERT_EQ(f.size(), 1u);
+    EXPECT_EQ(f[0].rule, TimingRule::AskBitRate);
+    EXPECT_EQ(f[0].op, "<");
+}

@@ -8,6 +8,7 @@
 
 #include <json/json.h>
 
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <string>
@@ -97,9 +98,22 @@ TEST(CliCheck, ASessionFileIsJudgedWithItsTimingFileAsTheCaptureWas)
     const Result fromSid = RunCli("check " + e2e::Quote(sid));
     EXPECT_EQ(raw.status, 0);
     EXPECT_EQ(fromSid.status, 0);
-    EXPECT_EQ(fromSid.out, raw.out);
-    ASSERT_EQ(e2e::Lines(raw.out).size(), 2u) << raw.out;
-    EXPECT_NE(raw.out.find(" terminate-after-ept "), std::string::npos) << raw.out;
+    // The same finding of the same event (replay --sid writes no record
+    // file, so the session's packets are timed by the decoders' spans rather
+    // than on their envelopes: the numbers may differ by a few tens of us).
+    const auto a = e2e::Lines(raw.out), b = e2e::Lines(fromSid.out);
+    ASSERT_EQ(a.size(), 2u) << raw.out;
+    ASSERT_EQ(b.size(), 2u) << fromSid.out;
+    const std::regex parts(R"(^([0-9.]+) ([a-z-]+) ([0-9.]+) ms > 28 ms (event \d+)$)");
+    std::smatch ma, mb;
+    ASSERT_TRUE(std::regex_match(a[0], ma, parts)) << a[0];
+    ASSERT_TRUE(std::regex_match(b[0], mb, parts)) << b[0];
+    EXPECT_EQ(ma[2], "terminate-after-ept");
+    EXPECT_EQ(mb[2], ma[2]);
+    EXPECT_EQ(mb[4], ma[4]);
+    EXPECT_NEAR(std::stod(mb[1]), std::stod(ma[1]), 0.2);
+    EXPECT_NEAR(std::stod(mb[3]), std::stod(ma[3]), 0.2);
+    EXPECT_EQ(b[1], a[1]);
 }
 
 TEST(CliCheck, TheRecordedEmulatorSessionIsChecked)
@@ -142,7 +156,7 @@ TEST(SimBreach, ALiveCaptureOfABreachIsFoundOnceByCheck)
     e2e::Sim sim(dir, {"--breach", "ce-interval", "--speed", "5", "--record", dir + "/ask.bin", dir + "/fsk.bin"});
     ASSERT_TRUE(sim.ok);
     // 4 s at five times real speed: 20 s of stream, the breach at about 11 s.
-    const Result capture = e2e::Shell(sim.Env() + std::string(COILSCOPE_CLI) + " capture --seconds 4 >/dev/null 2>&1");
+    const Result capture = e2e::Shell(sim.Env() + std::string(COILSCOPE_CLI) + " capture --seconds 4 2>/dev/null");
     sim.Stop();
     ASSERT_EQ(capture.status, 0);
     const Result r = RunCli("check " + e2e::Quote(dir + "/ask.bin") + " " + e2e::Quote(dir + "/fsk.bin"));
@@ -151,4 +165,23 @@ TEST(SimBreach, ALiveCaptureOfABreachIsFoundOnceByCheck)
     EXPECT_NE(lines[0].find(" ce-interval "), std::string::npos) << r.out;
     EXPECT_NE(lines[1].find(": 0 errors, 1 warnings"), std::string::npos) << r.out;
     EXPECT_EQ(r.status, 0);
+
+    // The capture's own session: its .timing beside the .sid holds the
+    // carrier's edges and the finding, and checking the .sid finds it again.
+    const std::string tag = "session saved in ";
+    const size_t at = capture.out.find(tag);
+    ASSERT_NE(at, std::string::npos) << capture.out.substr(0, 300);
+    const std::string folder = capture.out.substr(at + tag.size(), capture.out.find('\n', at) - at - tag.size());
+    std::string sid;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        if (entry.path().extension() == ".sid")
+            sid = entry.path().string();
+    ASSERT_FALSE(sid.empty()) << folder;
+    const std::string timing = e2e::ReadFile(sid.substr(0, sid.size() - 4) + ".timing");
+    EXPECT_NE(timing.find("\"rule\":\"ce-interval\""), std::string::npos) << timing.substr(0, 300);
+    const Result again = RunCli("check " + e2e::Quote(sid));
+    // The live session is what the host read in time: on a loaded machine it
+    // may have missed a frame the recording holds, so it is only asked to
+    // hold the breach.
+    EXPECT_NE(again.out.find(" ce-interval "), std::string::npos) << again.out;
 }

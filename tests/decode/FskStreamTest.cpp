@@ -346,3 +346,29 @@ TEST(FskCarrierTracker, PacketPolarityComesFromTheDetectedPolarityFirst)
     EXPECT_EQ(DetectOnePacket()->polarity, 0);
     s.m_Polarity = before;
 }
+
+TEST(CThreadFSK, EachFrameOfAChunkOfSeveralIsTimedByItsOwnStamp)
+{
+    // A reader that fell behind hands over three frames in one chunk, each
+    // of two words, stamped 10, 11 and 12 ms: each frame's words end at its
+    // own stamp (the last frame's too, which the chunk's whole sum would set
+    // early by the frames before it and their headers).
+    CThreadFSK fsk;
+    std::vector<uint8_t> bytes;
+    for (int stamp : {10, 11, 12}) {
+        for (int b : {4, 0, 0, 0, stamp, 0, 0, 0})
+            bytes.push_back(static_cast<uint8_t>(b));
+        for (int w : {30000, 30000}) {
+            bytes.push_back(static_cast<uint8_t>(w & 0xFF));
+            bytes.push_back(static_cast<uint8_t>(w >> 8));
+        }
+    }
+    std::vector<int64_t> ends;
+    fsk.ParseChunk(bytes.data(), 6);  // the first frame alone, as the device paces it
+    ends.push_back(fsk.Ticks());
+    CThreadFSK all;
+    all.ParseChunk(bytes.data(), bytes.size() / 2);
+    EXPECT_EQ(ends[0], 600000);
+    EXPECT_EQ(all.Ticks(), 12 * 60000);
+    EXPECT_EQ(all.Stamp(), 12u);
+}
