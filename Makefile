@@ -57,6 +57,7 @@ bench: deps
 	@echo "== FSK readers compared: the frame decoder alone and merged with the second reader"; ./build-release/tests/events_tests --gtest_filter='FskBothReaders.Every*' | grep -v '^\['
 	@echo "== display filter over an eight-hour session (440 000 events)"; ./build-release/bench/filter_rates
 	@echo "== the event window's display filter over an eight-hour session (440 000 events)"; ./build-release/bench/window_filter
+	@echo "== timing checker over ten minutes of the emulator's session: share of a core live"; ./build-release/bench/timing_check_rates
 	@echo "== real-time dock refresh"; ./build-release/bench/dock_refresh
 	@echo "== wave panel refresh"; ./build-release/bench/wave_panel_refresh
 	@echo "== capture records, plain and compressed: bytes a record per stream, MiB an hour, coding and loading one old record"; ./build-release/bench/record_rates 10

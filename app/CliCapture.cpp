@@ -2,6 +2,8 @@
 
 #include "app/CliReplay.h"
 #include "app/CliShow.h"
+#include "analysis/TimingChecker.h"
+#include "analysis/TimingFile.h"
 #include "app/SessionPrinter.h"
 #include "capture/AcquisitionController.h"
 #include "capture/CommandProtocol.h"
@@ -181,6 +183,35 @@ int RunCapture(int argc, char** argv)
     // The Start marker's line.
     printer.After({});
 
+    // The session's timing file beside its .sid (a new one with each .sid):
+    // the carrier's edges as they come and the timing checker's findings.
+    analysis::TimingChecker checker(analysis::TimingLimits::FromSettings(SettingParams::Instance()));
+    analysis::TimingFile timingFile;
+    std::string timingSid;
+    checker.onFinding = [&](const analysis::TimingFinding& f) { timingFile.WriteFinding(f); };
+    {
+        auto before = model.eventAdded;
+        model.eventAdded = [&checker, before](const MsgInfo& e, int phase) {
+            if (before)
+                before(e, phase);
+            checker.Add(e, e.id);
+        };
+    }
+    auto takeEdges = [&] {
+        if (model.SidPath() != timingSid) {
+            timingSid = model.SidPath();
+            checker.Reset();
+            timingFile.Close();
+            if (!timingSid.empty())
+                timingFile.Create(analysis::TimingFile::PathBeside(timingSid));
+        }
+        std::vector<CarrierEdge> edges;
+        controller.Manager().TakeCarrierEdges(edges);
+        for (const CarrierEdge& e : edges)
+            timingFile.WriteEdge(e);
+        checker.AddCarrierEdges(edges);
+    };
+
     const auto begin = std::chrono::steady_clock::now();
     auto elapsed = [&begin] {
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
@@ -199,6 +230,7 @@ int RunCapture(int argc, char** argv)
             }
             std::vector<MsgInfoPtr> batch;
             controller.Manager().GetEvents(batch);
+            takeEdges();
             printer.Before();
             model.AddEvents(batch);
             printer.After(batch);
@@ -214,6 +246,7 @@ int RunCapture(int argc, char** argv)
         // readers still held for each other, belong to this session.
         std::vector<MsgInfoPtr> rest;
         controller.Manager().TakeAllEvents(rest);
+        takeEdges();
         if (!rest.empty()) {
             printer.Before();
             model.AddEvents(rest);
@@ -222,6 +255,7 @@ int RunCapture(int argc, char** argv)
         printer.Before();
         model.StopAcquisition();
         printer.After({});
+        checker.Finish();
     }
     model.CloseStreams();
     if (stats) {

@@ -1,5 +1,7 @@
 #include "app/CliReplay.h"
 
+#include "analysis/TimingChecker.h"
+#include "analysis/TimingFile.h"
 #include "app/CliShow.h"
 #include "app/SessionPrinter.h"
 #include "events/EventLogModel.h"
@@ -28,7 +30,8 @@ const char* kReplayHelp =
     "is a frame cut by the start of the file, told on stderr) go\n"
     "through the same decoders and data manager as a live capture, in capture\n"
     "time order, and the session's log is printed (--json: one JSON object per\n"
-    "event). --sid OUT also writes the events as a session file.\n"
+    "event). --sid OUT also writes the events as a session file, and beside it\n"
+    "OUT's .timing file: the carrier's edges and the timing findings (see check).\n"
     "--ask-reader both (the default, unless the settings turn the second\n"
     "reader off) reads the receiver's packets with the list decoder and a\n"
     "second reader, which recovers what the list decoder missed and corrects\n"
@@ -246,12 +249,37 @@ int RunReplay(int argc, char** argv)
     if (replay.SkippedFsk() > 0)
         std::fprintf(stderr, "replay: skipped %zu bytes before the first whole frame of %s\n", replay.SkippedFsk(),
                      files[1].c_str());
+    // With --sid, the timing file beside it: the carrier's edges as they
+    // come and the findings of the timing checker.
+    analysis::TimingFile timingFile;
+    analysis::TimingChecker checker(analysis::TimingLimits::FromSettings(SettingParams::Instance()));
+    std::vector<CarrierEdge> edges;
+    if (sid && timingFile.Create(analysis::TimingFile::PathBeside(sidOut))) {
+        checker.onFinding = [&](const analysis::TimingFinding& f) { timingFile.WriteFinding(f); };
+        // After the printer's own look at each event (its filter), if it has one.
+        auto before = model.eventAdded;
+        model.eventAdded = [&checker, before](const MsgInfo& e, int phase) {
+            if (before)
+                before(e, phase);
+            checker.Add(e, e.id);
+        };
+    }
+    auto takeEdges = [&] {
+        if (!timingFile.IsOpen())
+            return;
+        edges.clear();
+        replay.Manager().TakeCarrierEdges(edges);
+        for (const CarrierEdge& e : edges)
+            timingFile.WriteEdge(e);
+        checker.AddCarrierEdges(edges);
+    };
     const bool showProgress = isatty(2) && replay.DurationMs() > 60000.0;
     int shown = -1;  // the percentage on the terminal; written again only when it changes
     replay.Run(
         [&](std::vector<MsgInfoPtr>& events) {
             for (const auto& e : events)
                 WriteSessionRecord(sid, *e);
+            takeEdges();
             printer.Before();
             model.AddEvents(events);
             printer.After(events);
@@ -265,6 +293,9 @@ int RunReplay(int argc, char** argv)
         });
     if (showProgress)
         std::fputs("\rreplay 100 %\n", stderr);
+    takeEdges();
+    if (timingFile.IsOpen())
+        checker.Finish();
     // What the second readers changed, as the session's statistics tell it.
     CDataManager& manager = replay.Manager();
     if (manager.SecondAskReader()) {

@@ -1,5 +1,6 @@
 // coilscope-cli: the decoding engine without a window.
 #include "app/CliCapture.h"
+#include "app/CliCheck.h"
 #include "app/CliDecode.h"
 #include "app/CliExport.h"
 #include "app/CliReplay.h"
@@ -50,6 +51,7 @@ void PrintUsage(std::FILE* to)
         "  replay  play raw capture files, a session file or a sigrok session (.sr)\n"
         "          through the decoders\n"
         "  export  write a session or raw capture files as a sigrok session (.sr)\n"
+        "  check   judge a session's packets against the Qi timing rules\n"
         "  demo    synthesize a short receiver session (ping, identification,\n"
         "          configuration, power transfer), stream it through the ASK\n"
         "          decoding chain as the device would send it, and print every\n"
@@ -165,6 +167,8 @@ int main(int argc, char** argv)
         return RunReplay(argc - 2, argv + 2);
     if (command == "export")
         return RunExport(argc - 2, argv + 2);
+    if (command == "check")
+        return RunCheck(argc - 2, argv + 2);
     std::fprintf(stderr, "coilscope-cli: unknown command '%s' (try --help)\n", argv[1]);
     return 2;
 }

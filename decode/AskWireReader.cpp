@@ -108,6 +108,16 @@ int AskWireBitReader::MessageSize(uint8_t header)
     return QiMessageLength(header);
 }
 
+AskWireBitReader::AskWireBitReader() : minPreambleHalves_(kMinPreambleHalves)
+{
+    Clear();
+}
+
+void AskWireBitReader::SetMinPreambleHalves(long halves)
+{
+    minPreambleHalves_ = std::max<long>(kGather, halves);
+}
+
 void AskWireBitReader::Clear()
 {
     phase_ = Phase::None;
@@ -268,11 +278,11 @@ AskWireBitReader::Step AskWireBitReader::Edge(double t)
         // Early in the preamble the clock is known from a few transitions
         // only: any transition within one and a half half-bits of the last
         // is the next one (no start bit may come yet). Later the fit decides.
-        const long k = last_ < kMinPreambleHalves ? (t - previous_ < 1.6 * h_ ? last_ + 1 : last_ + 3) : Nearest(t);
+        const long k = last_ < minPreambleHalves_ ? (t - previous_ < 1.6 * h_ ? last_ + 1 : last_ + 3) : Nearest(t);
         if (k == last_ + 1) {
             AddPoint(k, t);
             last_ = k;
-        } else if (k == last_ + 2 && last_ >= kMinPreambleHalves && Fits(k, t)) {
+        } else if (k == last_ + 2 && last_ >= minPreambleHalves_ && Fits(k, t)) {
             // The transition at last_ began the start bit, and this one ends
             // it, on the preamble's clock (a start bit off the preamble's
             // phase is no start bit).

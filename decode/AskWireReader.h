@@ -46,7 +46,14 @@ public:
         Failed,  // a packet whose bytes had begun did not check
     };
 
-    AskWireBitReader() { Clear(); }
+    AskWireBitReader();
+
+    // Half bits of preamble (transitions half a bit apart) a start bit needs
+    // before it: 21 by default, more than data bytes ever hold in a row, so
+    // that the reader can't lock onto the middle of a packet. Fewer serve
+    // only where the reading starts in the idle before a packet and is held
+    // against another reader's (not fewer than the 8 gathered to find it).
+    void SetMinPreambleHalves(long halves);
 
     // Forgets the run under way.
     void Clear();
@@ -100,6 +107,7 @@ private:
     // bits; the packet's largest so far is kept.
     bool Fits(long k, double t);
 
+    long minPreambleHalves_;
     Phase phase_ = Phase::None;
     double deadline_ = 0.0;
     double gather_[kGather] = {};
@@ -151,6 +159,8 @@ public:
 
     // Forgets everything, as at the start of a capture.
     void Reset();
+    // See AskWireBitReader::SetMinPreambleHalves.
+    void SetMinPreambleHalves(long halves) { bits_.SetMinPreambleHalves(halves); }
 
 private:
     enum class State { Fresh, Idle, Levels, Active };

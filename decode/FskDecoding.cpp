@@ -42,6 +42,16 @@ int FskDecodingPass(CThreadFSK& fsk, FskDecodingHost& host)
         if (host.LinkIdle())
             host.AddDigitalPing(ping);
     }
+    {
+        // One loop at a time, so that the edges reach the host in order.
+        static std::mutex edgeTurn;
+        std::lock_guard<std::mutex> turn(edgeTurn);
+        thread_local std::vector<CarrierEdge> edges;
+        edges.clear();
+        fsk.TakeCarrierEdges(edges);
+        if (!edges.empty())
+            host.AddCarrierEdges(edges);
+    }
     if (host.ClaimLinkLoss())
         host.LinkLost();
     host.PushFrequency(0.0, static_cast<double>(fsk.CurrentFrequency()));

@@ -26,6 +26,8 @@ public:
     // The link is lost: reset it, report the timeout, re-send the DAC value.
     virtual void LinkLost() = 0;
     virtual void PushFrequency(double first, double second) = 0;
+    // The carrier's edges (for the timing checker), oldest first.
+    virtual void AddCarrierEdges(const std::vector<CarrierEdge>& edges) { (void)edges; }
 
     // The second FSK reader, for hosts that have one: whether it reads, the
     // words of the stream's wire feed as they came (each with its capture time

@@ -87,6 +87,7 @@ void FskCarrierTracker::Reset()
     m_stable = true;
     m_pingInProgress = false;
     m_pingStart = m_pingEnd = m_pingPeriod = m_pingFrequency = 0;
+    m_carrierOn = false;
     m_displayFrequency.store(0, std::memory_order_relaxed);
     m_blockStartTicks = 0;
     m_a = DistanceAverager();
@@ -171,9 +172,15 @@ void FskCarrierTracker::Feed(int32_t w, int64_t t)
             }
             m_pingStart -= v;
             m_pingEnd = t + v + static_cast<int64_t>(m_current.size());
+            if (!m_carrierOn && m_callback)
+                m_callback->CarrierEdge(true, m_pingStart);
+            m_carrierOn = true;
         }
     } else {
         m_stable = false;
+        const bool carrierWasOn = m_carrierOn;
+        m_carrierOn = false;
+        int64_t offTicks = 0;
         if (m_pingInProgress) {
             m_pingInProgress = false;
             m_pingFrequency = 0;
@@ -188,6 +195,17 @@ void FskCarrierTracker::Feed(int32_t w, int64_t t)
                 m_callback->DigitalPing(m_pingStart, m_pingEnd, m_pingPeriod);
             DropPacket();
         }
+        if (carrierWasOn) {
+            // The words of the block that still had a carrier in the band.
+            offTicks = m_blockStartTicks - m_current.front();
+            for (int32_t word : m_current) {
+                if (word <= m_minPeriod || word >= m_maxPeriod)
+                    break;
+                offTicks += word;
+            }
+        }
+        if (carrierWasOn && m_callback)
+            m_callback->CarrierEdge(false, offTicks);
     }
 
     m_previous = m_current;

@@ -18,6 +18,15 @@ public:
     virtual void Reserved() {}
     virtual void DigitalPing(int64_t startTicks, int64_t endTicks, int64_t period) = 0;
     virtual void FskPacket(std::shared_ptr<TriggerData> packet) = 0;
+    // The carrier came on (the start of its first stable block, reckoned back
+    // over the words that already had its period) or went off (the end of
+    // the last word that still had it). Unlike a ping, a carrier that stays
+    // on for a whole power transfer, or moves its frequency, is one span.
+    virtual void CarrierEdge(bool on, int64_t ticks)
+    {
+        (void)on;
+        (void)ticks;
+    }
 };
 
 // Average distance of words to a target, given every sixth call: five words
@@ -70,6 +79,7 @@ public:
     int32_t LowCentre() const { return m_lowCentre; }
     bool Stable() const { return m_stable; }
     bool PingInProgress() const { return m_pingInProgress; }
+    bool CarrierOn() const { return m_carrierOn; }
     bool PacketActive() const { return m_active; }
     int64_t MinPeriod() const { return m_minPeriod; }
 
@@ -105,6 +115,8 @@ private:
     int64_t m_maxPeriod;
     int64_t m_minPeriod;
     TriggerFskCallback* m_callback = nullptr;
+    // The carrier as the edges report it.
+    bool m_carrierOn = false;
 
     // Packet detector.
     DistanceAverager m_a;  // distance to the high centre

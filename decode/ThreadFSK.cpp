@@ -4,6 +4,7 @@
 #include "decode/CaptureFile.h"
 #include "services/SettingParams.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -285,6 +286,22 @@ DigitalPingInfoPtr CThreadFSK::TakeDigitalPing()
     auto p = m_pings.front();
     m_pings.pop_front();
     return p;
+}
+
+void CThreadFSK::TakeCarrierEdges(std::vector<::CarrierEdge>& out)
+{
+    std::lock_guard<std::mutex> lock(m_listMutex);
+    out.insert(out.end(), m_edges.begin(), m_edges.end());
+    m_edges.clear();
+}
+
+void CThreadFSK::CarrierEdge(bool on, int64_t ticks)
+{
+    ::CarrierEdge edge;
+    edge.on = on;
+    edge.us = ticks / 60;
+    std::lock_guard<std::mutex> lock(m_listMutex);
+    m_edges.push_back(edge);
 }
 
 size_t CThreadFSK::PendingPackets()

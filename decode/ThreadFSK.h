@@ -3,6 +3,7 @@
 // packets and digital pings that it finds for the decoding threads.
 #pragma once
 
+#include "common/CarrierEdge.h"
 #include "common/DigitalPingInfo.h"
 #include "common/MyThread.h"
 #include "common/StreamFrame.h"
@@ -52,6 +53,8 @@ public:
     // Queues a packet made elsewhere (a recorded one, for instance).
     void PutPacket(std::shared_ptr<TriggerData> packet);
     DigitalPingInfoPtr TakeDigitalPing();
+    // The carrier's edges since the last call, oldest first (capture time).
+    void TakeCarrierEdges(std::vector<::CarrierEdge>& out);
     int64_t CurrentFrequency() const { return m_tracker.DisplayFrequency(); }
 
     // ---- the second FSK reader
@@ -77,6 +80,7 @@ public:
 
     void DigitalPing(int64_t startTicks, int64_t endTicks, int64_t period) override;
     void FskPacket(std::shared_ptr<TriggerData> packet) override;
+    void CarrierEdge(bool on, int64_t ticks) override;
 
     FskCarrierTracker& Tracker() { return m_tracker; }
     int64_t Ticks() const { return m_ticks; }
@@ -102,6 +106,7 @@ private:
     std::mutex m_listMutex;
     std::list<std::shared_ptr<TriggerData>> m_packets;
     std::list<DigitalPingInfoPtr> m_pings;
+    std::vector<::CarrierEdge> m_edges;  // under m_listMutex
     FskCarrierTracker m_tracker;
     int m_divider = 5;
     int m_decimation = 0;

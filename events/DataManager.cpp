@@ -108,6 +108,19 @@ void CDataManager::PushFrequency(double first, double second)
         m_history2.pop_front();
 }
 
+void CDataManager::AddCarrierEdges(const std::vector<CarrierEdge>& edges)
+{
+    std::lock_guard<std::mutex> lock(m_edgeMutex);
+    m_edges.insert(m_edges.end(), edges.begin(), edges.end());
+}
+
+void CDataManager::TakeCarrierEdges(std::vector<CarrierEdge>& out)
+{
+    std::lock_guard<std::mutex> lock(m_edgeMutex);
+    out.insert(out.end(), m_edges.begin(), m_edges.end());
+    m_edges.clear();
+}
+
 double CDataManager::FirstHistoryValue()
 {
     std::lock_guard<std::mutex> lock(m_historyMutex);
@@ -167,6 +180,10 @@ void CDataManager::BeginAcquisition()
     {
         std::lock_guard<std::mutex> lock(m_queueMutex);
         m_queue.clear();
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_edgeMutex);
+        m_edges.clear();
     }
     while (m_askFilter.TakeFrame()) {
     }
@@ -276,6 +293,10 @@ void CDataManager::Clear()
         std::lock_guard<std::mutex> lock(m_queueMutex);
         m_queue.clear();
     }
+    {
+        std::lock_guard<std::mutex> lock(m_edgeMutex);
+        m_edges.clear();
+    }
     m_ask.Clear();
     m_fsk.Clear();
     m_settleAll.store(false, std::memory_order_relaxed);
@@ -377,7 +398,7 @@ bool CDataManager::CopyWireSamples(uint64_t first, uint64_t last, std::vector<in
     return true;
 }
 
-bool CDataManager::ReadAgain(uint64_t first, uint64_t last, std::vector<AskWireFrame>& frames)
+bool CDataManager::ReadAgain(uint64_t first, uint64_t last, std::vector<AskWireFrame>& frames, long minPreambleHalves)
 {
     // 240 samples (6 ms) before the span: the fresh reader measures the idle
     // level and its noise before the packet's first transition, even where
@@ -398,6 +419,8 @@ bool CDataManager::ReadAgain(uint64_t first, uint64_t last, std::vector<AskWireF
     if (!CopyWireSamples(from, last, samples))
         return false;
     AskWireReader reader;
+    if (minPreambleHalves > 0)
+        reader.SetMinPreambleHalves(minPreambleHalves);
     reader.Feed(samples.data(), samples.size(), from);
     // The end of the samples ends the packet under way: quiet after it.
     const std::vector<int32_t> quiet(kMargin, samples.empty() ? 0 : samples.back());
@@ -745,9 +768,24 @@ void CDataManager::ResolveCluster(MergeLane& lane, std::vector<Held>& cluster,
                 reread.push_back(std::move(h));
                 listDropped[j] = true;
             } else {
-                f.packet.Status = "Error";
-                f.packet.reading = "unconfirmed";
-                lane.counts.unconfirmed += 1;
+                // A preamble shorter than the second reader takes in a stream
+                // (a receiver that breaks the Qi timing): read once more
+                // taking preambles down to six ones, which can only confirm
+                // the list decoder's own bytes, never put others in their
+                // place.
+                std::vector<AskWireFrame> shortPreamble;
+                bool confirmed = false;
+                if (ReadAgain(list[j]->first, list[j]->last, shortPreamble, kShortPreambleHalves))
+                    for (const AskWireFrame& w : shortPreamble)
+                        confirmed = confirmed || (w.bytes == bytes && Overlap(w.firstSample, std::max(w.firstSample, w.endSample),
+                                                                             list[j]->first, list[j]->last));
+                if (confirmed) {
+                    lane.counts.agreed += 1;
+                } else {
+                    f.packet.Status = "Error";
+                    f.packet.reading = "unconfirmed";
+                    lane.counts.unconfirmed += 1;
+                }
             }
         }
     }

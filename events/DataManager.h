@@ -4,6 +4,7 @@
 // releases them a second behind real time.
 #pragma once
 
+#include "common/CarrierEdge.h"
 #include "common/DigitalPingInfo.h"
 #include "decode/AskWireReader.h"
 #include "decode/DataFilter.h"
@@ -35,6 +36,11 @@ public:
     // Forgets what the link negotiated.
     void ResetLink();
     void PushFrequency(double first, double second);
+    // The carrier's edges as the FSK side saw them, kept for the timing
+    // checker until taken (oldest first); an acquisition's start and Clear
+    // drop what was not taken.
+    void AddCarrierEdges(const std::vector<CarrierEdge>& edges);
+    void TakeCarrierEdges(std::vector<CarrierEdge>& out);
 
     // ---- the second ASK reader
     // On (the default) or off, set before a capture starts. Off, every frame
@@ -230,6 +236,9 @@ private:
     std::mutex m_queueMutex;
     std::list<MsgInfoPtr> m_queue;
 
+    std::mutex m_edgeMutex;
+    std::vector<CarrierEdge> m_edges;  // guarded by m_edgeMutex
+
     // Written by slots and by ResetLink from a worker; read by the views.
     std::atomic<double> m_powerFraction{0.0};
     std::atomic<int64_t> m_powerRaw{0};
@@ -259,7 +268,9 @@ private:
     // afresh, with a margin of idle before and after: what the signal says
     // of a span where the list decoder alone read a packet. False when the
     // samples are no longer at hand.
-    bool ReadAgain(uint64_t first, uint64_t last, std::vector<AskWireFrame>& frames);
+    // minPreambleHalves > 0 sets the shortest preamble the reading takes.
+    bool ReadAgain(uint64_t first, uint64_t last, std::vector<AskWireFrame>& frames, long minPreambleHalves = 0);
+    static constexpr long kShortPreambleHalves = 12;
     // The second FSK reader, on the FSK decoding threads in turn, with the
     // newest words it was given.
     std::atomic<bool> m_secondFskReader{true};

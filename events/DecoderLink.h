@@ -40,6 +40,7 @@ public:
     bool ClaimLinkLoss() override;
     void LinkLost() override;
     void PushFrequency(double first, double second) override { m_manager.PushFrequency(first, second); }
+    void AddCarrierEdges(const std::vector<CarrierEdge>& edges) override { m_manager.AddCarrierEdges(edges); }
     bool ReadsFskWire() const override { return m_manager.SecondFskReader(); }
     void ReadFskWire(const uint16_t* words, const int64_t* ticks, size_t n) override
     {

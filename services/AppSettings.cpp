@@ -38,6 +38,28 @@ void TakeInt(const Json::Value& root, const char* key, int32_t& field)
         field = v->asInt();
 }
 
+// The timing checker's limits: key, field and default.
+struct TimingKey {
+    const char* key;
+    int32_t SettingParams::*field;
+    int32_t fallback;
+};
+const TimingKey kTimingKeys[] = {
+    {"m_timing_ping_first_ms", &SettingParams::m_timing_ping_first_ms, 65},
+    {"m_timing_config_gap_ms", &SettingParams::m_timing_config_gap_ms, 21},
+    {"m_timing_config_length_ms", &SettingParams::m_timing_config_length_ms, 170},
+    {"m_timing_ce_interval_ms", &SettingParams::m_timing_ce_interval_ms, 350},
+    {"m_timing_ce_timeout_ms", &SettingParams::m_timing_ce_timeout_ms, 1800},
+    {"m_timing_holdoff_min_ms", &SettingParams::m_timing_holdoff_min_ms, 5},
+    {"m_timing_holdoff_max_ms", &SettingParams::m_timing_holdoff_max_ms, 205},
+    {"m_timing_bit_rate_hz", &SettingParams::m_timing_bit_rate_hz, 2000},
+    {"m_timing_bit_rate_tolerance_pct", &SettingParams::m_timing_bit_rate_tolerance_pct, 4},
+    {"m_timing_preamble_min", &SettingParams::m_timing_preamble_min, 11},
+    {"m_timing_preamble_max", &SettingParams::m_timing_preamble_max, 25},
+    {"m_timing_response_ms", &SettingParams::m_timing_response_ms, 10},
+    {"m_timing_terminate_ms", &SettingParams::m_timing_terminate_ms, 28},
+};
+
 // Reads the whole file. A missing, empty, unreadable or oversized file gives
 // false: there is no buffer.
 bool ReadWholeFile(const std::string& path, std::string& buffer)
@@ -158,6 +180,8 @@ bool AppSettings::Parse(const char* text, SettingParams& p)
     TakeInt(root, "m_fsk_capture_data", p.m_fsk_capture_data);
     TakeInt(root, "m_ask_second_reader", p.m_ask_second_reader);
     TakeInt(root, "m_fsk_second_reader", p.m_fsk_second_reader);
+    for (const TimingKey& k : kTimingKeys)
+        TakeInt(root, k.key, p.*k.field);
 
     const Json::Value* savePath = Member(root, "savePath");
     if (savePath && savePath->type() == Json::stringValue)
@@ -189,6 +213,8 @@ void AppSettings::SetDefaults(SettingParams& p, const std::string& savePath)
     p.m_fsk_capture_data = 0;
     p.m_ask_second_reader = 1;
     p.m_fsk_second_reader = 1;
+    for (const TimingKey& k : kTimingKeys)
+        p.*k.field = k.fallback;
     p.m_dac_value = 1700;
     p.m_auto_scope = 0;
     p.savePath = savePath;
@@ -214,6 +240,8 @@ std::string AppSettings::Serialize(const SettingParams& p)
     root["m_fsk_capture_data"] = Json::Int(p.m_fsk_capture_data);
     root["m_ask_second_reader"] = Json::Int(p.m_ask_second_reader);
     root["m_fsk_second_reader"] = Json::Int(p.m_fsk_second_reader);
+    for (const TimingKey& k : kTimingKeys)
+        root[k.key] = Json::Int(p.*k.field);
     root["savePath"] = p.savePath;
     root["m_skip_version"] = Json::Int(p.m_skip_version);
     root["m_auto_scope"] = Json::Int(p.m_auto_scope);

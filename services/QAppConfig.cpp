@@ -50,6 +50,20 @@ const Row kRows[] = {
     TextRow("Save Path", "Data Save Path", 8, &SettingParams::savePath),
     NumberRow("Common", "Window Limit Time (min)", 9, &SettingParams::m_window_time),
     FlagRow("Common", "Default Polarity", 10, &SettingParams::m_Polarity),
+    // The timing checker's limits.
+    NumberRow("Timing", "Ping to First Packet (ms)", 13, &SettingParams::m_timing_ping_first_ms),
+    NumberRow("Timing", "Config Packet Gap (ms)", 14, &SettingParams::m_timing_config_gap_ms),
+    NumberRow("Timing", "Config Packet Length (ms)", 15, &SettingParams::m_timing_config_length_ms),
+    NumberRow("Timing", "Control Error Interval (ms)", 16, &SettingParams::m_timing_ce_interval_ms),
+    NumberRow("Timing", "Control Error Timeout (ms)", 17, &SettingParams::m_timing_ce_timeout_ms),
+    NumberRow("Timing", "Hold-off Min (ms)", 18, &SettingParams::m_timing_holdoff_min_ms),
+    NumberRow("Timing", "Hold-off Max (ms)", 19, &SettingParams::m_timing_holdoff_max_ms),
+    NumberRow("Timing", "ASK Bit Rate (Hz)", 20, &SettingParams::m_timing_bit_rate_hz),
+    NumberRow("Timing", "ASK Bit Rate Tolerance (%)", 21, &SettingParams::m_timing_bit_rate_tolerance_pct),
+    NumberRow("Timing", "Preamble Min (bits)", 22, &SettingParams::m_timing_preamble_min),
+    NumberRow("Timing", "Preamble Max (bits)", 23, &SettingParams::m_timing_preamble_max),
+    NumberRow("Timing", "FSK Response Window (ms)", 24, &SettingParams::m_timing_response_ms),
+    NumberRow("Timing", "Terminate after EPT (ms)", 25, &SettingParams::m_timing_terminate_ms),
 };
 
 // The FSK switch circle has no row and no field; should a row of this name

@@ -32,6 +32,20 @@ struct SettingParams {
     int32_t m_ask_second_reader = 1;
     // The second FSK reader beside the FSK frame decoder: 1 on (the default), 0 off.
     int32_t m_fsk_second_reader = 1;
+    // The timing checker's limits (analysis/TimingChecker.h).
+    int32_t m_timing_ping_first_ms = 65;
+    int32_t m_timing_config_gap_ms = 21;
+    int32_t m_timing_config_length_ms = 170;
+    int32_t m_timing_ce_interval_ms = 350;
+    int32_t m_timing_ce_timeout_ms = 1800;
+    int32_t m_timing_holdoff_min_ms = 5;
+    int32_t m_timing_holdoff_max_ms = 205;
+    int32_t m_timing_bit_rate_hz = 2000;
+    int32_t m_timing_bit_rate_tolerance_pct = 4;
+    int32_t m_timing_preamble_min = 11;
+    int32_t m_timing_preamble_max = 25;
+    int32_t m_timing_response_ms = 10;
+    int32_t m_timing_terminate_ms = 28;
     // Learnt from the traffic of this run: 0 none, 1 or -1. Written by the
     // packet layer and read by the FSK decoders on other threads.
     std::atomic<int32_t> detectedPolarity{0};

@@ -183,7 +183,7 @@ bool DeviceEmulator::Start(std::string& error) {
     } else if (!options_.scriptText.empty()) {
         if (!SessionScript::Parse(options_.scriptText, script, error)) return false;
     } else {
-        script = SessionScript::Default(seed_);
+        script = SessionScript::Default(seed_, options_.breach);
     }
     SynthOptions synthOptions;
     synthOptions.seed = seed_;

@@ -34,6 +34,7 @@ struct EmulatorOptions {
     std::string buildDate = "2023.05.20";
     std::string scriptFile;      // empty: the built-in session
     std::string scriptText;      // used when scriptFile is empty and this isn't
+    std::string breach;          // a timing breach of the built-in session (SessionScript.h)
     std::string recordAsk;       // raw capture files of the streams as sent; both or neither
     std::string recordFsk;
     // A text file that gets one line per command taken: the port's role and the

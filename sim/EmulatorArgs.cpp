@@ -2,6 +2,7 @@
 
 #include "sim/SessionScript.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -97,6 +98,12 @@ bool ParseEmulatorArgs(const std::vector<std::string>& args, EmulatorArgs& out, 
                 error = "--script needs a file";
                 return false;
             }
+        } else if (opt == "--breach") {
+            if (!value(a.options.breach)) return false;
+            if (!IsBreach(a.options.breach)) {
+                error = "--breach takes one of the names --help lists, not '" + a.options.breach + "'";
+                return false;
+            }
         } else if (opt == "--commands") {
             if (!value(a.options.commandLog)) return false;
             if (a.options.commandLog.empty()) {
@@ -169,6 +176,8 @@ std::string EmulatorHelp() {
         "  --commands FILE        write one line per command taken: the port's\n"
         "                         role and the bytes in hex (\"command 05\")\n"
         "  --script FILE          play FILE instead of the built-in session (below)\n"
+        "  --breach NAME          break one timing rule on purpose, once, in the\n"
+        "                         built-in session's first cycle (see below)\n"
         "  --record ASKFILE FSKFILE\n"
         "                         also write both streams as raw capture files,\n"
         "                         byte for byte as sent, and ASKFILE.expected.jsonl\n"
@@ -183,6 +192,13 @@ std::string EmulatorHelp() {
         "cycles a bit, modulated periods 60 ticks shorter; no carrier reads as\n"
         "words of 65535.\n"
         "\n";
+    text += "Breaches (--breach NAME; the name is the timing rule broken):\n";
+    for (const Breach& b : Breaches()) {
+        std::string name = b.name;
+        name.resize(std::max<size_t>(name.size() + 1, 23), ' ');
+        text += "  " + name + b.what + "\n";
+    }
+    text += "\n";
     text += SessionScript::FormatHelp();
     text += "\nExit status: 0 after a signal or --seconds, 2 for bad options or a bad\n"
             "script, 1 when the ports can't be made.\n";

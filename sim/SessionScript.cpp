@@ -51,10 +51,23 @@ public:
         s.ms = ms;
         steps_.push_back(s);
     }
+    void BitRate(double hz) {
+        ScriptStep s;
+        s.kind = Kind::BitRate;
+        s.hz = hz;
+        steps_.push_back(s);
+    }
+    void Preamble(int ones) {
+        ScriptStep s;
+        s.kind = Kind::Preamble;
+        s.preamble = ones;
+        steps_.push_back(s);
+    }
 
-    // The transmitter answers 5 to 20 ms after the request ends; the receiver
-    // goes on a few ms after the answer.
-    void AnswerGap() { Wait(Uniform(6, 15)); }
+    // The transmitter answers 4 to 9 ms after the request ends (within the
+    // 10 ms the timing checker allows); the receiver goes on a few ms after
+    // the answer.
+    void AnswerGap() { Wait(Uniform(4, 9)); }
     void PacketGap() { Wait(Uniform(5, 12)); }
 
     // A request the transmitter acknowledges with the ACK pattern.
@@ -218,6 +231,17 @@ bool ParseLine(const std::vector<std::string>& words, int line, ScriptStep& step
         step.preamble = static_cast<int>(n);
         return true;
     }
+    if (verb == "bitrate") {
+        step.kind = Kind::BitRate;
+        if (!argCount(1, 1)) return false;
+        double hz = 0;
+        if (!ParseNumber(words[1], hz) || (hz != 0.0 && (hz < kMinAskBitRateHz || hz > kMaxAskBitRateHz))) {
+            error = LineError(line, "'bitrate' takes hertz from 1000 to 4000, or 0 for 2000");
+            return false;
+        }
+        step.hz = hz;
+        return true;
+    }
     if (verb == "repeat") {
         step.kind = Kind::Repeat;
         return argCount(0, 0);
@@ -245,9 +269,33 @@ bool AdvancesTime(const ScriptStep& s) {
 
 }  // namespace
 
-std::vector<ScriptStep> SessionScript::DefaultCycle(std::mt19937& rng) {
+const std::vector<Breach>& Breaches() {
+    static const std::vector<Breach> list = {
+        {"ping-to-first-packet", "the receiver answers the ping 90 ms after the carrier came on"},
+        {"config-packet-gap", "30 ms between the identification and the extended identification"},
+        {"config-packet-length", "a proprietary packet of 29 bytes (172 ms) before the configuration"},
+        {"ce-interval", "one Control Error comes 400 ms late"},
+        {"ce-timeout", "no Control Error for 2 s while the carrier stays on"},
+        {"holdoff-range", "a Power Control Hold-off of 3 ms before the configuration"},
+        {"ask-bit-rate-slow", "one Control Error at 1880 Hz (-6 %)"},
+        {"ask-bit-rate-fast", "one Control Error at 2120 Hz (+6 %)"},
+        {"ask-preamble", "one Control Error with 9 preamble ones"},
+        {"fsk-response-window", "the transmitter acknowledges the first request 14 ms after it"},
+        {"terminate-after-ept", "the carrier goes off 40 ms after End Power Transfer"},
+    };
+    return list;
+}
+
+bool IsBreach(const std::string& name) {
+    for (const Breach& b : Breaches())
+        if (name == b.name) return true;
+    return false;
+}
+
+std::vector<ScriptStep> SessionScript::DefaultCycle(std::mt19937& rng, const std::string& breach) {
     CycleBuilder b(rng);
     const double pingHz = kDefaultCarrierHz;
+    const auto breaks = [&](const char* name) { return breach == name; };
 
     // Nothing on the pad: a digital ping every 500 ms.
     b.Off(300);
@@ -258,7 +306,8 @@ std::vector<ScriptStep> SessionScript::DefaultCycle(std::mt19937& rng) {
 
     // A receiver arrives. The next ping powers it up, it answers with its
     // signal strength, and the transmitter keeps the carrier on.
-    b.Carrier(pingHz, b.Uniform(18, 30));
+    const int answer = b.Uniform(18, 30);
+    b.Carrier(pingHz, breaks("ping-to-first-packet") ? 90 : answer);
     b.Ask({0x01, Byte(b.Uniform(0x90, 0xD0))});
     b.PacketGap();
 
@@ -267,11 +316,27 @@ std::vector<ScriptStep> SessionScript::DefaultCycle(std::mt19937& rng) {
     // sends them all the same.
     b.Ask({0x71, 0x13, 0x00, 0x5A, Byte(0x80 | b.Uniform(0, 0x7F)), Byte(b.Uniform(0, 255)), Byte(b.Uniform(0, 255)),
            Byte(b.Uniform(0, 255))});
-    b.PacketGap();
+    if (breaks("config-packet-gap"))
+        b.Wait(30);
+    else
+        b.PacketGap();
     std::vector<uint8_t> xid{0x81};
     for (int i = 0; i < 8; ++i) xid.push_back(Byte(b.Uniform(0, 255)));
     b.Ask(xid);
     b.PacketGap();
+    if (breaks("holdoff-range")) {
+        b.Ask({0x06, 0x03});
+        b.PacketGap();
+    }
+    if (breaks("config-packet-length")) {
+        // The longest header (27 message bytes) with the longest preamble.
+        std::vector<uint8_t> proprietary{0xFF};
+        for (int i = 0; i < 27; ++i) proprietary.push_back(Byte(0x11 * (i % 15)));
+        b.Preamble(25);
+        b.Ask(proprietary);
+        b.Preamble(0);
+        b.PacketGap();
+    }
     // 5 W, no proprietary mode, no optional packets, window 4 ms at 8 ms,
     // m4 0: FSK polarity positive (modulated periods shorter) at the smallest depth.
     b.Ask({0x51, 0x0A, 0x00, 0x00, 0x0A, 0x00});
@@ -279,7 +344,15 @@ std::vector<ScriptStep> SessionScript::DefaultCycle(std::mt19937& rng) {
 
     // Negotiation: every specific request is acknowledged, every general
     // request answered with the data it asks for.
-    b.Acknowledged({0x20, 0x01, 0x0A});  // guaranteed power 5 W
+    if (breaks("fsk-response-window")) {
+        b.Ask({0x20, 0x01, 0x0A});  // guaranteed power 5 W, acknowledged late
+        b.Uniform(4, 9);
+        b.Wait(14);
+        b.Pattern(0xFF);
+        b.PacketGap();
+    } else {
+        b.Acknowledged({0x20, 0x01, 0x0A});  // guaranteed power 5 W
+    }
     b.Acknowledged({0x20, 0x04, 0x14});  // maximum power 10 W
     b.Ask({0x07, 0x31});                 // general request: transmitter capability
     b.AnswerGap();
@@ -302,32 +375,47 @@ std::vector<ScriptStep> SessionScript::DefaultCycle(std::mt19937& rng) {
     // that never look like FSK modulation.
     double hz = pingHz;
     const int periods = 400;
+    const int breachAt = 40;  // the control error a breach of power transfer is made at
     for (int k = 0; k < periods; ++k) {
         const double settle = 30.0 * std::exp(-k / 15.0);
         const int error = std::clamp(static_cast<int>(std::lround(settle)) + b.Uniform(-2, 2), -128, 127);
+        const bool here = k == breachAt;
+        if (here && breaks("ask-bit-rate-slow")) b.BitRate(1880);
+        if (here && breaks("ask-bit-rate-fast")) b.BitRate(2120);
+        if (here && breaks("ask-preamble")) b.Preamble(9);
         b.Ask({0x03, Byte(error)});
+        if (here && (breaks("ask-bit-rate-slow") || breaks("ask-bit-rate-fast"))) b.BitRate(0);
+        if (here && breaks("ask-preamble")) b.Preamble(0);
         if (hz > 120000.0) hz = std::max(120000.0, hz - 200.0);
         // A 3-byte packet takes 22 ms with an 11-bit preamble, 24.5 ms with 16.
-        b.Carrier(hz, 27);
+        double after = 27;
+        if (here && breaks("ce-interval")) after = 400;
+        if (here && breaks("ce-timeout")) after = 2000;
+        b.Carrier(hz, after);
         if (k % 30 == 29) {
             b.Acknowledged(ReceivedPower(0, 0.45 + b.Uniform(0, 100) / 1000.0));
             b.Carrier(hz, 5);
         }
     }
     b.Ask({0x02, 0x01});  // end power transfer: charge complete
-    b.Wait(b.Uniform(8, 15));
+    const int terminate = b.Uniform(8, 15);
+    b.Wait(breaks("terminate-after-ept") ? 40 : terminate);
 
     // The carrier stops and the receiver is taken off the pad.
     b.Off(600);
     return b.Take();
 }
 
-SessionScript SessionScript::Default(uint32_t seed) {
+SessionScript SessionScript::Default(uint32_t seed, const std::string& breach) {
     SessionScript s;
     s.generated_ = true;
     s.rng_.seed(seed);
-    s.steps_ = DefaultCycle(s.rng_);
+    s.steps_ = DefaultCycle(s.rng_, breach);
     return s;
+}
+
+SessionScript SessionScript::Default(uint32_t seed) {
+    return Default(seed, std::string());
 }
 
 bool SessionScript::Parse(const std::string& text, SessionScript& script, std::string& error) {
@@ -411,6 +499,8 @@ const char* SessionScript::FormatHelp() {
            "  wait MS              MS milliseconds with the carrier as it is\n"
            "  preamble N           N preamble ones before the following receiver\n"
            "                       packets (1 to 64; 0, the default, a random 11 to 16)\n"
+           "  bitrate HZ           ASK bit rate of the following receiver packets\n"
+           "                       (1000 to 4000 Hz; 0, the default, 2000)\n"
            "  repeat               start over from the first line\n"
            "\n"
            "Bytes are written 03, 3, 0x03, or in runs such as 03FFFC. Durations may\n"

@@ -22,6 +22,7 @@ struct ScriptStep {
         Off,       // no carrier for ms
         Wait,      // ms with the carrier as it is
         Preamble,  // preamble ones of the following receiver packets (0: a random 11 to 16)
+        BitRate,   // ASK bit rate in hz of the following receiver packets (0: 2000)
         Repeat,    // start over from the first step
     };
     Kind kind = Kind::Wait;
@@ -38,6 +39,19 @@ constexpr double kMaxStepMs = 86400000.0;  // one day
 constexpr double kMinCarrierHz = 1000.0;
 constexpr double kMaxCarrierHz = 10000000.0;
 constexpr int kMaxPreambleOnes = 64;
+constexpr double kMinAskBitRateHz = 1000.0;
+constexpr double kMaxAskBitRateHz = 4000.0;
+
+// Timing breaches the built-in session can make on purpose, once, in its
+// first cycle (coilscope-sim --breach NAME): each breaks one rule of the
+// timing checker and nothing else.
+struct Breach {
+    const char* name;  // the rule it breaks, with -slow or -fast for the bit rate
+    const char* what;  // what the receiver or transmitter does
+};
+// The breaches, in the order --help lists them.
+const std::vector<Breach>& Breaches();
+bool IsBreach(const std::string& name);
 constexpr double kDefaultCarrierHz = 128000.0;
 
 class SessionScript {
@@ -46,6 +60,8 @@ public:
     // configuration, negotiation, calibration and power transfer, then its
     // removal), drawn afresh for every cycle from the seed.
     static SessionScript Default(uint32_t seed);
+    // The same with one breach in its first cycle (an empty name: none).
+    static SessionScript Default(uint32_t seed, const std::string& breach);
 
     // A script from text. False, with a message naming the line, when the
     // text doesn't parse; the script is then left as it was.
@@ -56,7 +72,7 @@ public:
     static const char* FormatHelp();
 
     // One cycle of the built-in session.
-    static std::vector<ScriptStep> DefaultCycle(std::mt19937& rng);
+    static std::vector<ScriptStep> DefaultCycle(std::mt19937& rng, const std::string& breach = std::string());
 
     // The next step to play. Repeat steps are followed here and never
     // returned. False once a script without Repeat has ended.

@@ -45,7 +45,7 @@ StreamSynth::StreamSynth(SessionScript script, const SynthOptions& options)
 
 qisim::AskWaveParams StreamSynth::AskParams() const {
     qisim::AskWaveParams p;
-    p.samplesPerBit = kAskSamplesPerBit;
+    p.samplesPerBit = bitRateHz_ > 0.0 ? 40000.0 / bitRateHz_ : kAskSamplesPerBit;
     p.idleLevel = kAskIdleLevel;
     p.swing = SwingForDac(dac_);
     p.riseSamples = 2.0;
@@ -164,6 +164,10 @@ void StreamSynth::Advance() {
             return;
         case Kind::Preamble:
             preamble_ = step.preamble;
+            return;
+        case Kind::BitRate:
+            bitRateHz_ = step.hz;
+            ask_.SetParams(AskParams());
             return;
         case Kind::Repeat:
             return;  // followed by the script itself

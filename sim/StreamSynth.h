@@ -88,6 +88,7 @@ private:
     SessionScript script_;
     SynthOptions options_;
     int32_t dac_ = kDefaultDac;
+    double bitRateHz_ = 0.0;  // ASK bit rate of the next packets; 0: 2 kHz (before ask_, which reads it)
     qisim::AskWaveWriter ask_;
 
     // The link as the script left it.

@@ -20,11 +20,15 @@
 #include "views/QWindowReal.h"
 #include "views/SampleGui.h"
 #include "views/WaveView.h"
+#include "views/TimingFindingsView.h"
+#include "views/Properties.h"
+#include "analysis/TimingFile.h"
 
 #include <QAction>
 #include <QApplication>
 #include <QCheckBox>
 #include <QCloseEvent>
+#include <QDockWidget>
 #include <QDir>
 #include <QFileInfo>
 #include <QGridLayout>
@@ -146,6 +150,7 @@ MainWindow::MainWindow(std::string portPattern, QWidget* parent) : QMainWindow(p
         else
             menuBar()->addMenu(go);
     }
+    BuildTimingDock();
     // The five view toggles say what the dock shows, whatever showed or hid a
     // view.
     connect(m_dock, &QWindowReal::signals_viewShown, this, [this](QWidget* view, bool shown) {
@@ -541,6 +546,40 @@ void MainWindow::StopAndDisconnect()
 
 // ---- The refresh cycle ----
 
+// The timing findings in a dock of their own: a row per finding, the
+// session's summary, a double click selects the finding's event; the
+// property pane shows each packet's timing from the same checker.
+void MainWindow::BuildTimingDock()
+{
+    QEventWindow* events = m_dock->EventWindow();
+    auto* dock = new QDockWidget(QStringLiteral("Timing Findings"), this);
+    dock->setObjectName(QStringLiteral("dockTimingFindings"));
+    m_timingView = new TimingFindingsView(dock);
+    dock->setWidget(m_timingView);
+    addDockWidget(Qt::BottomDockWidgetArea, dock);
+    resizeDocks({dock}, {150}, Qt::Vertical);
+    // Hidden until a session has a finding, or the Sniffer menu shows it.
+    dock->hide();
+    QAction* toggle = dock->toggleViewAction();
+    toggle->setObjectName(QStringLiteral("actionTimingFindings"));
+    if (QMenu* sniffer = findChild<QMenu*>(QStringLiteral("menuSniffer"))) {
+        const QList<QAction*> entries = sniffer->actions();
+        QAction* before = nullptr;
+        for (int i = 0; i + 1 < entries.size(); ++i)
+            if (entries[i]->objectName() == QLatin1String("actionPercentageChart"))
+                before = entries[i + 1];
+        sniffer->insertAction(before, toggle);
+    }
+    connect(events, &QEventWindow::timingFinding, dock, [dock] {
+        if (!dock->isVisible())
+            dock->show();
+    });
+    connect(events, &QEventWindow::timingFinding, m_timingView, &TimingFindingsView::AddFinding);
+    connect(events, &QEventWindow::timingCleared, m_timingView, &TimingFindingsView::ClearFindings);
+    connect(m_timingView, &TimingFindingsView::eventActivated, this, [events](qint64 number) { events->GoTo(number); });
+    m_dock->PropertyView()->SetTimingChecker(&events->Timing());
+}
+
 void MainWindow::TimeOut_slot()
 {
     if (!m_controller->Acquiring()) {
@@ -551,8 +590,15 @@ void MainWindow::TimeOut_slot()
     QElapsedTimer took;
     took.start();
     RealTimeSample sample;
-    if (m_tabWidget->currentIndex() == 0)
+    if (m_tabWidget->currentIndex() == 0) {
         m_controller->Manager().GetEvents(sample.events);
+        // The carrier's edges reach the timing checker before the events.
+        std::vector<CarrierEdge> edges;
+        m_controller->Manager().TakeCarrierEdges(edges);
+        if (!edges.empty())
+            m_dock->EventWindow()->AddCarrierEdges(edges);
+        m_timingView->UpdateSummary(m_dock->EventWindow()->Timing());
+    }
     // The wave panels in AutoTrigger mode look at the newest event of the batch.
     if (m_askPanel->isVisible() && !m_askPanel->FreeRun())
         m_askPanel->ShowPackets(sample.events);
@@ -662,11 +708,18 @@ void MainWindow::OpenSession()
             m_dock->EventWindow()->Model().ShowInPlace(path.toStdString(), std::move(offsets));
     }
     m_dock->StartMark();
+    // The carrier's edges saved beside the .sid: the session is judged again
+    // as it was live, and its findings come back.
+    std::vector<CarrierEdge> edges;
+    std::vector<analysis::TimingFinding> saved;
+    if (analysis::TimingFile::Read(analysis::TimingFile::PathBeside(path.toStdString()), edges, saved))
+        m_dock->EventWindow()->AddCarrierEdges(edges);
     RealTimeSample sample;
     sample.events = std::move(events);
     m_dock->PushSample(sample);
     m_dock->Redraw();
     m_dock->EndMark();
+    m_timingView->UpdateSummary(m_dock->EventWindow()->Timing());
     m_openedFile = path;
     UpdateStatus();
 }

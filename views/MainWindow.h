@@ -87,6 +87,7 @@ public:
 
     AcquisitionController& Controller() { return *m_controller; }
     QWindowReal* Dock() const { return m_dock; }
+    class TimingFindingsView* TimingView() const { return m_timingView; }
     QTabWidget* Tabs() const { return m_tabWidget; }
     QAction* Action(const QString& objectName) const { return m_actions.value(objectName); }
     MainWindowPanels& Panels() { return m_panels; }
@@ -146,7 +147,9 @@ private:
     QString m_programFolder;
     QMap<QString, QAction*> m_actions;
     QTabWidget* m_tabWidget = nullptr;
+    void BuildTimingDock();
     QWindowReal* m_dock = nullptr;
+    class TimingFindingsView* m_timingView = nullptr;  // in the "Timing Findings" dock
     QToolBar* m_mainToolBar = nullptr;
     QToolBar* m_toolBar = nullptr;
     QLabel* m_snifferLabel = nullptr;

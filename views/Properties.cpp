@@ -316,6 +316,8 @@ void Properties::Fill(const MsgInfo& info, int mode)
     const std::vector<Group>& groups = kGroups[mode];
     for (Group g : groups)
         AddGroup(*m_tree, g, info);
+    if (mode == kItemEvent)
+        AddTimingGroup(info);
     m_tree->ResizeToContents();
     FillDissection(info, mode);
 }
@@ -327,6 +329,43 @@ void Properties::ShowRecordNote(const QString& note)
     QStandardItem* group = m_tree->AddGroup(QStringLiteral("Capture Record"));
     m_tree->AddRow(group, QStringLiteral("Wave"), note);
     m_tree->ResizeToContents();
+}
+
+void Properties::AddTimingGroup(const MsgInfo& info)
+{
+    const int64_t number = info.common.eventNumber > 0 ? info.common.eventNumber : info.id;
+    const analysis::PacketTiming* p = m_timing ? m_timing->TimingOf(number) : nullptr;
+    if (!p)
+        return;
+    QStandardItem* group = m_tree->AddGroup(QStringLiteral("Timing"));
+    const auto ms = [](double v) { return QString::fromStdString(analysis::FindingNumber(v) + " ms"); };
+    m_tree->AddRow(group, QStringLiteral("Gap Before"), p->gapBeforeMs < 0.0f ? QStringLiteral("-") : ms(p->gapBeforeMs));
+    m_tree->AddRow(group, QStringLiteral("Duration"), ms(p->DurationMs()));
+    if (p->rx) {
+        m_tree->AddRow(group, QStringLiteral("Bit Rate"),
+                       p->bitRateHz > 0.0f ? QString::fromStdString(analysis::FindingNumber(p->bitRateHz) + " Hz")
+                                           : QStringLiteral("-"));
+        m_tree->AddRow(group, QStringLiteral("Preamble"),
+                       p->preamble >= 0 ? QString::number(p->preamble) : QStringLiteral("-"));
+    }
+    // Each rule it was judged by, and what was found.
+    std::vector<const analysis::TimingFinding*> found;
+    for (const auto& f : m_timing->Findings())
+        if (f.event == number)
+            found.push_back(&f);
+    for (int r = 0; r < analysis::kTimingRuleCount; ++r) {
+        const auto rule = static_cast<analysis::TimingRule>(r);
+        if (!p->Judged(rule))
+            continue;
+        QString result = QStringLiteral("ok");
+        for (const auto* f : found)
+            if (f->rule == rule)
+                result = QString::fromLatin1(analysis::SeverityWord(f->severity)) + QStringLiteral(": ") +
+                         QString::fromStdString(f->Text());
+        if (p->Broken(rule) && result == QStringLiteral("ok"))
+            result = QStringLiteral("broken (see the findings)");
+        m_tree->AddRow(group, QString::fromLatin1(analysis::RuleName(rule)), result);
+    }
 }
 
 bool Properties::FocusTest() const

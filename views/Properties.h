@@ -3,6 +3,7 @@
 #pragma once
 
 #include "analysis/Dissect.h"
+#include "analysis/TimingChecker.h"
 #include "events/EventLogModel.h"
 
 #include <QWidget>
@@ -30,6 +31,11 @@ public:
     // in the record file, or never stored), as a "Capture Record" group
     // after the others; nothing for an empty note.
     void ShowRecordNote(const QString& note);
+
+    // The timing checker whose judgement of a packet the "Timing" group of a
+    // single event shows (the gap before it, its duration, bit rate and
+    // preamble, each rule it was judged by and the result); none: no group.
+    void SetTimingChecker(const analysis::TimingChecker* checker) { m_timing = checker; }
 
     PropertyTree* Tree() const { return m_tree; }
     // A packet's decoded fields (name, value, unit, bits) and its bytes in
@@ -59,6 +65,8 @@ private:
     void BytesSelected();
     const analysis::DissectedField* FieldOf(const QTreeWidgetItem* item) const;
 
+    void AddTimingGroup(const MsgInfo& info);
+    const analysis::TimingChecker* m_timing = nullptr;
     PropertyTree* m_tree = nullptr;
     QSplitter* m_splitter = nullptr;
     QTreeWidget* m_fields = nullptr;

@@ -150,6 +150,7 @@ QEventWindow::QEventWindow(QWidget* parent) : PanelDialog(parent)
     m_proxy = new IconProxy(*this, m_model.Model(), this);
     m_eventView->setModel(m_proxy);
     BuildColumns();
+    ResetTiming();
     BuildFinding();
     m_eventView->expand(m_proxy->index(0, 0));
     RebuildLogText();
@@ -310,6 +311,8 @@ QIcon QEventWindow::IconOf(const QStandardItemEx& item) const
 {
     switch (item.mode) {
     case kItemEvent:
+        if (m_timingEvents.contains(item.number))
+            return m_icons.value(QStringLiteral("ept"));
         return m_icons.value(item.type == kTypeDeviceStatus ? QStringLiteral("info") : QStringLiteral("event"));
     case kItemControlError:
     case kItemDigitalPing:
@@ -350,7 +353,34 @@ void QEventWindow::StartAcquisition(const std::string& text)
 {
     m_builder.Reset();
     m_lastTimeMs = 0.0;
+    ResetTiming();
     ChangeTree([&] { m_model.StartAcquisition(text); });
+    // The timing file beside the session's new .sid; a session shown where
+    // it lies keeps the timing file it has (it is read, never written).
+    if (!m_model.SidPath().empty() && !m_model.ShowingInPlace())
+        m_timingFile.Create(analysis::TimingFile::PathBeside(m_model.SidPath()));
+}
+
+void QEventWindow::ResetTiming()
+{
+    m_timingFile.Close();
+    m_timing.Reset();
+    m_timing.SetLimits(analysis::TimingLimits::FromSettings(SettingParams::Instance()));
+    m_timing.onFinding = [this](const analysis::TimingFinding& f) {
+        m_timingEvents.insert(f.event);
+        m_timingFile.WriteFinding(f);
+        m_eventView->viewport()->update();
+        emit timingFinding(f);
+    };
+    m_timingEvents.clear();
+    emit timingCleared();
+}
+
+void QEventWindow::AddCarrierEdges(const std::vector<CarrierEdge>& edges)
+{
+    for (const CarrierEdge& e : edges)
+        m_timingFile.WriteEdge(e);
+    m_timing.AddCarrierEdges(edges);
 }
 
 // The fields of each event as it is taken, kept by its item: filtering
@@ -370,6 +400,7 @@ void QEventWindow::TakeEvent(const MsgInfo& e, int phase)
         return;
     const QStandardItem* item = parent->child(parent->rowCount() - 1);
     auto f = m_fields.insert(item, m_builder.Next(e, e.common.eventNumber, phase));
+    m_timing.Add(e, e.common.eventNumber);
     if (IsError(*f))
         m_errorCount += 1;
     if (!f->reading.empty())
@@ -803,7 +834,9 @@ bool QEventWindow::GoTo(int64_t number)
 
 bool QEventWindow::NextError(bool forward)
 {
-    QStandardItem* found = Walk(SelectedItem(), forward, [this](const analysis::EventFields& f) { return IsError(f); });
+    QStandardItem* found = Walk(SelectedItem(), forward, [this](const analysis::EventFields& f) {
+        return IsError(f) || m_timingEvents.contains(f.number);
+    });
     if (found)
         SelectItem(found);
     return found != nullptr;
@@ -992,6 +1025,9 @@ void QEventWindow::ApplyFilter(int fromRootRow)
 void QEventWindow::StopAcquisition(const std::string& text)
 {
     ChangeTree([&] { m_model.StopAcquisition(text); });
+    // What is still open (a silence, a carrier after End Power Transfer) is
+    // judged at the session's end.
+    m_timing.Finish();
 }
 
 void QEventWindow::ClearAll()
@@ -1005,6 +1041,7 @@ void QEventWindow::ClearAll()
     KeepColumns();
     m_columnsResetting = true;
     m_model.ClearAll();
+    ResetTiming();
     m_lineTimes.clear();
     m_eventView->header()->restoreState(KeptColumns());
     m_columnsResetting = false;

@@ -9,6 +9,8 @@
 #include "analysis/EventFields.h"
 #include "analysis/Export.h"
 #include "analysis/Filter.h"
+#include "analysis/TimingChecker.h"
+#include "analysis/TimingFile.h"
 #include "events/EventLogModel.h"
 
 #include "events/ui/PanelDialog.h"
@@ -136,7 +138,8 @@ public:
     // Shift+Enter, among the events shown, from the selected one on, round
     // the end. Going to an event (Ctrl+G) selects the event of a number.
     // F8 and Shift+F8 select the next and previous error: a frame whose
-    // checksum failed, a checksum error, a violation or a NAK.
+    // checksum failed, a checksum error, a violation, a NAK or an event with
+    // a timing finding.
     QLineEdit* FindEdit() const { return m_findEdit; }
     QLineEdit* GoToEdit() const { return m_gotoEdit; }
     QLabel* FindStatus() const { return m_findStatus; }
@@ -191,8 +194,21 @@ public:
     int ShownEvents() const { return m_filter.IsEmpty() ? m_fields.size() : m_shownEvents; }
     int TotalEvents() const { return m_fields.size(); }
 
+    // The timing checker judges every event the window takes (limits from
+    // the settings at each Start); its findings go to the timing file beside
+    // the session's .sid, mark their events' rows with the warning icon, and
+    // are told by timingFinding. F8 and Shift+F8 walk them with the errors.
+    const analysis::TimingChecker& Timing() const { return m_timing; }
+    // The carrier's edges as the data manager took them (held by the checker
+    // until the events of their time come), saved in the timing file too.
+    void AddCarrierEdges(const std::vector<CarrierEdge>& edges);
+    // True when the event of this number has a timing finding.
+    bool HasTimingFinding(int64_t number) const { return m_timingEvents.contains(number); }
 signals:
     void EventWindowSelect_Signal(MsgInfo& info, StandardItemMode mode);
+    // A timing finding was made; the findings were forgotten (a new session).
+    void timingFinding(const analysis::TimingFinding& finding);
+    void timingCleared();
     // A filter was applied (what is shown changed).
     void filterApplied();
 
@@ -242,6 +258,10 @@ private:
     void RebuildLogText();
 
     EventLogModel m_model;
+    analysis::TimingChecker m_timing;
+    analysis::TimingFile m_timingFile;
+    QSet<qint64> m_timingEvents;
+    void ResetTiming();
     QIdentityProxyModel* m_proxy = nullptr;
     analysis::Filter m_filter;
     analysis::EventFieldsBuilder m_builder;

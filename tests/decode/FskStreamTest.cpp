@@ -346,3 +346,37 @@ TEST(FskCarrierTracker, PacketPolarityComesFromTheDetectedPolarityFirst)
     EXPECT_EQ(DetectOnePacket()->polarity, 0);
     s.m_Polarity = before;
 }
+
+// The time base takes S, the sum of the chunk's words from its fifth on, as
+// the words that bring the counter up to the stamp: right when the chunk is
+// the one frame the device's pacing makes, and not repaired when a reader
+// that fell behind hands over several frames at once. Then every frame's
+// stamp is taken less the whole chunk's words, headers of the later frames
+// included, and the frames are set early: here the last one by 120 031
+// ticks (2 ms), on a busy host by hundreds of milliseconds, which is what
+// puts transmitter packets early against the receiver's in a live capture
+// that fell behind (the timing checker's response-window rule then finds
+// late or early answers that were not).
+TEST(CThreadFSK, AChunkOfSeveralFramesSetsThemEarlyByTheWholeChunksWords)
+{
+    // Three frames, each of two words, stamped 10, 11 and 12 ms.
+    CThreadFSK fsk;
+    std::vector<uint8_t> bytes;
+    for (int stamp : {10, 11, 12}) {
+        for (int b : {4, 0, 0, 0, stamp, 0, 0, 0})
+            bytes.push_back(static_cast<uint8_t>(b));
+        for (int w : {30000, 30000}) {
+            bytes.push_back(static_cast<uint8_t>(w & 0xFF));
+            bytes.push_back(static_cast<uint8_t>(w >> 8));
+        }
+    }
+    fsk.ParseChunk(bytes.data(), 6);  // the first frame alone, as the device paces it
+    EXPECT_EQ(fsk.Ticks(), 600000);
+    CThreadFSK all;
+    all.ParseChunk(bytes.data(), bytes.size() / 2);
+    // S = six payload words of 30000 and the later frames' headers (4 + 11, 4 + 12).
+    const int64_t s = 6 * 30000 + 4 + 11 + 4 + 12;
+    EXPECT_EQ(all.Ticks(), 12 * 60000 - s + 2 * 30000);
+    EXPECT_EQ(12 * 60000 - all.Ticks(), 120031);
+    EXPECT_EQ(all.Stamp(), 12u);
+}

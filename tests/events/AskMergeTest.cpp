@@ -3,6 +3,7 @@
 // reader fills what the list decoder missed and corrects what it misread.
 #include "DataManagerFixture.h"
 #include "common/TimeText.h"
+#include "sim/AskSynth.h"
 
 #include <gtest/gtest.h>
 
@@ -442,4 +443,60 @@ TEST_F(AskMergeTest, AListFrameTooNearTheStreamsStartToReadAgainStands)
     EXPECT_EQ(events[0]->packet.Status, "NoError");
     EXPECT_EQ(events[0]->packet.reading, "");
     EXPECT_EQ(dm.Merges().unconfirmed, 0);
+}
+
+namespace {
+
+// A clean packet with a preamble of nine ones (the Qi minimum is eleven),
+// which the second reader does not take in a stream; its span in samples.
+std::vector<int32_t> ShortPreamblePacket(const std::vector<uint8_t>& bytes, uint64_t& first, uint64_t& last)
+{
+    qisim::AskWaveParams p;
+    p.idleLevel = 800;
+    p.swing = 1200;
+    qisim::AskWaveWriter w(p, 11);
+    w.Idle(1000);
+    first = w.Packet(bytes, 9);
+    last = w.Samples().size();
+    w.Idle(3000);
+    const auto& samples = w.Samples();
+    return std::vector<int32_t>(samples.begin(), samples.end());
+}
+
+}  // namespace
+
+// A receiver that sends too short a preamble: the list decoder reads the
+// packet, the second reader in the stream does not; read once more taking
+// short preambles, the signal gives the same bytes and the frame stands.
+TEST_F(AskMergeTest, AListFrameWithATooShortPreambleIsConfirmedByTheSignal)
+{
+    uint64_t first = 0, last = 0;
+    const auto samples = ShortPreamblePacket(qisim::WithChecksum({0x03, 0x05}), first, last);
+    dm.ReadWire(samples.data(), samples.size(), 0);
+    dm.AskFilter().PutFrame(ListFrame(qisim::WithChecksum({0x03, 0x05}), first, last));
+    dm.ListDecoderPassed(samples.size());
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.Status, "NoError");
+    EXPECT_EQ(events[0]->packet.reading, "");
+    EXPECT_EQ(dm.Merges().agreed, 1);
+    EXPECT_EQ(dm.Merges().unconfirmed, 0);
+}
+
+// The same short-preamble packet under a list frame of other bytes: the
+// reading that takes short preambles only confirms, it never corrects, so
+// the list decoder's frame is unconfirmed.
+TEST_F(AskMergeTest, AShortPreambleReadingNeverPutsOtherBytesInTheListFramesPlace)
+{
+    uint64_t first = 0, last = 0;
+    const auto samples = ShortPreamblePacket(qisim::WithChecksum({0x03, 0x05}), first, last);
+    dm.ReadWire(samples.data(), samples.size(), 0);
+    dm.AskFilter().PutFrame(ListFrame(qisim::WithChecksum({0x03, 0x0A}), first, last));
+    dm.ListDecoderPassed(samples.size());
+    const auto events = Drain();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->packet.Status, "Error");
+    EXPECT_EQ(events[0]->packet.reading, "unconfirmed");
+    EXPECT_EQ(events[0]->packet.PacketData, "03 0A 09 ");
+    EXPECT_EQ(dm.Merges().corrected + dm.Merges().agreed, 0);
 }

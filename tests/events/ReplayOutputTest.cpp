@@ -5,7 +5,8 @@
 // record with every pulse and sample go into one digest. A change to the
 // chains' speed must leave these digests as they are; a change to what they
 // decode changes them on purpose, and then the new values are taken from this
-// test's output.
+// test's output. (Taken anew when the emulator's transmitter came to answer
+// within the 10 ms the timing checker allows: 4 to 9 ms, no longer 6 to 15.)
 #include "ReplayDigest.h"
 
 #include <gtest/gtest.h>
@@ -39,9 +40,9 @@ void ExpectPinned(const Pinned& p, bool cutAskOnWorker = true)
     EXPECT_EQ(out.digest, p.digest) << "readers " << p.readers;
 }
 
-const Pinned kFirstReaders{0, 0x807bc557ceaa42e9ULL, 1365, 1321};
-const Pinned kSecondAskReader{1, 0x422bb148952e37f1ULL, 1363, 1317};
-const Pinned kBothSecondReaders{3, 0x2e6b3f846f5ba2e5ULL, 1363, 1317};
+const Pinned kFirstReaders{0, 0xd4c9882b9df41858ULL, 1375, 1331};
+const Pinned kSecondAskReader{1, 0x29b5df8d08547863ULL, 1368, 1322};
+const Pinned kBothSecondReaders{3, 0xfdb73cf6d2ab6adcULL, 1368, 1322};
 
 }  // namespace
 

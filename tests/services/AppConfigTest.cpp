@@ -139,7 +139,7 @@ TEST_F(AppConfigTest, FormGroupsAndRowsInOrder)
     EXPECT_EQ(config->CloseButton()->objectName(), "pushButton_cancle");
     EXPECT_EQ(config->CloseButton()->text(), "Close");
     const PropertyTree& t = *config->Tree();
-    EXPECT_EQ(t.GroupTitles(), (QStringList{"ASK", "FSK", "Frequency", "Save Path", "Common"}));
+    EXPECT_EQ(t.GroupTitles(), (QStringList{"ASK", "FSK", "Frequency", "Save Path", "Common", "Timing"}));
     const QString save = QString::fromStdString(SettingParams::Instance().savePath);
     EXPECT_EQ(t.Rows(0), (QStringList{"Signal Reverse=false", "Capture Data=false", "Trigger Samples=2200",
                                       "DAC Value=1700", "Second Reader=true"}));
@@ -147,6 +147,20 @@ TEST_F(AppConfigTest, FormGroupsAndRowsInOrder)
     EXPECT_EQ(t.Rows(2), (QStringList{"Min Frequency (Hz)=110000", "Max Frequency (Hz)=210000"}));
     EXPECT_EQ(t.Rows(3), (QStringList{"Data Save Path=" + save}));
     EXPECT_EQ(t.Rows(4), (QStringList{"Window Limit Time (min)=15", "Default Polarity=false"}));
+    EXPECT_EQ(t.Rows(5), (QStringList{"Ping to First Packet (ms)=65", "Config Packet Gap (ms)=21",
+                                      "Config Packet Length (ms)=170", "Control Error Interval (ms)=350",
+                                      "Control Error Timeout (ms)=1800", "Hold-off Min (ms)=5", "Hold-off Max (ms)=205",
+                                      "ASK Bit Rate (Hz)=2000", "ASK Bit Rate Tolerance (%)=4",
+                                      "Preamble Min (bits)=11", "Preamble Max (bits)=25",
+                                      "FSK Response Window (ms)=10", "Terminate after EPT (ms)=28"}));
+}
+
+TEST_F(AppConfigTest, ATimingLimitIsSavedToTheFile)
+{
+    config->Tree()->SetValue(QStringLiteral("Timing"), QStringLiteral("Control Error Interval (ms)"), QVariant(300));
+    config->on_pushButton_save_clicked();
+    EXPECT_EQ(SettingParams::Instance().m_timing_ce_interval_ms, 300);
+    SettingParams::Instance().m_timing_ce_interval_ms = 350;
 }
 
 TEST_F(AppConfigTest, EditorsAreACheckBoxASpinBoxAndALineEdit)

@@ -74,6 +74,19 @@ std::string Styled(const Values& v)
            "   \"m_max_freq\" : " + std::to_string(v.maxFreq) + ",\n"
            "   \"m_min_freq\" : " + std::to_string(v.minFreq) + ",\n"
            "   \"m_skip_version\" : " + std::to_string(v.skipVersion) + ",\n"
+           "   \"m_timing_bit_rate_hz\" : 2000,\n"
+           "   \"m_timing_bit_rate_tolerance_pct\" : 4,\n"
+           "   \"m_timing_ce_interval_ms\" : 350,\n"
+           "   \"m_timing_ce_timeout_ms\" : 1800,\n"
+           "   \"m_timing_config_gap_ms\" : 21,\n"
+           "   \"m_timing_config_length_ms\" : 170,\n"
+           "   \"m_timing_holdoff_max_ms\" : 205,\n"
+           "   \"m_timing_holdoff_min_ms\" : 5,\n"
+           "   \"m_timing_ping_first_ms\" : 65,\n"
+           "   \"m_timing_preamble_max\" : 25,\n"
+           "   \"m_timing_preamble_min\" : 11,\n"
+           "   \"m_timing_response_ms\" : 10,\n"
+           "   \"m_timing_terminate_ms\" : 28,\n"
            "   \"m_window_time\" : " + std::to_string(v.windowTime) + ",\n"
            "   \"params_ver\" : " + std::to_string(v.paramsVer) + ",\n"
            "   \"savePath\" : \"" + v.savePath + "\"\n"
@@ -783,4 +796,28 @@ TEST_F(AppSettingsFile, SecondFskReaderTurnedOffStaysOffAndIsWrittenBack)
     SettingParams again;
     ASSERT_TRUE(AppSettings::Parse(text.c_str(), again));
     EXPECT_EQ(again.m_fsk_second_reader, 0);
+}
+
+// ------------------------------------------------------ m_timing_*
+
+TEST_F(AppSettingsFile, TimingLimitsHaveTheirDefaultsWhenTheFileDoesNotSay)
+{
+    auto settings = LoadText("{ \"params_ver\" : 20190713, \"m_max_freq\" : 205000 }");
+    EXPECT_EQ(m_record.m_timing_ping_first_ms, 65);
+    EXPECT_EQ(m_record.m_timing_ce_interval_ms, 350);
+    EXPECT_EQ(m_record.m_timing_ce_timeout_ms, 1800);
+    EXPECT_EQ(m_record.m_timing_bit_rate_tolerance_pct, 4);
+    EXPECT_EQ(m_record.m_timing_preamble_min, 11);
+}
+
+TEST_F(AppSettingsFile, ATimingLimitIsReadAndWrittenBack)
+{
+    auto settings = LoadText("{ \"params_ver\" : 20190713, \"m_timing_ce_interval_ms\" : 300 }");
+    EXPECT_EQ(m_record.m_timing_ce_interval_ms, 300);
+    EXPECT_EQ(m_record.m_timing_terminate_ms, 28);
+    const std::string text = AppSettings::Serialize(m_record);
+    EXPECT_NE(text.find("\"m_timing_ce_interval_ms\" : 300"), std::string::npos) << text;
+    SettingParams again;
+    ASSERT_TRUE(AppSettings::Parse(text.c_str(), again));
+    EXPECT_EQ(again.m_timing_ce_interval_ms, 300);
 }

@@ -17,6 +17,8 @@
 #include "views/PropertyTree.h"
 #include "views/QWindowReal.h"
 
+#include "analysis/TimingFile.h"
+
 #include <gtest/gtest.h>
 
 #include <QAction>
@@ -132,7 +134,8 @@ TEST_F(MainWindowTest, WindowMenusAndToolBarsAsTheFormHasThem)
     EXPECT_EQ(Entries(w.findChild<QMenu*>("menuSniffer")),
               (QStringList{"actionConnect", "actionDisconnect", "-", "actionStart", "actionStop", "-",
                            "actionEventWindow", "actionEventInfo", "actionEventPropertyChart", "actionFrequencyChart",
-                           "actionPercentageChart", "-", "actionClear", "-", "actionUpdate_Fireware"}));
+                           "actionPercentageChart", "actionTimingFindings", "-", "actionClear", "-",
+                           "actionUpdate_Fireware"}));
     EXPECT_EQ(Entries(w.findChild<QMenu*>("menuTester")),
               (QStringList{"action2K_Ware", "actionFSKWare", "actionPercent"}));
     EXPECT_EQ(Entries(w.findChild<QMenu*>("menuOptions")), (QStringList{"actionSetting"}));
@@ -486,6 +489,12 @@ TEST_F(MainWindowTest, OpenedSessionIsShownWhereItLiesAndNothingIsWritten)
     const QString written = dir.path() + "/saved";
     ASSERT_TRUE(QDir().mkpath(written));
     const std::string sid = SavedSession(written.toStdString() + "/");
+    // Its timing file too: read when the session is shown, never written.
+    {
+        QFile timing(QString::fromStdString(analysis::TimingFile::PathBeside(sid)));
+        ASSERT_TRUE(timing.open(QIODevice::WriteOnly));
+        timing.write("{\"edge\":\"on\",\"us\":1000}\n");
+    }
     SettingParams& p = SettingParams::Instance();
     p.eventPath = p.logPath = p.capturePath = dir.path().toStdString() + "/before/";
     const std::map<QString, qint64> before = Tree(dir.path());
