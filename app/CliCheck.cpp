@@ -1,4 +1,5 @@
 #include "app/CliCheck.h"
+#include "app/CliFiles.h"
 
 #include "analysis/TimingChecker.h"
 #include "analysis/TimingFile.h"
@@ -58,20 +59,6 @@ const char* kCheckHelp =
     "\n"
     "Exit status: 0 no error found (warnings may be), 1 one or more errors,\n"
     "2 bad input.\n";
-
-bool ReadAll(const std::string& path, std::vector<uint8_t>& bytes)
-{
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        return false;
-    bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return true;
-}
-
-bool EndsWith(const std::string& s, const std::string& tail)
-{
-    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
 
 int Report(analysis::TimingChecker& checker, bool json)
 {

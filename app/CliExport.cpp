@@ -1,4 +1,5 @@
 #include "app/CliExport.h"
+#include "app/CliFiles.h"
 
 #include "interchange/SigrokExport.h"
 
@@ -21,11 +22,6 @@ const char* kExportHelp =
     "From raw capture files (.2k.bin, .fsk.bin) every sample goes in; from a\n"
     "session file the capture records kept beside it (.rec) are placed at\n"
     "their times.\n";
-
-bool EndsWith(const std::string& s, const std::string& tail)
-{
-    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
 
 }  // namespace
 

@@ -1,4 +1,5 @@
 #include "app/CliReplay.h"
+#include "app/CliFiles.h"
 
 #include "analysis/TimingChecker.h"
 #include "analysis/TimingFile.h"
@@ -65,20 +66,6 @@ const char* kReplayHelp =
     "  coilscope-cli replay EventWindow_2026_11_22\\ 10_00_00.sid --sid copy.sid\n"
     "  coilscope-cli replay link.sr --ask-channel D2\n"
     "  coilscope-cli replay ask.2k.bin fsk.fsk.bin --filter 'type == \"ControlError\" && ce.value < 0'\n";
-
-bool ReadAll(const std::string& path, std::vector<uint8_t>& bytes)
-{
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        return false;
-    bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return true;
-}
-
-bool EndsWith(const std::string& s, const std::string& tail)
-{
-    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
 
 }  // namespace
 

@@ -7,6 +7,7 @@
 // (CONDITION is the row number of the table, from 0; the streams are the
 // very ones ask_wire_rates plays for that row.)
 #include "AskConditions.h"
+#include "common/TimeText.h"
 #include "MergedReplay.h"
 #include "decode/AskWireReader.h"
 #include "events/StreamReplay.h"
@@ -40,17 +41,6 @@ std::vector<Seen> Replay(const std::vector<uint16_t>& samples, bool second)
                                e->packet.reading, e->packet.otherReading});
     });
     return out;
-}
-
-std::string Hex(const std::vector<uint8_t>& b)
-{
-    std::string s;
-    char t[4];
-    for (uint8_t x : b) {
-        std::snprintf(t, sizeof t, "%02X ", x);
-        s += t;
-    }
-    return s;
 }
 
 }  // namespace
@@ -99,7 +89,7 @@ int main(int argc, char** argv)
                 if (p.start <= good[i].start + 400 && good[i].start <= p.end)
                     near = &p;
             std::printf("chunk %ld: false frame at sample %llu: %s\n", k, (unsigned long long)good[i].start,
-                        Hex(good[i].bytes).c_str());
+                        SpacedHex(good[i].bytes).c_str());
             if (!near) {
                 std::printf("  no packet was sent there\n");
                 continue;
@@ -107,19 +97,19 @@ int main(int argc, char** argv)
             const auto& w = near->wave;
             std::printf("  sent %s at %zu..%zu, preamble %d, spb %.3f, phase %.3f, swing %d, idle %d, low-pass %.2f, "
                         "noise %.3f, jitter %.2f\n",
-                        Hex(near->bytes).c_str(), near->start, near->end, near->preamble, w.samplesPerBit,
+                        SpacedHex(near->bytes).c_str(), near->start, near->end, near->preamble, w.samplesPerBit,
                         w.startPhase, w.swing, w.idleLevel, w.lowPassSamples, w.noiseFraction, w.jitterSamples);
             for (const Seen& x : merged)
                 if (x.start + 400 >= near->start && x.start <= near->end)
                     std::printf("  merged: %llu %s %s reading '%s' other '%s'\n", (unsigned long long)x.start,
-                                Hex(x.bytes).c_str(), x.status.c_str(), x.reading.c_str(), x.other.c_str());
+                                SpacedHex(x.bytes).c_str(), x.status.c_str(), x.reading.c_str(), x.other.c_str());
             // Each reader alone over the packet and a margin around it.
             const size_t from = near->start > 300 ? near->start - 300 : 0;
             const size_t to = std::min(s.samples.size(), near->end + 300);
             std::vector<uint16_t> cut(s.samples.begin() + static_cast<std::ptrdiff_t>(from),
                                       s.samples.begin() + static_cast<std::ptrdiff_t>(to));
             for (const Seen& x : Replay(cut, false))
-                std::printf("  list alone: %llu %s %s\n", (unsigned long long)(x.start + from), Hex(x.bytes).c_str(),
+                std::printf("  list alone: %llu %s %s\n", (unsigned long long)(x.start + from), SpacedHex(x.bytes).c_str(),
                             x.status.c_str());
             AskWireReader r;
             std::vector<int32_t> v(cut.begin(), cut.end());
@@ -130,7 +120,7 @@ int main(int argc, char** argv)
             for (const AskWireFrame& f : frames) {
                 std::printf("  wire alone: %s %llu (start bit %llu) %s spb %.3f drift %.3f bits ", f.good ? "good" : "failed",
                             (unsigned long long)f.firstSample, (unsigned long long)f.startBitSample,
-                            Hex(f.bytes).c_str(), f.samplesPerBit, f.drift);
+                            SpacedHex(f.bytes).c_str(), f.samplesPerBit, f.drift);
                 for (uint8_t b : f.bits)
                     std::printf("%d", b);
                 std::printf("\n");
@@ -147,7 +137,7 @@ int main(int argc, char** argv)
                     if (f.endSample + 400 >= near->start && f.firstSample <= near->end + 400)
                         std::printf("  wire in stream: %s %llu..%llu %s drift %.3f\n", f.good ? "good" : "failed",
                                     (unsigned long long)f.firstSample, (unsigned long long)f.endSample,
-                                    Hex(f.bytes).c_str(), f.drift);
+                                    SpacedHex(f.bytes).c_str(), f.drift);
             }
             if (!dump.empty()) {
                 const std::string path = dump + "/false_c" + std::to_string(ci) + "_k" + std::to_string(k) + "_" +

@@ -47,15 +47,8 @@ int main(int argc, char** argv)
     std::printf("gathering the fields of %zu events: %.3f s (%.2f us an event)\n", events.size(), gather,
                 gather * 1e6 / static_cast<double>(events.size()));
 
-    const char* filters[] = {
-        "type == \"ControlError\" && ce.value < 0",
-        "phase == negotiation || status == error",
-        "text contains \"Mode 2\"",
-        "bytes contains 0x0300 || pattern == ack",
-        "!(dir == rx) && time > 3600000 && (pattern == ack || type == FSKCapability || config.wsize >= 8)",
-    };
     double worst = 0.0;
-    for (const char* text : filters) {
+    for (const char* text : BenchFilters()) {
         analysis::Filter filter;
         analysis::FilterError error;
         if (!filter.Compile(text, error)) {

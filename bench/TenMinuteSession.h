@@ -18,6 +18,20 @@ struct LongSession {
     size_t tenMinutes = 0;    // events of the ten minutes played
 };
 
+// The display filters the filter benchmarks time: many matches, few, text,
+// bytes, and a compound expression over fields of both directions.
+inline const std::vector<const char*>& BenchFilters()
+{
+    static const std::vector<const char*> filters = {
+        "type == \"ControlError\" && ce.value < 0",
+        "phase == negotiation || status == error",
+        "text contains \"Mode 2\"",
+        "bytes contains 0x0300 || pattern == ack",
+        "!(dir == rx) && time > 3600000 && (pattern == ack || type == FSKCapability || config.wsize >= 8)",
+    };
+    return filters;
+}
+
 inline LongSession MakeLongSession(size_t target)
 {
     struct Placed {

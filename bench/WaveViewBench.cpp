@@ -6,6 +6,7 @@
 // median and the 90th percentile over 100 selections of each; the target is
 // 16 ms (one frame at 60 Hz).
 #include "sim/AskSynth.h"
+#include "common/TimeText.h"
 #include "sim/FskSynth.h"
 #include "views/WaveView.h"
 
@@ -23,17 +24,6 @@ double Quantile(std::vector<double> v, double q)
 {
     std::sort(v.begin(), v.end());
     return v[static_cast<size_t>(q * static_cast<double>(v.size() - 1))];
-}
-
-std::string Hex(const std::vector<uint8_t>& bytes)
-{
-    std::string s;
-    char b[4];
-    for (uint8_t v : bytes) {
-        std::snprintf(b, sizeof b, "%02X ", v);
-        s += b;
-    }
-    return s;
 }
 
 std::vector<uint8_t> LongestFrame()
@@ -56,7 +46,7 @@ MsgInfo AskLongest()
     MsgInfo e;
     e.direction = 2;
     e.type = 0xFF;
-    e.packet.PacketData = Hex(LongestFrame());
+    e.packet.PacketData = SpacedHex(LongestFrame());
     e.capture = std::make_shared<TriggerData>();
     for (uint16_t s : writer.Samples())
         e.capture->samples.push_back(s);
@@ -74,7 +64,7 @@ MsgInfo FskLongest()
     MsgInfo e;
     e.direction = 1;
     e.type = 0xFF;
-    e.packet.PacketData = Hex(LongestFrame());
+    e.packet.PacketData = SpacedHex(LongestFrame());
     e.capture = std::make_shared<TriggerData>();
     for (uint16_t w : writer.Words())
         e.capture->samples.push_back(w);

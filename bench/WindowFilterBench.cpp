@@ -50,15 +50,8 @@ int main(int argc, char** argv)
     std::printf("event window: %d events in the tree, taken in %.1f s\n", window.TotalEvents(),
                 static_cast<double>(timer.elapsed()) / 1000.0);
 
-    const char* filters[] = {
-        "type == \"ControlError\" && ce.value < 0",
-        "phase == negotiation || status == error",
-        "text contains \"Mode 2\"",
-        "bytes contains 0x0300 || pattern == ack",
-        "!(dir == rx) && time > 3600000 && (pattern == ack || type == FSKCapability || config.wsize >= 8)",
-    };
     double worst = 0.0;
-    for (const char* text : filters) {
+    for (const char* text : BenchFilters()) {
         timer.start();
         if (!window.SetFilter(QString::fromUtf8(text))) {
             std::fprintf(stderr, "window_filter: refused %s\n", text);

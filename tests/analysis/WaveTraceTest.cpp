@@ -1,6 +1,7 @@
 // The wave of a packet: its trace in units against time from its start, and
 // the bit cells, bytes and packet found in it.
 #include "analysis/WaveTrace.h"
+#include "common/TimeText.h"
 
 #include "sim/AskSynth.h"
 #include "sim/FskSynth.h"
@@ -11,17 +12,6 @@
 using namespace analysis;
 
 namespace {
-
-std::string Hex(const std::vector<uint8_t>& bytes)
-{
-    std::string s;
-    char b[4];
-    for (uint8_t v : bytes) {
-        std::snprintf(b, sizeof b, "%02X ", v);
-        s += b;
-    }
-    return s;
-}
 
 MsgInfo AskEvent(const std::vector<uint8_t>& frame, size_t* firstEdge = nullptr)
 {
@@ -39,7 +29,7 @@ MsgInfo AskEvent(const std::vector<uint8_t>& frame, size_t* firstEdge = nullptr)
     MsgInfo e;
     e.direction = 2;
     e.type = frame[0];
-    e.packet.PacketData = Hex(frame);
+    e.packet.PacketData = SpacedHex(frame);
     e.capture = std::make_shared<TriggerData>();
     for (uint16_t s : writer.Samples())
         e.capture->samples.push_back(s);
@@ -115,7 +105,7 @@ TEST(WaveTrace, AnFskRecordIsTheCarrierInKHzFromThePeriodWords)
     MsgInfo e;
     e.direction = 0;  // as read back from a session file
     e.type = 0x20;
-    e.packet.PacketData = Hex(frame);
+    e.packet.PacketData = SpacedHex(frame);
     e.capture = std::make_shared<TriggerData>();
     for (uint16_t v : writer.Words())
         e.capture->samples.push_back(v);

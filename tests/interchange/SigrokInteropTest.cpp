@@ -4,6 +4,7 @@
 // replay and through sigrok's own qi decoder. Tests that run sigrok-cli say
 // they are skipped where it is not installed.
 #include "interchange/SigrokExport.h"
+#include "common/TimeText.h"
 #include "interchange/SigrokImport.h"
 
 #include "analysis/WaveTrace.h"
@@ -69,17 +70,6 @@ std::vector<uint8_t> FileBytes(const std::string& path)
     return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-std::string Hex(const std::vector<uint8_t>& bytes)
-{
-    std::string s;
-    char b[4];
-    for (uint8_t v : bytes) {
-        std::snprintf(b, sizeof b, "%02X ", v);
-        s += b;
-    }
-    return s;
-}
-
 // Packets of a short receiver session: no Extended Identification, whose
 // annotation sigrok 0.5's qi decoder fails on (it stops decoding there).
 const std::vector<std::vector<uint8_t>>& Script()
@@ -101,7 +91,7 @@ std::vector<Packet> Sent()
 {
     std::vector<Packet> sent;
     for (const auto& p : Script())
-        sent.push_back({2, Hex(p)});
+        sent.push_back({2, SpacedHex(p)});
     return sent;
 }
 

@@ -2,6 +2,7 @@
 // with units, zoom around the pointer, pan, fit, cursors, the decoded rows
 // and a byte clicked; and the wave panels that show it.
 #include "views/SampleGui.h"
+#include "common/TimeText.h"
 #include "views/WaveView.h"
 #include "views/QwtChart.h"
 
@@ -24,17 +25,6 @@
 
 namespace {
 
-std::string Hex(const std::vector<uint8_t>& bytes)
-{
-    std::string s;
-    char b[4];
-    for (uint8_t v : bytes) {
-        std::snprintf(b, sizeof b, "%02X ", v);
-        s += b;
-    }
-    return s;
-}
-
 const std::vector<uint8_t> kIdentification = qisim::WithChecksum({0x71, 0x11, 0x00, 0x42, 0x12, 0x34, 0x56, 0x78});
 
 MsgInfoPtr AskPacket(const std::vector<uint8_t>& frame = kIdentification, int direction = 2)
@@ -51,7 +41,7 @@ MsgInfoPtr AskPacket(const std::vector<uint8_t>& frame = kIdentification, int di
     e->direction = direction;
     e->type = frame[0];
     e->common.Summary = "ask packet";
-    e->packet.PacketData = Hex(frame);
+    e->packet.PacketData = SpacedHex(frame);
     e->capture = std::make_shared<TriggerData>();
     for (uint16_t s : writer.Samples())
         e->capture->samples.push_back(s);
@@ -72,7 +62,7 @@ MsgInfoPtr FskPacket()
     e->direction = 1;
     e->type = 0x31;
     e->common.Summary = "fsk packet";
-    e->packet.PacketData = Hex(frame);
+    e->packet.PacketData = SpacedHex(frame);
     e->capture = std::make_shared<TriggerData>();
     for (uint16_t v : writer.Words())
         e->capture->samples.push_back(v);
