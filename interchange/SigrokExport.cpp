@@ -21,6 +21,7 @@ constexpr uint64_t kTicksPerSample = 1500;  // 25 us at 60 MHz
 // Gaps between the device's FSK frames (its millisecond stamps) are not a
 // loss of carrier: the frequency holds across gaps up to this long.
 constexpr size_t kFskHoldSamples = 80;  // 2 ms
+constexpr size_t kFskLeadInSamples = 8000;  // 200 ms before the first FSK record
 // Silence kept after the last record of a session.
 constexpr size_t kTailSamples = 400;  // 10 ms
 
@@ -194,6 +195,22 @@ LinkSignals SignalsFromRecords(const std::vector<MsgInfoPtr>& events)
     }
     if (lastSample >= 0 && static_cast<size_t>(lastSample) + 1 < s.fskKHz.size())
         std::fill(s.fskKHz.begin() + lastSample + 1, s.fskKHz.end(), s.fskKHz[static_cast<size_t>(lastSample)]);
+    // The transmitter's carrier is on before its first answer, but its
+    // record begins with the answer: the FSK chain that reads the file needs
+    // the carrier at rest before a packet to learn its frequency, or it
+    // loses that first packet. The record's resting period (the carrier's,
+    // by the record's polarity) is held for 200 ms before it.
+    if (!fskRecords.empty()) {
+        const TriggerData& r = *fskRecords.front().second;
+        const int64_t period = r.polarity == 0 ? r.highPeriod : r.lowPeriod;
+        const size_t first = static_cast<size_t>(static_cast<int64_t>(r.startTime) * 60 /
+                                                 static_cast<int64_t>(kTicksPerSample));
+        const size_t from = first > kFskLeadInSamples ? first - kFskLeadInSamples : 0;
+        if (period > 0 && first <= s.fskKHz.size())
+            std::fill(s.fskKHz.begin() + static_cast<std::ptrdiff_t>(from),
+                      s.fskKHz.begin() + static_cast<std::ptrdiff_t>(first),
+                      static_cast<float>(960000.0 / static_cast<double>(period)));
+    }
     s.Resize(std::max(end, s.fskKHz.size()));
     return s;
 }
