@@ -461,24 +461,43 @@ void CDataManager::ReadWire(const int32_t* samples, size_t n, uint64_t first)
     AddWireFrames(frames, m_wireReader.SettledThrough());
 }
 
+CDataManager::Held CDataManager::WireHeld(const AskWireFrame& w)
+{
+    Held h;
+    h.frame = WireFrame(w);
+    h.first = w.firstSample;
+    h.last = std::max(w.firstSample, w.endSample);
+    h.wire = true;
+    h.failed = !w.good;
+    h.bits = w.bits;
+    h.drift = w.drift;
+    if (h.failed)
+        h.frame->packet.Status = "Error";
+    return h;
+}
+
+void CDataManager::MarkReplacement(MergeLane& lane, CMsgData& second, const CMsgData& first, double drift)
+{
+    second.packet.otherReading = first.packet.PacketData;
+    if (first.packet.Status == "NoError" && drift > kFirmDrift) {
+        // Two good readings, and the second is not firm on its clock:
+        // nothing tells which is right.
+        second.packet.reading = "disputed";
+        second.packet.Status = "Error";
+        lane.counts.disputed += 1;
+    } else {
+        second.packet.reading = "corrected";
+        lane.counts.corrected += 1;
+    }
+}
+
 void CDataManager::AddWireFrames(const std::vector<AskWireFrame>& frames, uint64_t settledThrough)
 {
     if (!frames.empty()) {
         std::vector<Held> made;
         made.reserve(frames.size());
-        for (const AskWireFrame& w : frames) {
-            Held h;
-            h.frame = WireFrame(w);
-            h.first = w.firstSample;
-            h.last = std::max(w.firstSample, w.endSample);
-            h.wire = true;
-            h.failed = !w.good;
-            h.bits = w.bits;
-            h.drift = w.drift;
-            if (h.failed)
-                h.frame->packet.Status = "Error";
-            made.push_back(std::move(h));
-        }
+        for (const AskWireFrame& w : frames)
+            made.push_back(WireHeld(w));
         std::lock_guard<std::mutex> lock(m_ask.wireMutex);
         for (Held& h : made)
             m_ask.wireOut.push_back(std::move(h));
@@ -670,18 +689,8 @@ void CDataManager::ResolveCluster(MergeLane& lane, std::vector<Held>& cluster,
             // right in another candidate, that one does) and this one goes.
             listDropped[j] = true;
             if (!wireDropped[i] && !corrected) {
-                w.frame->packet.otherReading = list[j]->frame->packet.PacketData;
+                MarkReplacement(lane, *w.frame, *list[j]->frame, w.drift);
                 corrected = true;
-                if (list[j]->frame->packet.Status == "NoError" && w.drift > kFirmDrift) {
-                    // Two good readings, and the second is not firm on its
-                    // clock: nothing tells which is right.
-                    w.frame->packet.reading = "disputed";
-                    w.frame->packet.Status = "Error";
-                    lane.counts.disputed += 1;
-                } else {
-                    w.frame->packet.reading = "corrected";
-                    lane.counts.corrected += 1;
-                }
             }
         }
         if (!wireDropped[i] && !corrected)
@@ -734,13 +743,16 @@ void CDataManager::ResolveCluster(MergeLane& lane, std::vector<Held>& cluster,
             // packet at all nothing in the signal supports the reading: the
             // list decoder's quirks can read a packet shifted by a bit with
             // a checksum that still holds.
+            const auto overList = [&](const AskWireFrame& w) {
+                return Overlap(w.firstSample, std::max(w.firstSample, w.endSample), list[j]->first, list[j]->last);
+            };
             std::vector<AskWireFrame> again;
             if (!ReadAgain(list[j]->first, list[j]->last, again))
                 continue;
             const AskWireFrame* other = nullptr;
             bool same = false;
             for (const AskWireFrame& w : again) {
-                if (!Overlap(w.firstSample, std::max(w.firstSample, w.endSample), list[j]->first, list[j]->last))
+                if (!overList(w))
                     continue;
                 if (w.bytes == bytes)
                     same = true;
@@ -750,22 +762,8 @@ void CDataManager::ResolveCluster(MergeLane& lane, std::vector<Held>& cluster,
             if (same) {
                 lane.counts.agreed += 1;
             } else if (other) {
-                Held h;
-                h.frame = WireFrame(*other);
-                h.first = other->firstSample;
-                h.last = std::max(other->firstSample, other->endSample);
-                h.wire = true;
-                h.drift = other->drift;
-                h.frame->packet.otherReading = f.packet.PacketData;
-                if (other->drift > kFirmDrift) {
-                    h.frame->packet.reading = "disputed";
-                    h.frame->packet.Status = "Error";
-                    lane.counts.disputed += 1;
-                } else {
-                    h.frame->packet.reading = "corrected";
-                    lane.counts.corrected += 1;
-                }
-                reread.push_back(std::move(h));
+                reread.push_back(WireHeld(*other));
+                MarkReplacement(lane, *reread.back().frame, f, other->drift);
                 listDropped[j] = true;
             } else {
                 // A preamble shorter than the second reader takes in a stream
@@ -777,8 +775,7 @@ void CDataManager::ResolveCluster(MergeLane& lane, std::vector<Held>& cluster,
                 bool confirmed = false;
                 if (ReadAgain(list[j]->first, list[j]->last, shortPreamble, kShortPreambleHalves))
                     for (const AskWireFrame& w : shortPreamble)
-                        confirmed = confirmed || (w.bytes == bytes && Overlap(w.firstSample, std::max(w.firstSample, w.endSample),
-                                                                             list[j]->first, list[j]->last));
+                        confirmed = confirmed || (w.bytes == bytes && overList(w));
                 if (confirmed) {
                     lane.counts.agreed += 1;
                 } else {

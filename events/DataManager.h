@@ -213,6 +213,14 @@ private:
     };
     void GetEventsReleasing(std::vector<MsgInfoPtr>& out, bool releaseAll);
     std::shared_ptr<CMsgData> WireFrame(const AskWireFrame& w);
+    // A frame of the second ASK reader held for the merge (failed ones as
+    // error frames, kept only to judge the list decoder's).
+    Held WireHeld(const AskWireFrame& w);
+    // The second reader's frame `second` stands in place of the first
+    // reader's `first`, which read other bytes: marked "corrected", or
+    // "disputed" (an error frame) where both were good and the second is
+    // further than kFirmDrift from its bit clock; counted in the lane.
+    static void MarkReplacement(MergeLane& lane, CMsgData& second, const CMsgData& first, double drift);
     std::shared_ptr<CMsgData> FskWireMsg(const FskWireFrame& w);
     // Takes what both readers of the lane have finished, then settles every
     // cluster of overlapping frames that both readers have looked past (or
