@@ -1,11 +1,12 @@
 // Not a Google benchmark: the capture records of a synthesized session of the
 // emulator's script (noise on), replayed through the decoders with both
-// second readers on, stored in the plain record format (version 1) and in
-// the compressed one (version 2). Prints, per stream (ASK, FSK): records,
-// bytes a record in each format and the ratio; the record file per hour of
-// stream in each format; the cost of coding a record (and the share of a core
-// at the session's record rate); and the time to load one old record from a
-// file opened afresh (median, 99th percentile, largest).
+// second readers on, stored in the plain record format (version 1), the
+// zstd one (version 2) and the one written now (version 3). Prints, per
+// stream (ASK, FSK): records, bytes a record in each format and the ratio of
+// plain to version 3; the record file per hour of stream in each format; the
+// cost of coding a record in version 3 (and the share of a core at the
+// session's record rate); and the time to load one old record from a version
+// 3 file opened afresh (median, 99th percentile, largest).
 //
 //   record_rates [MINUTES]     (default 10)
 #include "events/RecordStore.h"
@@ -51,7 +52,7 @@ double Percentile(std::vector<double> v, double p)
 struct Stream {
     const char* name;
     std::vector<TriggerDataPtr> records;
-    uint64_t plainBytes = 0, packedBytes = 0;
+    uint64_t plainBytes = 0, zstdBytes = 0, packedBytes = 0;
     double encodeUs = 0.0;
 };
 
@@ -92,42 +93,50 @@ int main(int argc, char** argv)
     QTemporaryDir dir;
     std::vector<TriggerDataPtr> order;  // by record number
     const std::string plainPath = dir.path().toStdString() + "/plain.rec";
+    const std::string zstdPath = dir.path().toStdString() + "/zstd.rec";
     const std::string packedPath = dir.path().toStdString() + "/packed.rec";
     {
-        RecordStore plain, packed;
+        RecordStore plain, zstd, packed;
         plain.Create(plainPath, RecordStore::kVersionPlain);
-        packed.Create(packedPath, RecordStore::kVersionCompressed);
+        zstd.Create(zstdPath, RecordStore::kVersionCompressed);
+        packed.Create(packedPath, RecordStore::kVersionPacked);
         uint64_t number = 0;
         for (Stream& s : streams) {
             for (const TriggerDataPtr& r : s.records) {
                 ++number;
                 order.push_back(r);
-                const uint64_t plainBefore = plain.Size(), packedBefore = packed.Size();
+                const uint64_t plainBefore = plain.Size(), zstdBefore = zstd.Size(), packedBefore = packed.Size();
                 plain.Append(number, *r);
+                zstd.Append(number, *r);
                 const auto t0 = Clock::now();
                 packed.Append(number, *r);
                 s.encodeUs += Us(Clock::now() - t0);
                 s.plainBytes += plain.Size() - plainBefore;
+                s.zstdBytes += zstd.Size() - zstdBefore;
                 s.packedBytes += packed.Size() - packedBefore;
             }
         }
     }
     std::printf("%d minutes of stream (%.0f s), %zu capture records (%.1f a second)\n", minutes, streamSeconds,
                 all.size(), static_cast<double>(all.size()) / streamSeconds);
-    std::printf("%-4s %8s %14s %14s %7s %12s\n", "", "records", "plain B/rec", "packed B/rec", "ratio",
+    std::printf("%-4s %8s %12s %12s %12s %7s %12s\n", "", "records", "v1 B/rec", "v2 B/rec", "v3 B/rec", "ratio",
                 "code us/rec");
     for (const Stream& s : streams) {
         const double n = static_cast<double>(std::max<size_t>(1, s.records.size()));
-        std::printf("%-4s %8zu %14.0f %14.0f %6.1fx %12.1f\n", s.name, s.records.size(),
-                    static_cast<double>(s.plainBytes) / n, static_cast<double>(s.packedBytes) / n,
+        std::printf("%-4s %8zu %12.0f %12.0f %12.0f %6.1fx %12.1f\n", s.name, s.records.size(),
+                    static_cast<double>(s.plainBytes) / n, static_cast<double>(s.zstdBytes) / n,
+                    static_cast<double>(s.packedBytes) / n,
                     s.packedBytes ? static_cast<double>(s.plainBytes) / static_cast<double>(s.packedBytes) : 0.0,
                     s.encodeUs / n);
     }
     const double plainFile = static_cast<double>(FileSize(plainPath));
+    const double zstdFile = static_cast<double>(FileSize(zstdPath));
     const double packedFile = static_cast<double>(FileSize(packedPath));
     const double perHour = 3600.0 / streamSeconds / (1024.0 * 1024.0);
-    std::printf("record file: plain %.1f MiB/hour, compressed %.1f MiB/hour of stream (%.1fx smaller)\n",
-                plainFile * perHour, packedFile * perHour, packedFile > 0 ? plainFile / packedFile : 0.0);
+    std::printf("record file: v1 (plain) %.1f MiB/hour, v2 (zstd) %.1f MiB/hour, v3 (written now) %.1f MiB/hour of "
+                "stream (%.1fx smaller than plain)\n",
+                plainFile * perHour, zstdFile * perHour, packedFile * perHour,
+                packedFile > 0 ? plainFile / packedFile : 0.0);
     const double codeUs = streams[0].encodeUs + streams[1].encodeUs;
     std::printf("coding the records: %.3f %% of a core at real speed\n", codeUs / 1e6 / streamSeconds * 100.0);
 
@@ -135,7 +144,7 @@ int main(int argc, char** argv)
     // event that left memory loads it.
     RecordStore store;
     if (!store.Open(packedPath) || store.Count() == 0) {
-        std::printf("the compressed file did not open\n");
+        std::printf("the version 3 file did not open\n");
         return 1;
     }
     std::mt19937 rng(7);

@@ -1,6 +1,7 @@
 #include "events/RecordStore.h"
 
 #include "decode/AskStream.h"
+#include "events/SampleCoding.h"
 #include "services/Log.h"
 
 #include <algorithm>
@@ -45,12 +46,42 @@
 // A series: u8 order k (1 to 4), then z for each of the samples' differences
 // taken k times over (the sample before the first counting as 0); the order
 // is the one whose differences take the fewest bits.
+//
+// Version 3 payload: one zstd frame of the record's fields and of the columns
+// below, then the bits of its sample series (SampleCoding.h), which a
+// general compressor cannot shrink: the noise of the envelope is in them.
+//   u startTime, z endTime - startTime, z amplitude, z highPeriod,
+//   z lowPeriod, z polarity
+//   u raw count, u8 raw kind:
+//     0 = own: u count of the values that go on past the raw samples in the
+//         pulses after them (ExtendRaw); the raw samples and those values
+//         one series in the bits, the extended raw samples
+//     1 = equal to the samples
+//   u sample count, u8 sample kind:
+//     0 = a series in the bits
+//     2 = a series as in version 2, here in the frame (chosen when smaller)
+//     1 = for each sample that has an extended raw sample, z its difference
+//         from their five-point smoothing (mostly 0); the samples past them
+//         a series in the bits, going on from those before
+//   u pulse count, then a column per field over the pulses:
+//     z duration each
+//     u8 level each, XOR the opposite of the level before (0 before the
+//       first): 0 where levels alternate
+//     z mark minus (the mark before, 0 for the first, plus the duration)
+//     z spare minus the spare before
+//     then per pulse u8 kind: 0 = own samples (u count, then a series as in
+//       version 2), 1 = a run of the record's samples, 2 = a run of the
+//       extended raw samples, each run as z its offset minus the end of the
+//       previous run of the same samples and z its count minus the duration
+//   The bits hold the raw samples' series, then the samples' (or the part
+//   past the raw ones).
 
 namespace {
 
 constexpr char kMagic[8] = {'C', 'S', 'R', 'E', 'C', 'O', 'R', 'D'};
 constexpr uint32_t kVersionPlain = RecordStore::kVersionPlain;
 constexpr uint32_t kVersionCompressed = RecordStore::kVersionCompressed;
+constexpr uint32_t kVersionPacked = RecordStore::kVersionPacked;
 // Compression level of the payloads: an ASK record (about 13 kB plain) costs
 // under a tenth of a millisecond to code at this level, on the thread that
 // adds events (record_rates measures it).
@@ -384,7 +415,7 @@ FrameRead ReadPlainFrame(uint64_t at, uint64_t size, const ReadAt& read, std::ve
     return FrameRead::Whole;
 }
 
-// A version 2 frame: its header has a checksum of its own, so a payload that
+// A version 2 or 3 frame: its header has a checksum of its own, so a payload that
 // does not check (or is cut short) still tells which record it was.
 FrameRead ReadCompressedFrame(uint64_t at, uint64_t size, const ReadAt& read, std::vector<uint8_t>& chunk,
                               uint64_t& number, RecordStore::Entry& e)
@@ -409,7 +440,7 @@ FrameRead ReadCompressedFrame(uint64_t at, uint64_t size, const ReadAt& read, st
 // Walks the frames after the header; each whole frame whose checksums hold is
 // handed to `found`, and the number of each frame found damaged to
 // `damaged`. A frame that does not read is passed over: the walk goes on at
-// the next frame mark after it (a damaged version 2 frame, whose header
+// the next frame mark after it (a damaged frame of version 2 or 3, whose header
 // checks, is passed over by its length). Returns the end of the last whole
 // frame.
 uint64_t WalkFrames(uint32_t version, uint64_t size, const ReadAt& read, const Found& found,
@@ -446,7 +477,7 @@ uint32_t HeaderVersion(const uint8_t* h)
     if (std::memcmp(h, kMagic, sizeof kMagic) != 0)
         return 0;
     const uint32_t v = Get32(h + 8);
-    return v == kVersionPlain || v == kVersionCompressed ? v : 0;
+    return v == kVersionPlain || v == kVersionCompressed || v == kVersionPacked ? v : 0;
 }
 
 bool WriteAll(int fd, const uint8_t* p, size_t n, uint64_t offset, int& error)
@@ -483,6 +514,41 @@ bool ReadAll(int fd, uint8_t* p, size_t n, uint64_t offset)
         offset += static_cast<uint64_t>(r);
     }
     return true;
+}
+
+// One zstd frame of `plain`; false if zstd fails.
+bool Zstd(const std::vector<uint8_t>& plain, std::vector<uint8_t>& packed)
+{
+    packed.resize(ZSTD_compressBound(plain.size()));
+    thread_local std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx*)> context(ZSTD_createCCtx(), ZSTD_freeCCtx);
+    const size_t n = context ? ZSTD_compressCCtx(context.get(), packed.data(), packed.size(), plain.data(),
+                                                 plain.size(), kZstdLevel)
+                             : ZSTD_compress(packed.data(), packed.size(), plain.data(), plain.size(), kZstdLevel);
+    if (ZSTD_isError(n))
+        return false;
+    packed.resize(n);
+    return true;
+}
+
+// The zstd frame at the start of `bytes`, unpacked; it must take exactly
+// `frameSize` bytes (0: whatever it takes, which is then told in
+// `frameSize`). The frame says how much it unpacks to; a frame that does
+// not, or claims more than a record ever takes, is not one of ours.
+bool Unzstd(const uint8_t* bytes, size_t size, size_t& frameSize, std::vector<uint8_t>& plain)
+{
+    const unsigned long long content = ZSTD_getFrameContentSize(bytes, size);
+    if (content == ZSTD_CONTENTSIZE_UNKNOWN || content == ZSTD_CONTENTSIZE_ERROR ||
+        content > RecordStore::kMaxRecordBytes)
+        return false;
+    const size_t frame = ZSTD_findFrameCompressedSize(bytes, size);
+    if (ZSTD_isError(frame) || frame > size || (frameSize && frame != frameSize))
+        return false;
+    frameSize = frame;
+    plain.resize(static_cast<size_t>(content));
+    thread_local std::unique_ptr<ZSTD_DCtx, size_t (*)(ZSTD_DCtx*)> context(ZSTD_createDCtx(), ZSTD_freeDCtx);
+    const size_t n = context ? ZSTD_decompressDCtx(context.get(), plain.data(), plain.size(), bytes, frame)
+                             : ZSTD_decompress(plain.data(), plain.size(), bytes, frame);
+    return !ZSTD_isError(n) && n == plain.size();
 }
 
 }  // namespace
@@ -524,13 +590,13 @@ void RecordStore::Fail(const char* what, int error)
 
 bool RecordStore::Create(const std::string& path)
 {
-    return Create(path, kVersionCompressed);
+    return Create(path, kVersionPacked);
 }
 
 bool RecordStore::Create(const std::string& path, uint32_t version)
 {
-    if (version != kVersionPlain)
-        version = kVersionCompressed;
+    if (version != kVersionPlain && version != kVersionCompressed)
+        version = kVersionPacked;
     Close();
     std::lock_guard<std::mutex> lock(m_mutex);
     m_path = path;
@@ -656,32 +722,18 @@ std::vector<uint8_t> RecordStore::EncodeCompressed(const TriggerData& r)
             PutSeries(out, p.samples);
         }
     }
-    std::vector<uint8_t> packed(ZSTD_compressBound(out.size()));
-    thread_local std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx*)> context(ZSTD_createCCtx(), ZSTD_freeCCtx);
-    const size_t n = context ? ZSTD_compressCCtx(context.get(), packed.data(), packed.size(), out.data(), out.size(),
-                                                 kZstdLevel)
-                             : ZSTD_compress(packed.data(), packed.size(), out.data(), out.size(), kZstdLevel);
-    if (ZSTD_isError(n))
+    std::vector<uint8_t> packed;
+    if (!Zstd(out, packed))
         return std::vector<uint8_t>();
-    packed.resize(n);
     return packed;
 }
 
 bool RecordStore::DecodeCompressed(const uint8_t* bytes, size_t size, TriggerData& r)
 {
     r = TriggerData();
-    // The frame says how much it unpacks to; a frame that does not, or
-    // claims more than a record ever takes, is not one of ours.
-    const unsigned long long content = ZSTD_getFrameContentSize(bytes, size);
-    if (content == ZSTD_CONTENTSIZE_UNKNOWN || content == ZSTD_CONTENTSIZE_ERROR || content > kMaxRecordBytes ||
-        ZSTD_findFrameCompressedSize(bytes, size) != size)
-        return false;
     thread_local std::vector<uint8_t> plain;
-    plain.resize(static_cast<size_t>(content));
-    thread_local std::unique_ptr<ZSTD_DCtx, size_t (*)(ZSTD_DCtx*)> context(ZSTD_createDCtx(), ZSTD_freeDCtx);
-    const size_t n = context ? ZSTD_decompressDCtx(context.get(), plain.data(), plain.size(), bytes, size)
-                             : ZSTD_decompress(plain.data(), plain.size(), bytes, size);
-    if (ZSTD_isError(n) || n != plain.size())
+    size_t whole = size;
+    if (!Unzstd(bytes, size, whole, plain))
         return false;
     Reader in(plain.data(), plain.size());
     uint64_t span, v;
@@ -768,12 +820,299 @@ bool RecordStore::DecodeCompressed(const uint8_t* bytes, size_t size, TriggerDat
     return in.Left() == 0;
 }
 
+namespace {
+
+// How a pulse's samples are stored in version 3: own, or a run of the
+// record's samples or of the raw samples at an offset.
+struct PulseRun {
+    uint8_t kind = 0;
+    size_t offset = 0;
+};
+
+// The raw samples of a record as version 3 codes them: the raw samples, and
+// after them the samples of the pulses that go on past their end. The ASK
+// stream's pulses are the runs of its smoothed envelope one after another,
+// and the raw samples are that envelope cut after the packet's last byte, so
+// the pulses after the cut carry the rest of it. Stored as a run, a pulse
+// takes no sample of its own, and the record's samples (that envelope
+// smoothed again) are predicted to their end.
+void ExtendRaw(const TriggerData& r, bool rawIsSamples, std::vector<int32_t>& ext, std::vector<PulseRun>& runs)
+{
+    ext = r.rawSamples;
+    runs.assign(r.pulses.size(), PulseRun());
+    size_t hint = 0, rawHint = 0;
+    for (size_t i = 0; i < r.pulses.size(); ++i) {
+        const std::vector<int32_t>& p = r.pulses[i].samples;
+        PulseRun& run = runs[i];
+        if (p.empty())
+            continue;
+        if (FindRun(r.samples, p, hint, run.offset)) {
+            run.kind = 1;
+            hint = run.offset + p.size();
+            continue;
+        }
+        if (rawIsSamples)
+            continue;
+        if (!FindRun(ext, p, rawHint, run.offset)) {
+            // A pulse that begins with what is left of the raw samples after
+            // the previous run and goes on past them extends them.
+            const size_t left = ext.size() - std::min(rawHint, ext.size());
+            if (rawHint > ext.size() || p.size() <= left ||
+                !std::equal(p.begin(), p.begin() + static_cast<long>(left), ext.begin() + static_cast<long>(rawHint)))
+                continue;
+            ext.insert(ext.end(), p.begin() + static_cast<long>(left), p.end());
+            run.offset = rawHint;
+        }
+        run.kind = 2;
+        rawHint = run.offset + p.size();
+    }
+}
+
+}  // namespace
+
+namespace {
+
+// A version 3 payload; the samples of a record without raw samples go into
+// the zstd frame as a series when `samplesInFrame` (the carrier's period
+// words, which repeat, can take fewer bytes there), else into the bits.
+std::vector<uint8_t> EncodePackedWith(const TriggerData& r, bool samplesInFrame)
+{
+    std::vector<uint8_t> out;
+    std::vector<uint8_t> bits;
+    out.reserve(64 + 3 * r.pulses.size());
+    bits.reserve(r.samples.size() + r.rawSamples.size());
+    {
+        BitWriter series(bits);
+        PutU(out, r.startTime);
+        PutZ(out, r.endTime - r.startTime);
+        PutZ(out, static_cast<uint64_t>(r.amplitude));
+        PutZ(out, static_cast<uint64_t>(r.highPeriod));
+        PutZ(out, static_cast<uint64_t>(r.lowPeriod));
+        PutZ(out, static_cast<uint64_t>(r.polarity));
+        const bool rawIsSamples = r.rawSamples == r.samples && !r.samples.empty();
+        thread_local std::vector<int32_t> ext;
+        thread_local std::vector<PulseRun> runs;
+        ExtendRaw(r, rawIsSamples, ext, runs);
+        PutU(out, r.rawSamples.size());
+        out.push_back(rawIsSamples ? 1 : 0);
+        if (!rawIsSamples) {
+            PutU(out, ext.size() - r.rawSamples.size());
+            samplecoding::PutSeries(series, ext.data(), 0, ext.size());
+        }
+        PutU(out, r.samples.size());
+        const bool predicted = !rawIsSamples && !ext.empty();
+        out.push_back(predicted ? 1 : 0);
+        // Samples equal to the raw samples are told by the raw kind and
+        // always go into the bits.
+        samplesInFrame = samplesInFrame && !predicted && !rawIsSamples;
+        if (predicted) {
+            // Where there are raw samples, the samples are their smoothing
+            // but at the ends: the differences are mostly 0. Past them, the
+            // samples go on as a series.
+            thread_local std::vector<int32_t> smooth;
+            FivePointFilter(ext, smooth);
+            const size_t both = std::min(r.samples.size(), smooth.size());
+            for (size_t i = 0; i < both; ++i)
+                PutZ(out, static_cast<uint64_t>(static_cast<int64_t>(r.samples[i])) -
+                              static_cast<uint64_t>(static_cast<int64_t>(smooth[i])));
+            samplecoding::PutSeries(series, r.samples.data(), both, r.samples.size());
+        } else if (samplesInFrame) {
+            out.back() = 2;
+            PutSeries(out, r.samples);
+        } else {
+            samplecoding::PutSeries(series, r.samples.data(), 0, r.samples.size());
+        }
+        // Pulses, a column per field, each field against what the pulse
+        // before makes likely: the ASK stream's pulses alternate in level,
+        // end a duration after the one before, and are the runs of samples
+        // that follow each other, so most columns come out all 0.
+        PutU(out, r.pulses.size());
+        for (const PulseRecord& p : r.pulses)
+            PutZ(out, static_cast<uint64_t>(p.duration));
+        uint8_t level = 0;
+        for (const PulseRecord& p : r.pulses) {
+            out.push_back(static_cast<uint8_t>(p.level ^ (level ^ 1u)));
+            level = p.level;
+        }
+        uint64_t mark = 0;
+        for (const PulseRecord& p : r.pulses) {
+            PutZ(out, uint64_t{p.mark} - (mark + static_cast<uint64_t>(p.duration)));
+            mark = p.mark;
+        }
+        uint64_t spare = 0;
+        for (const PulseRecord& p : r.pulses) {
+            PutZ(out, static_cast<uint64_t>(p.spare) - spare);
+            spare = static_cast<uint64_t>(p.spare);
+        }
+        size_t hint = 0, rawHint = 0;
+        for (size_t i = 0; i < r.pulses.size(); ++i) {
+            const PulseRecord& p = r.pulses[i];
+            const PulseRun& run = runs[i];
+            out.push_back(run.kind);
+            if (run.kind == 0) {
+                PutU(out, p.samples.size());
+                PutSeries(out, p.samples);
+                continue;
+            }
+            size_t& at = run.kind == 1 ? hint : rawHint;
+            PutZ(out, uint64_t{run.offset} - uint64_t{at});
+            PutZ(out, uint64_t{p.samples.size()} - static_cast<uint64_t>(p.duration));
+            at = run.offset + p.samples.size();
+        }
+    }
+    std::vector<uint8_t> packed;
+    if (!Zstd(out, packed))
+        return std::vector<uint8_t>();
+    packed.insert(packed.end(), bits.begin(), bits.end());
+    return packed;
+}
+
+}  // namespace
+
+std::vector<uint8_t> RecordStore::EncodePacked(const TriggerData& r)
+{
+    std::vector<uint8_t> best = EncodePackedWith(r, false);
+    // Only a record with samples and no raw samples of its own has the choice.
+    if (!r.samples.empty() && r.rawSamples.empty() && !best.empty()) {
+        std::vector<uint8_t> other = EncodePackedWith(r, true);
+        if (!other.empty() && other.size() < best.size())
+            best.swap(other);
+    }
+    return best;
+}
+
+bool RecordStore::DecodePacked(const uint8_t* bytes, size_t size, TriggerData& r)
+{
+    r = TriggerData();
+    thread_local std::vector<uint8_t> plain;
+    size_t frame = 0;
+    if (!Unzstd(bytes, size, frame, plain))
+        return false;
+    BitReader series(bytes + frame, size - frame);
+    Reader in(plain.data(), plain.size());
+    uint64_t span, v;
+    if (!in.U(r.startTime) || !in.Z(span))
+        return false;
+    r.endTime = r.startTime + span;
+    int64_t* fields[] = {&r.amplitude, &r.highPeriod, &r.lowPeriod, &r.polarity};
+    for (int64_t* f : fields) {
+        if (!in.Z(v))
+            return false;
+        *f = static_cast<int64_t>(v);
+    }
+    // A series takes at least a bit a value: counts beyond the bits left are
+    // not ours.
+    const uint64_t bitsLeft = 8 * static_cast<uint64_t>(size - frame);
+    uint64_t rawCount, extra = 0, count;
+    uint8_t rawKind, kind;
+    if (!in.U(rawCount) || !in.U8(rawKind) || rawKind > 1 || (rawKind == 0 && !in.U(extra)) ||
+        (rawKind == 0 && (rawCount > bitsLeft || extra > bitsLeft - rawCount)))
+        return false;
+    std::vector<int32_t> ext;
+    if (rawKind == 0) {
+        ext.resize(static_cast<size_t>(rawCount + extra));
+        if (!samplecoding::GetSeries(series, ext.data(), 0, ext.size()))
+            return false;
+        r.rawSamples.assign(ext.begin(), ext.begin() + static_cast<long>(rawCount));
+    }
+    if (!in.U(count) || !in.U8(kind) || kind > 2 || (kind == 1 && (rawKind != 0 || ext.empty())) ||
+        (kind == 2 && rawKind != 0))
+        return false;
+    if (kind == 2) {
+        if (count > in.Left() || !in.Series(static_cast<size_t>(count), r.samples))
+            return false;
+    } else if (rawKind == 1) {
+        if (rawCount != count || count == 0 || count > bitsLeft)
+            return false;
+        r.samples.resize(static_cast<size_t>(count));
+        if (!samplecoding::GetSeries(series, r.samples.data(), 0, r.samples.size()))
+            return false;
+        r.rawSamples = r.samples;
+    } else if (kind == 1) {
+        std::vector<int32_t> smooth;
+        FivePointFilter(ext, smooth);
+        const size_t both = static_cast<size_t>(std::min<uint64_t>(count, smooth.size()));
+        if (count - both > bitsLeft)
+            return false;
+        r.samples.resize(static_cast<size_t>(count));
+        for (size_t i = 0; i < both; ++i) {
+            uint64_t d;
+            if (!in.Z(d))
+                return false;
+            r.samples[i] = static_cast<int32_t>(static_cast<uint64_t>(static_cast<int64_t>(smooth[i])) + d);
+        }
+        if (!samplecoding::GetSeries(series, r.samples.data(), both, r.samples.size()))
+            return false;
+    } else {
+        if (count > bitsLeft)
+            return false;
+        r.samples.resize(static_cast<size_t>(count));
+        if (!samplecoding::GetSeries(series, r.samples.data(), 0, r.samples.size()))
+            return false;
+    }
+    // Every pulse takes five bytes of its columns at least.
+    size_t pulses;
+    if (!in.Count(pulses) || pulses > in.Left() / 5)
+        return false;
+    r.pulses.resize(pulses);
+    for (PulseRecord& p : r.pulses) {
+        if (!in.Z(v))
+            return false;
+        p.duration = static_cast<int64_t>(v);
+    }
+    uint8_t level = 0;
+    for (PulseRecord& p : r.pulses) {
+        uint8_t b;
+        if (!in.U8(b))
+            return false;
+        p.level = static_cast<uint8_t>(b ^ (level ^ 1u));
+        level = p.level;
+    }
+    uint64_t mark = 0;
+    for (PulseRecord& p : r.pulses) {
+        if (!in.Z(v))
+            return false;
+        p.mark = static_cast<uint32_t>(mark + static_cast<uint64_t>(p.duration) + v);
+        mark = p.mark;
+    }
+    uint64_t spare = 0;
+    for (PulseRecord& p : r.pulses) {
+        if (!in.Z(v))
+            return false;
+        spare += v;
+        p.spare = static_cast<int64_t>(spare);
+    }
+    size_t hint = 0, rawHint = 0;
+    for (PulseRecord& p : r.pulses) {
+        if (!in.U8(kind))
+            return false;
+        if (kind == 1 || kind == 2) {
+            const std::vector<int32_t>& from = kind == 1 ? r.samples : ext;
+            size_t& at = kind == 1 ? hint : rawHint;
+            uint64_t d;
+            if (!in.Z(d) || !in.Z(v))
+                return false;
+            const uint64_t offset = at + d;
+            const uint64_t n = static_cast<uint64_t>(p.duration) + v;
+            if (offset > from.size() || n > from.size() - offset)
+                return false;
+            p.samples.assign(from.begin() + static_cast<long>(offset), from.begin() + static_cast<long>(offset + n));
+            at = static_cast<size_t>(offset + n);
+        } else if (kind != 0 || !in.Count(count) || !in.Series(count, p.samples)) {
+            return false;
+        }
+    }
+    return in.Left() == 0 && series.AtPaddedEnd();
+}
+
 bool RecordStore::DecodePayload(uint32_t version, const uint8_t* bytes, size_t size, TriggerData& record)
 {
     if (version == kVersionPlain)
         return Decode(bytes, size, record);
     if (version == kVersionCompressed)
         return DecodeCompressed(bytes, size, record);
+    if (version == kVersionPacked)
+        return DecodePacked(bytes, size, record);
     record = TriggerData();
     return false;
 }
@@ -906,7 +1245,9 @@ bool RecordStore::Append(uint64_t number, const TriggerData& record, uint32_t ta
         version = m_version;
     }
     // Coded outside the lock: a reader of another record need not wait.
-    const std::vector<uint8_t> payload = version == kVersionPlain ? Encode(record) : EncodeCompressed(record);
+    const std::vector<uint8_t> payload = version == kVersionPlain        ? Encode(record)
+                                         : version == kVersionCompressed ? EncodeCompressed(record)
+                                                                         : EncodePacked(record);
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_fd < 0 || !m_writable || m_failed)
         return false;

@@ -6,8 +6,12 @@
 //   header   8 bytes "CSRECORD", 4 bytes format version, 4 bytes 0
 //   frames   one per record.
 //
-// Version 2 (written now): each record compressed on its own, so that one
-// record loads without its neighbours.
+// Version 3 (written now): each record coded on its own, so that one record
+// loads without its neighbours; frames as in version 2, the payload a zstd
+// frame of the record's fields and pulses followed by the Rice-coded bits of
+// its sample series (RecordStore.cpp, SampleCoding.h).
+// Version 2 (still read, and written on request): each record compressed on
+// its own.
 //              4 bytes frame mark 0x46525343 ("CSRF")
 //              8 bytes record number
 //              4 bytes tag of the event the record belongs to
@@ -33,7 +37,7 @@
 // The index (number to offset and length) is in memory; opening an existing
 // file rebuilds it by reading its frames. A frame that does not check is
 // passed over and the frames after it are found again by their mark, so a
-// damaged or cut record loses that record only; in version 2 a frame whose
+// damaged or cut record loses that record only; from version 2 on a frame whose
 // header checks but whose payload does not (or is cut short) is remembered
 // as damaged. A write fault (disk full, folder or file not writable) makes
 // the store refuse every later append, told once in the application log;
@@ -60,7 +64,8 @@ public:
     // A new, empty file for appending (an existing one is replaced). False,
     // with the fault logged, if it cannot be made; the store then refuses.
     bool Create(const std::string& path);
-    // The same in a given format version (kVersionPlain or kVersionCompressed).
+    // The same in a given format version (kVersionPlain, kVersionCompressed or
+    // kVersionPacked).
     bool Create(const std::string& path, uint32_t version);
     // An existing file, read only: the index is rebuilt from its frames.
     // False if it cannot be opened or has no valid header.
@@ -106,7 +111,11 @@ public:
     // prediction-coded fields), and its decoding; the same guarantees.
     static std::vector<uint8_t> EncodeCompressed(const TriggerData& record);
     static bool DecodeCompressed(const uint8_t* bytes, size_t size, TriggerData& record);
-    // A frame's payload of either version.
+    // The payload of a version 3 frame, and its decoding; the same
+    // guarantees.
+    static std::vector<uint8_t> EncodePacked(const TriggerData& record);
+    static bool DecodePacked(const uint8_t* bytes, size_t size, TriggerData& record);
+    // A frame's payload of any version.
     static bool DecodePayload(uint32_t version, const uint8_t* bytes, size_t size, TriggerData& record);
     // The format version a file's bytes begin with; 0 if they are not a
     // record file of a version this reader knows.
@@ -122,16 +131,17 @@ public:
     };
     static bool Scan(const uint8_t* bytes, size_t size, std::vector<std::pair<uint64_t, Entry>>& frames,
                      uint64_t* validEnd = nullptr);
-    // The same, with the numbers of the frames found damaged (version 2).
+    // The same, with the numbers of the frames found damaged (versions 2 and 3).
     static bool Scan(const uint8_t* bytes, size_t size, std::vector<std::pair<uint64_t, Entry>>& frames,
                      uint64_t* validEnd, std::vector<uint64_t>* damaged);
 
     static constexpr uint32_t kVersionPlain = 1;
     static constexpr uint32_t kVersionCompressed = 2;
+    static constexpr uint32_t kVersionPacked = 3;
     static constexpr size_t kHeaderSize = 16;
     static constexpr size_t kFrameHeaderSize = 24;            // version 1
-    static constexpr size_t kCompressedFrameHeaderSize = 28;  // version 2
-    // The largest record a version 2 payload may unpack to; a frame that
+    static constexpr size_t kCompressedFrameHeaderSize = 28;  // versions 2 and 3
+    // The largest record a version 2 or 3 payload may unpack to; a frame that
     // claims more is damaged.
     static constexpr size_t kMaxRecordBytes = 256u << 20;
 

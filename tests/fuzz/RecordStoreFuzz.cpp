@@ -1,7 +1,7 @@
-// Fuzz target: bytes of a record file (plain or compressed format) through
-// the frame scanner and the record decoders, from memory and through a real
-// file; every record read is encoded again in both formats and must decode
-// to the same record.
+// Fuzz target: bytes of a record file (plain, zstd or Rice-coded format)
+// through the frame scanner and the record decoders, from memory and through
+// a real file; every record read is encoded again in every format and must
+// decode to the same record.
 #include "events/RecordStore.h"
 
 #include <cstddef>
@@ -36,6 +36,19 @@ void Check(const TriggerData& r)
         if (unpacked.pulses[i].samples != r.pulses[i].samples || unpacked.pulses[i].mark != r.pulses[i].mark ||
             unpacked.pulses[i].duration != r.pulses[i].duration || unpacked.pulses[i].spare != r.pulses[i].spare)
             __builtin_trap();
+    const std::vector<uint8_t> coded = RecordStore::EncodePacked(r);
+    TriggerData decoded;
+    if (!RecordStore::DecodePacked(coded.data(), coded.size(), decoded))
+        __builtin_trap();
+    if (decoded.samples != r.samples || decoded.rawSamples != r.rawSamples || decoded.pulses.size() != r.pulses.size() ||
+        decoded.startTime != r.startTime || decoded.endTime != r.endTime || decoded.amplitude != r.amplitude ||
+        decoded.highPeriod != r.highPeriod || decoded.lowPeriod != r.lowPeriod || decoded.polarity != r.polarity)
+        __builtin_trap();
+    for (size_t i = 0; i < r.pulses.size(); ++i)
+        if (decoded.pulses[i].samples != r.pulses[i].samples || decoded.pulses[i].mark != r.pulses[i].mark ||
+            decoded.pulses[i].duration != r.pulses[i].duration || decoded.pulses[i].spare != r.pulses[i].spare ||
+            decoded.pulses[i].level != r.pulses[i].level)
+            __builtin_trap();
 }
 
 }  // namespace
@@ -47,6 +60,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (RecordStore::Decode(data, size, r))
         Check(r);
     if (RecordStore::DecodeCompressed(data, size, r))
+        Check(r);
+    if (RecordStore::DecodePacked(data, size, r))
         Check(r);
 
     // The bytes as a file, scanned in memory.
