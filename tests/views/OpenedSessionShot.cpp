@@ -1,5 +1,7 @@
 // The main window with a saved session opened in place, one of its events
-// selected whose capture record is damaged in the record file, as a PNG:
+// selected whose capture record is damaged in the record file, as a PNG; and
+// the ASK wave panel with the wave of the control error before it, read back
+// from the record file, as OUT_wave.png:
 //   xvfb-run -a -s "-screen 0 1600x1000x24" build/tests/opened_session_shot OUT.png
 // The session is the emulator's recorded streams (tests/data) replayed into
 // a session folder under a temporary folder; the record of one control
@@ -15,11 +17,14 @@
 #include "views/Properties.h"
 #include "views/PropertyTree.h"
 #include "views/QWindowReal.h"
+#include "views/SampleGui.h"
+#include "views/WaveView.h"
 
 #include <QAction>
 #include <QApplication>
 #include <QDir>
 #include <QPixmap>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTreeView>
@@ -113,9 +118,28 @@ int main(int argc, char** argv)
     // The note stands after the event's groups: scrolled into view.
     w.Dock()->PropertyView()->Tree()->View()->scrollToBottom();
     QTest::qWait(300);
-    const bool saved = w.grab().save(QString::fromLocal8Bit(argv[1]));
+    bool saved = w.grab().save(QString::fromLocal8Bit(argv[1]));
     std::printf("%s: %s opened in place, record %llu damaged, note \"%s\"\n", saved ? "saved" : "not saved",
                 sid.c_str(), static_cast<unsigned long long>(damaged),
                 events->Model().SelectedRecordNote().toLocal8Bit().constData());
+
+    // The control error before it, whose record is whole: its wave.
+    w.Action(QStringLiteral("action2K_Ware"))->trigger();
+    w.AskPanel()->setGeometry(0, 0, 1100, 600);
+    left = 11;
+    QStandardItemEx* whole = NthControlError(events->Model().Root(), left);
+    if (!whole) {
+        std::fprintf(stderr, "no earlier control error\n");
+        return 1;
+    }
+    events->eventClidked(whole->index());
+    QTest::qWait(500);
+    QString wavePath = QString::fromLocal8Bit(argv[1]);
+    wavePath.replace(QRegularExpression(QStringLiteral("\\.png$")), QString());
+    wavePath += QStringLiteral("_wave.png");
+    saved = w.AskPanel()->grab().save(wavePath) && saved;
+    std::printf("%s: record %llu, wave of %zu samples, \"%s\"\n", wavePath.toLocal8Bit().constData(),
+                static_cast<unsigned long long>(whole->recordNumber), w.AskPanel()->Wave()->Trace().t.size(),
+                w.AskPanel()->Wave()->Trace().packetText.c_str());
     return saved ? 0 : 1;
 }
