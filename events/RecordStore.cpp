@@ -358,6 +358,33 @@ private:
     size_t m_at = 0;
 };
 
+// The record's times and fields as versions 2 and 3 code them: u startTime,
+// z endTime - startTime, z amplitude, z highPeriod, z lowPeriod, z polarity.
+void PutFields(std::vector<uint8_t>& out, const TriggerData& r)
+{
+    PutU(out, r.startTime);
+    PutZ(out, r.endTime - r.startTime);
+    PutZ(out, static_cast<uint64_t>(r.amplitude));
+    PutZ(out, static_cast<uint64_t>(r.highPeriod));
+    PutZ(out, static_cast<uint64_t>(r.lowPeriod));
+    PutZ(out, static_cast<uint64_t>(r.polarity));
+}
+
+bool GetFields(Reader& in, TriggerData& r)
+{
+    uint64_t span, v;
+    if (!in.U(r.startTime) || !in.Z(span))
+        return false;
+    r.endTime = r.startTime + span;
+    int64_t* fields[] = {&r.amplitude, &r.highPeriod, &r.lowPeriod, &r.polarity};
+    for (int64_t* f : fields) {
+        if (!in.Z(v))
+            return false;
+        *f = static_cast<int64_t>(v);
+    }
+    return true;
+}
+
 using ReadAt = std::function<bool(uint64_t offset, uint8_t* into, size_t n)>;
 
 using Found = std::function<void(uint64_t number, const RecordStore::Entry&)>;
@@ -664,12 +691,7 @@ std::vector<uint8_t> RecordStore::EncodeCompressed(const TriggerData& r)
 {
     std::vector<uint8_t> out;
     out.reserve(64 + 2 * (r.samples.size() + r.rawSamples.size()) + 8 * r.pulses.size());
-    PutU(out, r.startTime);
-    PutZ(out, r.endTime - r.startTime);
-    PutZ(out, static_cast<uint64_t>(r.amplitude));
-    PutZ(out, static_cast<uint64_t>(r.highPeriod));
-    PutZ(out, static_cast<uint64_t>(r.lowPeriod));
-    PutZ(out, static_cast<uint64_t>(r.polarity));
+    PutFields(out, r);
     const bool rawIsSamples = r.rawSamples == r.samples && !r.samples.empty();
     PutU(out, r.rawSamples.size());
     out.push_back(rawIsSamples ? 1 : 0);
@@ -736,16 +758,9 @@ bool RecordStore::DecodeCompressed(const uint8_t* bytes, size_t size, TriggerDat
     if (!Unzstd(bytes, size, whole, plain))
         return false;
     Reader in(plain.data(), plain.size());
-    uint64_t span, v;
-    if (!in.U(r.startTime) || !in.Z(span))
+    uint64_t v;
+    if (!GetFields(in, r))
         return false;
-    r.endTime = r.startTime + span;
-    int64_t* fields[] = {&r.amplitude, &r.highPeriod, &r.lowPeriod, &r.polarity};
-    for (int64_t* f : fields) {
-        if (!in.Z(v))
-            return false;
-        *f = static_cast<int64_t>(v);
-    }
     size_t rawCount, count;
     uint8_t rawKind, kind;
     if (!in.U(v) || !in.U8(rawKind) || rawKind > 1)
@@ -883,12 +898,7 @@ std::vector<uint8_t> EncodePackedWith(const TriggerData& r, bool samplesInFrame)
     bits.reserve(r.samples.size() + r.rawSamples.size());
     {
         BitWriter series(bits);
-        PutU(out, r.startTime);
-        PutZ(out, r.endTime - r.startTime);
-        PutZ(out, static_cast<uint64_t>(r.amplitude));
-        PutZ(out, static_cast<uint64_t>(r.highPeriod));
-        PutZ(out, static_cast<uint64_t>(r.lowPeriod));
-        PutZ(out, static_cast<uint64_t>(r.polarity));
+        PutFields(out, r);
         const bool rawIsSamples = r.rawSamples == r.samples && !r.samples.empty();
         thread_local std::vector<int32_t> ext;
         thread_local std::vector<PulseRun> runs;
@@ -990,16 +1000,9 @@ bool RecordStore::DecodePacked(const uint8_t* bytes, size_t size, TriggerData& r
         return false;
     BitReader series(bytes + frame, size - frame);
     Reader in(plain.data(), plain.size());
-    uint64_t span, v;
-    if (!in.U(r.startTime) || !in.Z(span))
+    uint64_t v;
+    if (!GetFields(in, r))
         return false;
-    r.endTime = r.startTime + span;
-    int64_t* fields[] = {&r.amplitude, &r.highPeriod, &r.lowPeriod, &r.polarity};
-    for (int64_t* f : fields) {
-        if (!in.Z(v))
-            return false;
-        *f = static_cast<int64_t>(v);
-    }
     // A series takes at least a bit a value: counts beyond the bits left are
     // not ours.
     const uint64_t bitsLeft = 8 * static_cast<uint64_t>(size - frame);

@@ -791,31 +791,41 @@ TEST(RecordStore, CutInsideAZstdFrameIsDamaged)
     CutInsideACompressedFrameIsDamaged(RecordStore::kVersionCompressed);
 }
 
-TEST(RecordStore, DecodeCompressedRefusesInconsistentPayloads)
+// One payload coder's payload of `r`: it decodes back to `r`; cut at any
+// byte or longer by one it is refused; with any byte changed it is refused or
+// decodes to a record that codes again to itself; never a read out of bounds
+// (the sanitizer builds run this too). Returns the good payload.
+static std::vector<uint8_t> ExpectPayloadChecks(const TriggerData& r, std::vector<uint8_t> (*encode)(const TriggerData&),
+                                                bool (*decode)(const uint8_t*, size_t, TriggerData&))
 {
-    const TriggerData r = Burst(5, 64, 6);
-    const std::vector<uint8_t> good = RecordStore::EncodeCompressed(r);
+    const std::vector<uint8_t> good = encode(r);
     TriggerData back;
-    ASSERT_TRUE(RecordStore::DecodeCompressed(good.data(), good.size(), back));
+    EXPECT_TRUE(decode(good.data(), good.size(), back));
     ExpectSameRecord(r, back);
     for (size_t n = 0; n < good.size(); ++n)
-        EXPECT_FALSE(RecordStore::DecodeCompressed(good.data(), n, back)) << n;
+        EXPECT_FALSE(decode(good.data(), n, back)) << n;
     std::vector<uint8_t> longer = good;
     longer.push_back(0);
-    EXPECT_FALSE(RecordStore::DecodeCompressed(longer.data(), longer.size(), back));
-    // Any byte changed: refused, or a record that codes again the same way;
-    // never a read out of bounds (the sanitizer builds run this too).
+    EXPECT_FALSE(decode(longer.data(), longer.size(), back));
     for (size_t at = 0; at < good.size(); ++at) {
         std::vector<uint8_t> bytes = good;
         bytes[at] ^= 0xA5;
         TriggerData changed;
-        if (RecordStore::DecodeCompressed(bytes.data(), bytes.size(), changed)) {
-            const std::vector<uint8_t> recoded = RecordStore::EncodeCompressed(changed);
+        if (decode(bytes.data(), bytes.size(), changed)) {
+            const std::vector<uint8_t> recoded = encode(changed);
             TriggerData twice;
-            ASSERT_TRUE(RecordStore::DecodeCompressed(recoded.data(), recoded.size(), twice));
+            EXPECT_TRUE(decode(recoded.data(), recoded.size(), twice)) << at;
             ExpectSameRecord(changed, twice);
         }
     }
+    return good;
+}
+
+TEST(RecordStore, DecodeCompressedRefusesInconsistentPayloads)
+{
+    const TriggerData r = Burst(5, 64, 6);
+    const std::vector<uint8_t> good = ExpectPayloadChecks(r, RecordStore::EncodeCompressed, RecordStore::DecodeCompressed);
+    TriggerData back;
     // The plain decoder and the dispatch by version agree.
     EXPECT_TRUE(RecordStore::DecodePayload(RecordStore::kVersionCompressed, good.data(), good.size(), back));
     EXPECT_FALSE(RecordStore::DecodePayload(RecordStore::kVersionPlain, good.data(), good.size(), back));
@@ -823,9 +833,8 @@ TEST(RecordStore, DecodeCompressedRefusesInconsistentPayloads)
     EXPECT_FALSE(RecordStore::DecodePayload(0, good.data(), good.size(), back));
 }
 
-// The payload of the written format: cut at any byte, longer by one, or with
-// any byte changed, it is refused or decodes to a record that codes again to
-// itself; never a read out of bounds (the sanitizer builds run this too).
+// The payload of the written format, for records of the ASK and FSK chains
+// and a random one, under the same checks.
 TEST(RecordStore, DecodePackedRefusesInconsistentPayloads)
 {
     TriggerData fskLike;
@@ -837,26 +846,8 @@ TEST(RecordStore, DecodePackedRefusesInconsistentPayloads)
     for (int i = 0; i < 400; ++i)
         fskLike.samples.push_back((i / 16) % 2 ? 7400 + i % 3 : 7300 - i % 2);
     for (const TriggerData& r : {Burst(5, 64, 6), AskLike(6, 700, 440), fskLike}) {
-        const std::vector<uint8_t> good = RecordStore::EncodePacked(r);
+        const std::vector<uint8_t> good = ExpectPayloadChecks(r, RecordStore::EncodePacked, RecordStore::DecodePacked);
         TriggerData back;
-        ASSERT_TRUE(RecordStore::DecodePacked(good.data(), good.size(), back));
-        ExpectSameRecord(r, back);
-        for (size_t n = 0; n < good.size(); ++n)
-            EXPECT_FALSE(RecordStore::DecodePacked(good.data(), n, back)) << n;
-        std::vector<uint8_t> longer = good;
-        longer.push_back(0);
-        EXPECT_FALSE(RecordStore::DecodePacked(longer.data(), longer.size(), back));
-        for (size_t at = 0; at < good.size(); ++at) {
-            std::vector<uint8_t> bytes = good;
-            bytes[at] ^= 0xA5;
-            TriggerData changed;
-            if (RecordStore::DecodePacked(bytes.data(), bytes.size(), changed)) {
-                const std::vector<uint8_t> recoded = RecordStore::EncodePacked(changed);
-                TriggerData twice;
-                ASSERT_TRUE(RecordStore::DecodePacked(recoded.data(), recoded.size(), twice));
-                ExpectSameRecord(changed, twice);
-            }
-        }
         EXPECT_TRUE(RecordStore::DecodePayload(RecordStore::kVersionPacked, good.data(), good.size(), back));
         ExpectSameRecord(r, back);
     }
