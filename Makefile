@@ -61,6 +61,7 @@ bench: deps
 	@echo "== real-time dock refresh"; ./build-release/bench/dock_refresh
 	@echo "== wave panel refresh"; ./build-release/bench/wave_panel_refresh
 	@echo "== capture records in formats 1 (plain), 2 (zstd) and 3 (written now): bytes a record per stream, MiB an hour, coding and loading one old record"; ./build-release/bench/record_rates 10
+	@echo "== where the ASK records' bits go, and what an adaptive linear prediction of the envelope would leave"; ./build-release/bench/record_predictors 10
 	@echo "== a selected packet's wave drawn"; ./build-release/bench/wave_view_draw
 	@echo "== live capture at real speed (60 s)"; ./build-release/bench/live_capture cpu --seconds 60
 	@echo "== the desktop application at real speed in Xvfb (60 s)"; bash bench/desktop_cpu.sh build-release 60

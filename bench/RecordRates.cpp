@@ -9,10 +9,8 @@
 // 3 file opened afresh (median, 99th percentile, largest).
 //
 //   record_rates [MINUTES]     (default 10)
+#include "SessionRecords.h"
 #include "events/RecordStore.h"
-#include "events/StreamReplay.h"
-#include "services/SettingParams.h"
-#include "sim/StreamSynth.h"
 
 #include <QTemporaryDir>
 
@@ -22,7 +20,6 @@
 #include <cstdlib>
 #include <random>
 #include <sys/stat.h>
-#include <unordered_set>
 #include <vector>
 
 namespace {
@@ -61,34 +58,11 @@ struct Stream {
 int main(int argc, char** argv)
 {
     const int minutes = argc > 1 ? std::max(1, std::atoi(argv[1])) : 10;
-    coilsim::SynthOptions o;
-    o.seed = 3;
-    o.noise = true;
-    coilsim::StreamSynth synth(coilsim::SessionScript::Default(3), o);
-    std::vector<uint8_t> ask, fsk, a, f;
-    while (synth.StreamUs() < static_cast<uint64_t>(minutes) * 60ULL * 1000000ULL) {
-        synth.NextFrames(a, f);
-        ask.insert(ask.end(), a.begin(), a.end());
-        fsk.insert(fsk.end(), f.begin(), f.end());
-    }
-    SettingParams band;
-    band.m_min_freq = 110000;
-    band.m_max_freq = 210000;
-    band.m_ask_second_reader = 1;
-    band.m_fsk_second_reader = 1;
-    StreamReplay replay(ask.data(), ask.size(), fsk.data(), fsk.size(), &band);
-    Stream streams[2] = {{"ASK", {}}, {"FSK", {}}};
-    std::unordered_set<const TriggerData*> seen;
-    std::vector<TriggerDataPtr> all;
-    replay.Run([&](std::vector<MsgInfoPtr>& batch) {
-        for (const MsgInfoPtr& e : batch) {
-            if (!e->capture || !seen.insert(e->capture.get()).second)
-                continue;
-            streams[e->direction == 1 ? 1 : 0].records.push_back(e->capture);
-            all.push_back(e->capture);
-        }
-    });
-    const double streamSeconds = replay.DurationMs() / 1000.0;
+    const benchrecords::SessionRecords session = benchrecords::Collect(minutes);
+    Stream streams[2] = {{"ASK", session.ask}, {"FSK", session.fsk}};
+    std::vector<TriggerDataPtr> all(session.ask);
+    all.insert(all.end(), session.fsk.begin(), session.fsk.end());
+    const double streamSeconds = session.streamSeconds;
 
     QTemporaryDir dir;
     std::vector<TriggerDataPtr> order;  // by record number
