@@ -163,7 +163,7 @@ std::vector<int64_t> AdaptiveResiduals(const std::vector<int32_t>& y, size_t ord
 int main(int argc, char** argv)
 {
     const int minutes = argc > 1 ? std::max(1, std::atoi(argv[1])) : 3;
-    const benchrecords::SessionRecords session = benchrecords::Collect(minutes);
+    const sessionrecords::SessionRecords session = sessionrecords::Collect(minutes * 60.0);
 
     size_t records = 0, other = 0;
     uint64_t samples = 0, head = 0, tail = 0;

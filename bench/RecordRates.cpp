@@ -58,7 +58,7 @@ struct Stream {
 int main(int argc, char** argv)
 {
     const int minutes = argc > 1 ? std::max(1, std::atoi(argv[1])) : 10;
-    const benchrecords::SessionRecords session = benchrecords::Collect(minutes);
+    const sessionrecords::SessionRecords session = sessionrecords::Collect(minutes * 60.0);
     Stream streams[2] = {{"ASK", session.ask}, {"FSK", session.fsk}};
     std::vector<TriggerDataPtr> all(session.ask);
     all.insert(all.end(), session.fsk.begin(), session.fsk.end());

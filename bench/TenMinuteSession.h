@@ -42,13 +42,9 @@ inline LongSession MakeLongSession(size_t target)
     o.seed = 3;
     o.noise = true;
     coilsim::StreamSynth synth(coilsim::SessionScript::Default(3), o);
-    std::vector<uint8_t> ask, fsk, a, f;
+    std::vector<uint8_t> ask, fsk;
     const uint64_t sessionUs = 600ULL * 1000000ULL;
-    while (synth.StreamUs() < sessionUs) {
-        synth.NextFrames(a, f);
-        ask.insert(ask.end(), a.begin(), a.end());
-        fsk.insert(fsk.end(), f.begin(), f.end());
-    }
+    synth.AppendUntil(sessionUs, ask, fsk);
     SettingParams band;
     band.m_min_freq = 110000;
     band.m_max_freq = 210000;

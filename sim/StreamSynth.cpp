@@ -203,6 +203,15 @@ void StreamSynth::Fill(uint64_t ticks) {
     while (askSamples_ * kTicksPerSample < ticks || fskTicks_ < ticks) Advance();
 }
 
+void StreamSynth::AppendUntil(uint64_t streamUs, std::vector<uint8_t>& ask, std::vector<uint8_t>& fsk) {
+    std::vector<uint8_t> a, f;
+    while (StreamUs() < streamUs) {
+        NextFrames(a, f);
+        ask.insert(ask.end(), a.begin(), a.end());
+        fsk.insert(fsk.end(), f.begin(), f.end());
+    }
+}
+
 void StreamSynth::NextFrames(std::vector<uint8_t>& askFrame, std::vector<uint8_t>& fskFrame) {
     const uint64_t boundary = (frames_ + 1) * kTicksPerFrame;
     Fill(boundary);

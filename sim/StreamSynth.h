@@ -58,6 +58,9 @@ public:
     // Frame number FramesMade() of each stream, as the device sends it.
     void NextFrames(std::vector<uint8_t>& askFrame, std::vector<uint8_t>& fskFrame);
     uint64_t FramesMade() const { return frames_; }
+    // Appends the frames of both streams until the stream time reaches
+    // `streamUs`: a recording of that much of the session, as the device sends it.
+    void AppendUntil(uint64_t streamUs, std::vector<uint8_t>& ask, std::vector<uint8_t>& fsk);
     // Stream time covered by the frames made so far.
     uint64_t StreamUs() const { return frames_ * 5000; }
     // The device's clock starts again with each acquisition: the frames made

@@ -2,13 +2,11 @@
 
 #include "decode/AskStream.h"
 #include "events/SampleCoding.h"
-#include "events/StreamReplay.h"
 #include "services/Log.h"
-#include "services/SettingParams.h"
-#include "sim/StreamSynth.h"
 
 #include "FileSizeLimit.h"
 #include "RecordCompare.h"
+#include "SessionRecords.h"
 
 #include <gtest/gtest.h>
 
@@ -20,7 +18,6 @@
 #include <fstream>
 #include <random>
 #include <sched.h>
-#include <unordered_set>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -669,32 +666,10 @@ TEST(RecordStore, PlainFilesOfEarlierSessionsStillOpen)
 // plain one.
 TEST(RecordStore, EmulatorSessionRecordsComeBackExactAndSmaller)
 {
-    coilsim::SynthOptions o;
-    o.seed = 5;
-    o.noise = true;
-    coilsim::StreamSynth synth(coilsim::SessionScript::Default(5), o);
-    std::vector<uint8_t> ask, fsk, a, f;
-    while (synth.StreamUs() < 40ULL * 1000000ULL) {
-        synth.NextFrames(a, f);
-        ask.insert(ask.end(), a.begin(), a.end());
-        fsk.insert(fsk.end(), f.begin(), f.end());
-    }
-    SettingParams band;
-    band.m_min_freq = 110000;
-    band.m_max_freq = 210000;
-    band.m_ask_second_reader = 1;
-    band.m_fsk_second_reader = 1;
-    StreamReplay replay(ask.data(), ask.size(), fsk.data(), fsk.size(), &band);
-    std::vector<TriggerDataPtr> records;
-    std::unordered_set<const TriggerData*> seen;
-    size_t fskRecords = 0;
-    replay.Run([&](std::vector<MsgInfoPtr>& batch) {
-        for (const MsgInfoPtr& e : batch)
-            if (e->capture && seen.insert(e->capture.get()).second) {
-                records.push_back(e->capture);
-                fskRecords += e->direction == 1 ? 1 : 0;
-            }
-    });
+    const sessionrecords::SessionRecords session = sessionrecords::Collect(40.0, 5);
+    std::vector<TriggerDataPtr> records(session.ask);
+    records.insert(records.end(), session.fsk.begin(), session.fsk.end());
+    const size_t fskRecords = session.fsk.size();
     ASSERT_GT(records.size(), 200u);
     ASSERT_GT(fskRecords, 0u);
     QTemporaryDir dir;

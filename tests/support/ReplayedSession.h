@@ -35,12 +35,8 @@ inline void ReplaySessionIntoSamples(double seconds, uint32_t seed,
     if (scriptText)
         coilsim::SessionScript::Parse(scriptText, script, error);
     coilsim::StreamSynth synth(std::move(script), o);
-    std::vector<uint8_t> ask, fsk, a, f;
-    while (synth.StreamUs() < static_cast<uint64_t>(seconds * 1e6)) {
-        synth.NextFrames(a, f);
-        ask.insert(ask.end(), a.begin(), a.end());
-        fsk.insert(fsk.end(), f.begin(), f.end());
-    }
+    std::vector<uint8_t> ask, fsk;
+    synth.AppendUntil(static_cast<uint64_t>(seconds * 1e6), ask, fsk);
     SettingParams settings;
     settings.m_min_freq = 110000;
     settings.m_max_freq = 210000;

@@ -1,6 +1,6 @@
 // The capture records of a synthesized session of the emulator's script (noise
 // on), replayed through the decoders with both second readers on, the way a
-// live capture makes them: shared by the record benchmarks.
+// live capture makes them: for the record store's tests and benchmarks.
 #pragma once
 
 #include "events/StreamReplay.h"
@@ -11,7 +11,7 @@
 #include <unordered_set>
 #include <vector>
 
-namespace benchrecords {
+namespace sessionrecords {
 
 struct SessionRecords {
     std::vector<TriggerDataPtr> ask;  // receiver packets' records, in the order their events came
@@ -19,18 +19,14 @@ struct SessionRecords {
     double streamSeconds = 0.0;
 };
 
-inline SessionRecords Collect(int minutes, unsigned seed = 3)
+inline SessionRecords Collect(double seconds, unsigned seed = 3)
 {
     coilsim::SynthOptions o;
     o.seed = seed;
     o.noise = true;
     coilsim::StreamSynth synth(coilsim::SessionScript::Default(seed), o);
-    std::vector<uint8_t> ask, fsk, a, f;
-    while (synth.StreamUs() < static_cast<uint64_t>(minutes) * 60ULL * 1000000ULL) {
-        synth.NextFrames(a, f);
-        ask.insert(ask.end(), a.begin(), a.end());
-        fsk.insert(fsk.end(), f.begin(), f.end());
-    }
+    std::vector<uint8_t> ask, fsk;
+    synth.AppendUntil(static_cast<uint64_t>(seconds * 1e6), ask, fsk);
     SettingParams band;
     band.m_min_freq = 110000;
     band.m_max_freq = 210000;
@@ -51,4 +47,4 @@ inline SessionRecords Collect(int minutes, unsigned seed = 3)
     return out;
 }
 
-}  // namespace benchrecords
+}  // namespace sessionrecords
