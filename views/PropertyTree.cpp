@@ -137,6 +137,9 @@ void PropertyTree::AddRow(QStandardItem* group, const QString& name, const QVari
     key->setEditable(false);
     auto* cell = new QStandardItem();
     cell->setData(value, Qt::DisplayRole);
+    // A value wider than the pane (a note, a long text) reads whole on hover.
+    if (value.type() == QVariant::String)
+        cell->setToolTip(value.toString());
     cell->setEditable(false);
     group->appendRow({key, cell});
 }

@@ -561,6 +561,9 @@ TEST_F(MainWindowTest, DamagedRecordIsToldInThePropertyPane)
     events->eventClidked(group->child(1)->index());
     EXPECT_TRUE(tree->GroupTitles().contains("Capture Record")) << tree->GroupTitles().join(",").toStdString();
     EXPECT_EQ(tree->Value("Capture Record", "Wave").toString(), "Damaged in the record file: no wave");
+    // The note is wider than the pane: it reads whole on hover.
+    ASSERT_TRUE(tree->ValueItem("Capture Record", "Wave"));
+    EXPECT_EQ(tree->ValueItem("Capture Record", "Wave")->toolTip(), "Damaged in the record file: no wave");
     EXPECT_TRUE(tree->GroupTitles().contains("Packet Properties"));
     events->eventClidked(group->child(0)->index());
     EXPECT_FALSE(tree->GroupTitles().contains("Capture Record"));
