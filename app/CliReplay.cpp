@@ -6,6 +6,7 @@
 #include "app/CliShow.h"
 #include "app/SessionPrinter.h"
 #include "events/EventLogModel.h"
+#include "events/RecordStore.h"
 #include "events/SessionFile.h"
 #include "events/StreamReplay.h"
 #include "interchange/SigrokImport.h"
@@ -32,6 +33,7 @@ const char* kReplayHelp =
     "through the same decoders and data manager as a live capture, in capture\n"
     "time order, and the session's log is printed (--json: one JSON object per\n"
     "event). --sid OUT also writes the events as a session file, and beside it\n"
+    "their capture records (OUT's name with .rec: the waves of the packets) and\n"
     "OUT's .timing file: the carrier's edges and the timing findings (see check).\n"
     "--ask-reader both (the default, unless the settings turn the second\n"
     "reader off) reads the receiver's packets with the list decoder and a\n"
@@ -216,12 +218,20 @@ int RunReplay(int argc, char** argv)
         return 2;
     }
     std::FILE* sid = nullptr;
+    // The capture records of the events go beside the .sid, numbered by their
+    // place in it, as a live capture stores them: opening the session shows
+    // their waves.
+    RecordStore records;
+    uint64_t sidRecords = 0;
     if (!sidOut.empty()) {
         sid = std::fopen(sidOut.c_str(), "wb");
         if (!sid) {
             std::fprintf(stderr, "coilscope-cli replay: cannot write %s\n", sidOut.c_str());
             return 2;
         }
+        if (!records.Create(RecordStore::PathBeside(sidOut)))
+            std::fprintf(stderr, "coilscope-cli replay: cannot write %s: the session is saved without its waves\n",
+                         RecordStore::PathBeside(sidOut).c_str());
     }
     StreamReplay replay(std::move(ask), std::move(fsk));
     if (askReader >= 0)
@@ -264,8 +274,13 @@ int RunReplay(int argc, char** argv)
     int shown = -1;  // the percentage on the terminal; written again only when it changes
     replay.Run(
         [&](std::vector<MsgInfoPtr>& events) {
-            for (const auto& e : events)
-                WriteSessionRecord(sid, *e);
+            for (const auto& e : events) {
+                if (!WriteSessionRecord(sid, *e))
+                    continue;
+                ++sidRecords;
+                if (e->capture)
+                    records.Append(sidRecords, *e->capture, EventTag(*e));
+            }
             takeEdges();
             printer.Before();
             model.AddEvents(events);
@@ -298,8 +313,12 @@ int RunReplay(int argc, char** argv)
         std::fprintf(stderr, "readers: FSK agreed %lld, recovered %lld, corrected %lld, disputed %lld\n",
                      (long long)c.agreed, (long long)c.recovered, (long long)c.corrected, (long long)c.disputed);
     }
-    if (sid)
-        std::fclose(sid);
     std::cout << std::flush;
+    if (sid) {
+        std::fclose(sid);
+        records.Close();
+        std::fprintf(stderr, "session saved in %s (capture records in %s, timing in %s)\n", sidOut.c_str(),
+                     RecordStore::PathBeside(sidOut).c_str(), analysis::TimingFile::PathBeside(sidOut).c_str());
+    }
     return 0;
 }

@@ -44,10 +44,13 @@ QString Q(const std::string& s)
     return QString::fromUtf8(s.data(), static_cast<int>(s.size()));
 }
 
-// What tells an event's record from another's when a .sid is read back: the
-// fields the .sid keeps exactly (type, texts, frame bytes, time stamps). A
-// record file whose records no longer line up with its .sid (a record of
-// the .sid lost) then gives the events no wave rather than another's.
+int32_t WindowTime()
+{
+    return SettingParams::Instance().m_window_time;
+}
+
+}  // namespace
+
 uint32_t EventTag(const MsgInfo& e)
 {
     std::string key = std::to_string(e.type);
@@ -58,13 +61,6 @@ uint32_t EventTag(const MsgInfo& e)
     }
     return RecordStore::Checksum(key.data(), key.size());
 }
-
-int32_t WindowTime()
-{
-    return SettingParams::Instance().m_window_time;
-}
-
-}  // namespace
 
 QStandardItemEx::QStandardItemEx(const QString& text, StandardItemMode mode)
     : mode(mode), isGroup(false), m_compact(false), info(std::make_unique<MsgInfo>()), session(-1), sidOffset(kNotInSid)

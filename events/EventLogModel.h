@@ -99,6 +99,13 @@ private:
 // the direction, then "[number] " and the text.
 QString EventLogLine(int32_t number, const QString& text, int direction);
 
+// What tells an event's record from another's when a .sid is read back: the
+// fields the .sid keeps exactly (type, texts, frame bytes, time stamps). A
+// record file whose records no longer line up with its .sid (a record of the
+// .sid lost) then gives the events no wave rather than another's. It is the
+// tag a record is stored under in the .rec beside the .sid.
+uint32_t EventTag(const MsgInfo& e);
+
 class EventLogModel {
 public:
     EventLogModel();

@@ -98,9 +98,8 @@ TEST(CliCheck, ASessionFileIsJudgedWithItsTimingFileAsTheCaptureWas)
     const Result fromSid = RunCli("check " + e2e::Quote(sid));
     EXPECT_EQ(raw.status, 0);
     EXPECT_EQ(fromSid.status, 0);
-    // The same finding of the same event (replay --sid writes no record
-    // file, so the session's packets are timed by the decoders' spans rather
-    // than on their envelopes: the numbers may differ by a few tens of us).
+    // The same finding of the same event, the session's packets timed on the
+    // envelopes of the records that replay --sid saved beside it.
     const auto a = e2e::Lines(raw.out), b = e2e::Lines(fromSid.out);
     ASSERT_EQ(a.size(), 2u) << raw.out;
     ASSERT_EQ(b.size(), 2u) << fromSid.out;

@@ -1,6 +1,9 @@
 // coilscope-cli as a user runs it: the program itself, its output and its
 // exit status.
 #include "ProcessFixtures.h"
+#include "events/EventLogModel.h"
+#include "events/RecordStore.h"
+#include "events/SessionFile.h"
 
 #include <gtest/gtest.h>
 
@@ -319,6 +322,52 @@ TEST(CliReplay, SessionFileIsSavedAnewOnlyWhenAsked)
     const Result refused = RunCli("replay '" + first + "' --sid /nonexistent/x.sid", true);
     EXPECT_EQ(refused.status, 2);
     EXPECT_EQ(refused.out, "coilscope-cli replay: cannot write /nonexistent/x.sid\n");
+}
+
+// Raw capture files replayed into a session file keep their capture records
+// beside it, as a live capture does: each record under its event's place in
+// the .sid and with its event's tag, every receiver packet with its wave, and
+// the replay says where the session went.
+TEST(CliReplay, RawCapturesSavedAsASessionKeepTheirRecordsBesideIt)
+{
+    const std::string dir = std::string(std::getenv("XDG_DATA_HOME")) + "/replay-raw-records";
+    std::system(("rm -rf '" + dir + "' && mkdir -p '" + dir + "'").c_str());
+    const std::string data = std::string(COILSCOPE_TEST_DATA);
+    const std::string sid = dir + "/s.sid";
+    const Result r =
+        RunCli("replay '" + data + "/emulator.2k.bin' '" + data + "/emulator.fsk.bin' --sid '" + sid + "'", true);
+    ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("session saved in " + sid + " (capture records in " + dir + "/s.rec, timing in " + dir +
+                         "/s.timing)\n"),
+              std::string::npos)
+        << r.out;
+    EXPECT_EQ(RunShell("ls -A '" + dir + "'"), "s.rec\ns.sid\ns.timing\n");
+
+    std::vector<MsgInfoPtr> events;
+    std::string error;
+    ASSERT_TRUE(OpenSessionFile(sid, events, error)) << error;
+    RecordStore records;
+    ASSERT_TRUE(records.Open(RecordStore::PathBeside(sid)));
+    EXPECT_EQ(records.Version(), RecordStore::kVersionPacked);
+    EXPECT_EQ(records.DamagedCount(), 0u);
+    size_t controlErrors = 0, withWave = 0;
+    for (size_t i = 0; i < events.size(); ++i) {
+        uint32_t tag = 0;
+        if (records.Tag(i + 1, &tag)) {
+            EXPECT_EQ(tag, EventTag(*events[i])) << "record " << i + 1;
+            const TriggerDataPtr wave = records.Load(i + 1);
+            ASSERT_TRUE(wave) << "record " << i + 1;
+            EXPECT_FALSE(wave->samples.empty()) << "record " << i + 1;
+        }
+        // Control errors: packets of the receiver, read from the envelope.
+        if (events[i]->type == 3) {
+            ++controlErrors;
+            withWave += records.Has(i + 1) ? 1 : 0;
+        }
+    }
+    ASSERT_GT(controlErrors, 10u);
+    EXPECT_EQ(withWave, controlErrors);
+    EXPECT_GT(records.Count(), controlErrors);
 }
 
 // ------------------------------------------- a recorded capture, two ASK readers
