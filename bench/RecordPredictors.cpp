@@ -35,29 +35,6 @@
 
 namespace {
 
-constexpr size_t kTail = 200;  // one pass of 5 ms
-
-// The envelope a record keeps: its pulses' samples one after another (the
-// burst before the decoder's smoothing), if they begin with its raw samples.
-bool Envelope(const TriggerData& r, std::vector<int32_t>& y)
-{
-    y.clear();
-    for (const PulseRecord& p : r.pulses)
-        y.insert(y.end(), p.samples.begin(), p.samples.end());
-    return y.size() > 2 * kTail && !r.rawSamples.empty() && r.rawSamples.size() <= y.size() &&
-           std::equal(r.rawSamples.begin(), r.rawSamples.end(), y.begin());
-}
-
-uint64_t SeriesBits(const std::vector<int32_t>& y, size_t from, size_t to)
-{
-    std::vector<uint8_t> bytes;
-    {
-        BitWriter out(bytes);
-        samplecoding::PutSeries(out, y.data(), from, to);
-    }
-    return 8 * bytes.size();
-}
-
 uint64_t Zigzag(int64_t v)
 {
     return v < 0 ? static_cast<uint64_t>(-(v + 1)) * 2 + 1 : static_cast<uint64_t>(v) * 2;
@@ -170,18 +147,18 @@ int main(int argc, char** argv)
     uint64_t recordBits = 0, v3Head = 0, v3Tail = 0, lpcHead = 0, lpcTail = 0;
     std::vector<int32_t> y;
     for (const TriggerDataPtr& r : session.ask) {
-        if (!Envelope(*r, y)) {
+        if (!sessionrecords::Envelope(*r, y)) {
             ++other;
             continue;
         }
         ++records;
-        const size_t cut = y.size() - kTail;
+        const size_t cut = y.size() - sessionrecords::kPass;
         samples += y.size();
         head += cut;
-        tail += kTail;
+        tail += sessionrecords::kPass;
         recordBits += 8 * (RecordStore::EncodePacked(*r).size() + RecordStore::kCompressedFrameHeaderSize);
-        v3Head += SeriesBits(y, 0, cut);
-        v3Tail += SeriesBits(y, cut, y.size()) - 7;  // less the padding of the last byte, on average
+        v3Head += sessionrecords::SeriesBits(y, 0, cut);
+        v3Tail += sessionrecords::SeriesBits(y, cut, y.size());
         const std::vector<int64_t> e = AdaptiveResiduals(y, 12, 96, 8);
         lpcHead += RiceBits(e, 0, cut);
         lpcTail += RiceBits(e, cut, e.size());
@@ -191,9 +168,7 @@ int main(int argc, char** argv)
         return 1;
     }
     const auto per = [](uint64_t bits, uint64_t n) { return n ? static_cast<double>(bits) / static_cast<double>(n) : 0.0; };
-    // One smoothing divides the emulator's noise (60 counts, 2 % of its swing)
-    // by 5: a Gaussian of 12 counts, log2(12 sqrt(2 pi e)) bits a sample.
-    const double floorOnce = std::log2(12.0 * std::sqrt(2.0 * M_PI * std::exp(1.0)));
+    const double floorOnce = sessionrecords::OnceSmoothedNoiseBits();
     std::printf("%d minutes of stream: %zu ASK records with their envelope (%zu others), %llu samples (%.0f a record)\n",
                 minutes, records, other, static_cast<unsigned long long>(samples),
                 static_cast<double>(samples) / static_cast<double>(records));

@@ -1,7 +1,6 @@
 #include "events/RecordStore.h"
 
 #include "decode/AskStream.h"
-#include "events/SampleCoding.h"
 #include "services/Log.h"
 
 #include "FileSizeLimit.h"
@@ -713,31 +712,18 @@ TEST(RecordStore, EmulatorSessionRecordsComeBackExactAndSmaller)
     uint64_t recordBits = 0, samples = 0, before = 0, beforeBits = 0, last = 0, lastBits = 0;
     std::vector<int32_t> y;
     for (const TriggerDataPtr& r : records) {
-        y.clear();
-        for (const PulseRecord& p : r->pulses)
-            y.insert(y.end(), p.samples.begin(), p.samples.end());
-        if (r->rawSamples.empty() || y.size() < 400 || r->rawSamples.size() > y.size() ||
-            !std::equal(r->rawSamples.begin(), r->rawSamples.end(), y.begin()))
+        if (!sessionrecords::Envelope(*r, y))
             continue;
         recordBits += 8 * (RecordStore::EncodePacked(*r).size() + RecordStore::kCompressedFrameHeaderSize);
         samples += y.size();
-        const size_t cut = y.size() - 200;
-        std::vector<uint8_t> head, tail;
-        {
-            BitWriter out(head);
-            samplecoding::PutSeries(out, y.data(), 0, cut);
-        }
-        {
-            BitWriter out(tail);
-            samplecoding::PutSeries(out, y.data(), cut, y.size());
-        }
+        const size_t cut = y.size() - sessionrecords::kPass;
         before += cut;
-        beforeBits += 8 * head.size();
-        last += 200;
-        lastBits += 8 * tail.size();
+        beforeBits += sessionrecords::SeriesBits(y, 0, cut);
+        last += sessionrecords::kPass;
+        lastBits += sessionrecords::SeriesBits(y, cut, y.size());
     }
     ASSERT_GT(samples, 100000u);
-    const double floorOnce = std::log2(12.0 * std::sqrt(2.0 * M_PI * std::exp(1.0)));
+    const double floorOnce = sessionrecords::OnceSmoothedNoiseBits();
     const double lastPerSample = static_cast<double>(lastBits) / static_cast<double>(last);
     const double beforePerSample = static_cast<double>(beforeBits) / static_cast<double>(before);
     const double recordPerSample = static_cast<double>(recordBits) / static_cast<double>(samples);
