@@ -23,6 +23,10 @@
 #include <QAction>
 #include <QApplication>
 #include <QDir>
+#include <QGuiApplication>
+#include <QHelpEvent>
+#include <QScreen>
+#include <QStandardItem>
 #include <QPixmap>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -122,6 +126,27 @@ int main(int argc, char** argv)
     std::printf("%s: %s opened in place, record %llu damaged, note \"%s\"\n", saved ? "saved" : "not saved",
                 sid.c_str(), static_cast<unsigned long long>(damaged),
                 events->Model().SelectedRecordNote().toLocal8Bit().constData());
+
+    // The note wider than the pane, read whole in the tool tip of its value,
+    // as a pointer resting on it shows it: the screen with the tool tip.
+    {
+        QTreeView* view = w.Dock()->PropertyView()->Tree()->View();
+        QStandardItem* cell = w.Dock()->PropertyView()->Tree()->ValueItem(QStringLiteral("Capture Record"),
+                                                                          QStringLiteral("Wave"));
+        if (cell) {
+            const QRect rect = view->visualRect(cell->index());
+            const QPoint at = rect.topLeft() + QPoint(20, rect.height() / 2);
+            QHelpEvent hover(QEvent::ToolTip, at, view->viewport()->mapToGlobal(at));
+            QApplication::sendEvent(view->viewport(), &hover);
+            QTest::qWait(500);
+            QString tipPath = QString::fromLocal8Bit(argv[1]);
+            tipPath.replace(QRegularExpression(QStringLiteral("\\.png$")), QString());
+            tipPath += QStringLiteral("_tooltip.png");
+            saved = QGuiApplication::primaryScreen()->grabWindow(0).save(tipPath) && saved;
+            std::printf("%s: the tool tip of the note, \"%s\"\n", tipPath.toLocal8Bit().constData(),
+                        cell->toolTip().toLocal8Bit().constData());
+        }
+    }
 
     // The control error before it, whose record is whole: its wave.
     w.Action(QStringLiteral("action2K_Ware"))->trigger();
